@@ -1,0 +1,83 @@
+#include "util/MsgMgr.h"
+
+#include <new>
+#include <thread>
+
+#include "publicInc/ResultCode.h"
+#include "util/Log.h"
+#include "zel_platform/prax.h"
+#include "zel_platform/track.h"
+
+namespace commonutil {
+
+namespace {
+
+constexpr char kLogFile[] = "commonutil/util/MsgMgr";
+constexpr char kWorkerName[] = "zel_util";
+constexpr int kMessageCategory = 4;  // under which tracking counts the commands
+constexpr long long kSlowCommandMs = 3000;
+
+}  // namespace
+
+std::atomic<unsigned long> MsgMainThreadMgr::m_tid{0};
+std::atomic<int> MsgMainThreadMgr::m_stopRunFlag{0};
+
+void MsgMainThreadMgr::Init() { std::thread(&MsgMainThreadMgr::ThreadFunc, this).detach(); }
+
+int MsgMainThreadMgr::PushCmd(std::function<int()> func, const std::string& name) {
+  if (!func) {
+    ZEL_LOG(kError) << "PushCmd sync param null";
+    return kPushNullCommand;
+  }
+  if (PRAX_GetTID() == m_tid.load()) return func();
+
+  std::shared_future<std::int32_t> result;
+  try {
+    std::promise<std::int32_t> promise;
+    result = promise.get_future().share();
+    // The queue alone keeps the command: dropping it there must break the promise.
+    PushBack(std::make_shared<ThreadExec>(std::move(func), name, std::move(promise)));
+  } catch (const std::bad_alloc&) {
+    ZEL_LOG(kWarning) << "pThreadExec new failed!";
+    return kPushNoMemory;
+  }
+  try {
+    return result.get();
+  } catch (const std::future_error&) {  // dropped: the only error a command leaves here
+  }
+  // Made anew on this thread: the worker may still be releasing the one it left.
+  throw std::future_error(std::future_errc::broken_promise);
+}
+
+void MsgMainThreadMgr::PushCmd(std::function<void()> func, const std::string& name) {
+  PushBack(std::make_shared<ThreadNoRetExec>(std::move(func), name));
+}
+
+void MsgMainThreadMgr::StopThread() { m_stopRunFlag.store(1); }
+
+void MsgMainThreadMgr::ThreadFunc() {
+  m_tid.store(PRAX_GetTID());
+  (void)PRAX_PthreadSetName(kWorkerName);  // a thread without a name works as well
+  if (m_stopRunFlag.load() != 0) return;
+  do {
+    std::shared_ptr<ThreadExecInterface> command;
+    (void)Wait(command);
+    if (m_stopRunFlag.load() != 0) return;  // drops the command
+
+    const unsigned long long begin = PRAX_GetSystemTime();
+    command->Exec();
+    Track_MsgDotCount(kMessageCategory);
+    const long long used = static_cast<long long>(PRAX_GetSystemTime() - begin);
+    if (used > kSlowCommandMs) {
+      ZEL_LOG(kWarning) << "func:" << command->Name() << ", begin time: " << begin
+                        << ", use time: " << used;
+    }
+  } while (m_stopRunFlag.load() == 0);
+}
+
+MsgMainThreadMgr& MsgMainThreadMgrHandler::GetInst() {
+  static MsgMainThreadMgrHandler* const instance = new MsgMainThreadMgrHandler;
+  return instance->m_manager;
+}
+
+}  // namespace commonutil

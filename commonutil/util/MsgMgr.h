@@ -1,0 +1,152 @@
+// The one worker thread behind the facade: everything that changes the database or the
+// managers is pushed to it as a command and runs there, one at a time, in the order pushed.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <list>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "util/Mutex.h"
+
+namespace commonutil {
+
+// A first-in-first-out list that its reader waits on. Any thread may push and wait. It must
+// outlive its last waiter.
+template <class T>
+class SafeCondList {
+ public:
+  SafeCondList() = default;
+  SafeCondList(const SafeCondList&) = delete;
+  SafeCondList& operator=(const SafeCondList&) = delete;
+
+  // Throws std::bad_alloc with nothing pushed.
+  void PushBack(T element) {
+    std::list<T> node;  // made and, in Wait, released outside the lock
+    node.push_back(std::move(element));
+    MutexLock hold(m_lock);
+    m_list.splice(m_list.end(), node);
+    ++m_count;
+    m_pushed.notify_all();
+  }
+
+  // Blocks, without a time-out, until there is an element; moves the first one to `out`.
+  // Always true.
+  bool Wait(T& out) {
+    std::list<T> node;
+    {
+      MutexLock hold(m_lock);
+      while (m_count == 0) WaitLocked();
+      node.splice(node.end(), m_list, m_list.begin());
+      --m_count;
+    }
+    out = std::move(node.front());
+    return true;
+  }
+
+ private:
+  void WaitLocked() ZEL_REQUIRES(m_lock) {
+    std::unique_lock<std::mutex> native(m_lock.native(), std::adopt_lock);
+    m_pushed.wait(native);
+    native.release();  // the caller's MutexLock unlocks
+  }
+
+  Mutex m_lock;
+  std::condition_variable m_pushed;
+  std::list<T> m_list ZEL_GUARDED_BY(m_lock);
+  std::size_t m_count ZEL_GUARDED_BY(m_lock) = 0;
+};
+
+// A command: what to run, and the name under which the log reports it when it is slow.
+class ThreadExecInterface {
+ public:
+  explicit ThreadExecInterface(const std::string& name) : m_name(name) {}
+  virtual void Exec() = 0;
+  virtual ~ThreadExecInterface() = default;
+  ThreadExecInterface(const ThreadExecInterface&) = delete;
+  ThreadExecInterface& operator=(const ThreadExecInterface&) = delete;
+
+  const std::string& Name() const { return m_name; }
+
+ private:
+  const std::string m_name;
+};
+
+// A command whose result somebody waits for. Destroyed before it ran, it ends that wait
+// with std::future_errc::broken_promise. An exception of the callable is not handed to the one
+// who waits: it leaves Exec.
+class ThreadExec : public ThreadExecInterface {
+ public:
+  ThreadExec(std::function<std::int32_t()> func, const std::string& name,
+             std::promise<std::int32_t> result)
+      : ThreadExecInterface(name), m_func(std::move(func)), m_result(std::move(result)) {}
+  void Exec() override { m_result.set_value(m_func()); }
+
+ private:
+  const std::function<std::int32_t()> m_func;
+  std::promise<std::int32_t> m_result;
+};
+
+class ThreadNoRetExec : public ThreadExecInterface {
+ public:
+  ThreadNoRetExec(std::function<void()> func, const std::string& name)
+      : ThreadExecInterface(name), m_func(std::move(func)) {}
+  void Exec() override { m_func(); }
+
+ private:
+  const std::function<void()> m_func;
+};
+
+// The queue of commands and the thread that runs them. Any thread may push. There is one
+// manager per process, because the worker's id and the stop flag are the process's own, and it
+// is never destroyed, because the worker is detached.
+//
+// A command that throws ends the process.
+class MsgMainThreadMgr : public SafeCondList<std::shared_ptr<ThreadExecInterface>> {
+ public:
+  // Starts the worker. Throws std::system_error when there can be no thread.
+  void Init();
+
+  // Runs `func` on the worker and returns its result; on the worker itself, at once and
+  // before everything queued, so that a command may push another. `name` is the caller's
+  // signature. Returns kPushNullCommand for an empty callable, kPushNoMemory when no command
+  // can be made. Throws std::future_error when the worker was stopped and has dropped the
+  // command; when it had ended before, the call never returns.
+  //
+  // A lambda that returns int fits both forms: wrap it in the std::function meant.
+  int PushCmd(std::function<int()> func, const std::string& name);
+
+  // Queues `func`, which must not be empty, and returns; also on the worker.
+  void PushCmd(std::function<void()> func, const std::string& name);
+
+  // For good: the worker ends after the command that it runs now or, if it waits, after
+  // dropping the next one. What is queued behind is never run and never released. Does not
+  // wait for the worker.
+  static void StopThread();
+
+ private:
+  void ThreadFunc();
+
+  static std::atomic<unsigned long> m_tid;  // written by the worker as it starts
+  static std::atomic<int> m_stopRunFlag;    // written by any thread, 0 to 1 only
+};
+
+// Holds the manager of the process.
+class MsgMainThreadMgrHandler {
+ public:
+  // The first call starts the worker. When that throws, the next call tries again.
+  static MsgMainThreadMgr& GetInst();
+
+ private:
+  MsgMainThreadMgrHandler() { m_manager.Init(); }
+
+  MsgMainThreadMgr m_manager;
+};
+
+}  // namespace commonutil

@@ -1,0 +1,93 @@
+// Small self-contained helpers: texts, URLs, files, JSON, and the settings read from
+// "sdkCommonConfig.json". All functions are static and may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "publicInc/ZelExport.h"
+#include "util/EncryptUtils.h"
+#include "util/Mutex.h"
+
+namespace commonutil {
+
+class ZEL_API PublicUtil {
+ public:
+  // --- Texts -----------------------------------------------------------------
+
+  // The pieces between occurrences of `delimiter`, empty ones included, but none after a
+  // trailing delimiter and none for an empty text. An empty delimiter gives the whole text.
+  static std::vector<std::string> split(const std::string& text, const std::string& delimiter);
+  static std::string replaceFirst(std::string text, const std::string& from, const std::string& to);
+  // True for four decimal numbers of 0 to 255 joined by dots, 15 characters at most and nothing
+  // behind them. Signs, leading zeros and blanks before a number are accepted.
+  static bool isIPv4(const std::string& text);
+  // Percent-encoding (RFC 3986 section 2.1), with "-_.!~*'()/" and the C library's letters and
+  // digits copied, and every white-space character as "%20".
+  static std::string urlEncode(const std::string& text);
+  // The empty result for text that cannot be converted.
+  static std::wstring UTF8ToWstring(const std::string& text);
+  static std::string WstringToUTF8(const std::wstring& text);
+  // The text unchanged: this platform has no other narrow encoding.
+  static std::string UTF8ToAnsi(const std::string& text);
+
+  // 0 for every thread, deliberately: all threads share one database connection, and that
+  // connection is kept under this number.
+  static std::uint64_t GetCurrentThreadId();
+
+  // --- JSON ------------------------------------------------------------------
+
+  // One line, without indentation.
+  static std::string Json2String(const Json::Value& value);
+  // True when `text` is a JSON object or array (comments and text behind it are tolerated).
+  // Never throws: text nested too deeply is a failure as any other.
+  static bool SafeParseJson(const std::string& text, Json::Value& out);
+
+  // --- Files -----------------------------------------------------------------
+
+  // Reads a whole file into a NUL-terminated buffer that the caller releases with
+  // PRAX_MemFreeD. Returns 0, or 1 with `*buffer` null; an empty file is a failure.
+  static unsigned int UtilReadFile(const std::string& path, char** buffer);
+
+  // --- Secrets ---------------------------------------------------------------
+
+  static EncryptUtils& getEncryptUtilsInst();
+
+  // --- Server domain, from "sdkCommonConfig.json" in the configuration directory ----
+
+  // An empty path changes nothing. A separator is appended when there is none at the end:
+  // "\" for a path that holds one, else "/".
+  static void SetConfigFilePath(const std::string& path);
+  // An empty strategy changes nothing, `changed` included.
+  static void SetServerDomainStrategy(const std::string& strategy, bool changed);
+  // The member "zel_domain_identity"; read until it is found once, then kept for good.
+  static std::string GetServerDomainIdentity();
+  // The member `key`; with a changed strategy the first identity + ".com" in it becomes
+  // identity + "." + strategy. Empty when the file or the member is missing. Reads the file.
+  static std::string GetUrlFromCommonConfig(const std::string& key);
+
+  // A hook for platforms that keep a mark of damaged databases; does nothing here.
+  static void SetDBCorruptFlag(const std::string& dbName);
+
+ private:
+  // As GetServerDomainIdentity.
+  static std::string IdentityLocked() ZEL_REQUIRES(m_configMutex);
+  static std::string WithStrategyLocked(const std::string& url) ZEL_REQUIRES(m_configMutex);
+
+  // Never destroyed: a detached thread may still read them while the process exits. The
+  // configuration lock is held while the file is read and the outcome logged.
+  static Mutex& m_configMutex;
+  static std::string& m_configFilePath ZEL_GUARDED_BY(m_configMutex);
+  // Written once, before m_haveIdentity is set (release), never changed after.
+  static std::string& m_serverDomainIdentity;
+  static std::atomic<bool> m_haveIdentity;
+  static Mutex& m_strategyMutex;
+  static std::string& m_serverDomainStrategy ZEL_GUARDED_BY(m_strategyMutex);
+  static bool m_serverDomainStrategyChanged ZEL_GUARDED_BY(m_strategyMutex);
+};
+
+}  // namespace commonutil

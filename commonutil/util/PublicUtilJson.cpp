@@ -1,0 +1,76 @@
+#include <memory>
+#include <utility>
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include "util/Log.h"
+#include "util/PublicUtil.h"
+
+namespace commonutil {
+
+namespace {
+
+constexpr char kLogFile[] = "commonutil/util/PublicUtil";
+
+using ReaderPtr = std::unique_ptr<Json::CharReader>;
+
+// To make a reader takes as long as to parse a small message, so each thread keeps one. A
+// reader holds on to the memory that its largest text took: after one beyond this it goes.
+constexpr std::size_t kLargestTextOfKeptReader = 64 * 1024;
+
+// Code that runs while the thread's objects are being destroyed does without.
+thread_local bool t_threadEnds = false;
+
+struct KeptReader {
+  ~KeptReader() { t_threadEnds = true; }
+  ReaderPtr reader;
+};
+thread_local KeptReader t_kept;
+
+ReaderPtr TakeReader() {
+  if (!t_threadEnds && t_kept.reader) return std::move(t_kept.reader);
+  return ReaderPtr(Json::CharReaderBuilder().newCharReader());
+}
+
+void KeepReader(ReaderPtr reader) {
+  if (!t_threadEnds) t_kept.reader = std::move(reader);
+}
+
+// Throws what the parser throws. A reader that failed is not used again.
+bool Parse(const std::string& text, Json::Value& out) {
+  ReaderPtr reader = TakeReader();
+  const char* const begin = text.data();
+  if (!reader->parse(begin, begin + text.size(), &out, nullptr)) return false;
+  if (text.size() <= kLargestTextOfKeptReader) KeepReader(std::move(reader));
+  return true;
+}
+
+const Json::StreamWriterBuilder& OneLineWriter() {
+  static const Json::StreamWriterBuilder* const builder = [] {
+    auto* const made = new Json::StreamWriterBuilder;
+    (*made)["indentation"] = "";
+    return made;
+  }();
+  return *builder;
+}
+
+}  // namespace
+
+std::string PublicUtil::Json2String(const Json::Value& value) {
+  return Json::writeString(OneLineWriter(), value);
+}
+
+bool PublicUtil::SafeParseJson(const std::string& text, Json::Value& out) {
+  if (text.empty()) return false;
+  try {
+    if (Parse(text, out) && (out.isObject() || out.isArray())) return true;
+  } catch (...) {  // nested too deeply, or no memory
+    ZEL_LOG(kError) << "parse json crash ";
+    return false;
+  }
+  ZEL_LOG(kError) << "parse json error ";
+  return false;
+}
+
+}  // namespace commonutil

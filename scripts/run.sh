@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds the library and plays a session against it: the example, or what is given.
+#   scripts/run.sh [--data DIR] [--timeout SECONDS] [FILE|-]
+# Standard output carries the library's replies and notifications and nothing else.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+readonly root
+
+# Whether the console's arguments name no input.
+lacks_input() {
+  while [[ $# -gt 0 ]]; do
+    case $1 in
+      --data | --timeout) shift ;;
+      -) return 1 ;;
+      -*) ;;
+      *) return 1 ;;
+    esac
+    [[ $# -eq 0 ]] || shift
+  done
+}
+
+"$root/scripts/setup.sh"
+"$root/scripts/build.sh" release --target zelctl -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF
+
+arguments=("$@")
+if lacks_input "$@"; then
+  arguments+=("$root/examples/first-session.jsonl")
+fi
+echo "run: zelctl ${arguments[*]}" >&2
+exec "$root/build/release/bin/zelctl" "${arguments[@]}"

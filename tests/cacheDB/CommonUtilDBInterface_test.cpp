@@ -1,0 +1,368 @@
+#include "cacheDB/CommonUtilDBInterface.h"
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "CacheDbTest.h"
+#include "prax/prax_ref.h"
+#include "util/Log.h"
+
+namespace commonutil {
+namespace {
+
+using support::CountLog;
+using support::CountLogPrefix;
+using support::ReadWholeFile;
+using support::WriteWholeFile;
+using support::ZormCalls;
+
+std::atomic<int> g_pauses{0};
+std::atomic<int> g_oddPauses{0};
+
+void CountPause(unsigned int ms) {
+  ++g_pauses;
+  if (ms != 100) ++g_oddPauses;
+}
+
+// A manager before its first initialisation, whatever the process has done before.
+class FreshManager : public SqliteInterfaceManager {};
+
+class CommonUtilDBInterfaceTest : public CacheDbTest {
+ protected:
+  CommonUtilDBInterfaceTest() {
+    g_pauses = 0;
+    g_oddPauses = 0;
+    PRAX_Ref_SetSleepHook(CountPause);
+  }
+
+  int Init() { return m_manager.InitDB(m_dir.Path(), m_dir.Path()); }
+  // As a process that starts on the files of an earlier one.
+  int InitAgain() {
+    EndProcess();
+    FreshManager later;
+    return later.InitDB(m_dir.Path(), m_dir.Path());
+  }
+  static void EndProcess() {
+    if (IDataStorage* const storage = DataStorageMgr::GetInst().GetDataStorage(kCacheDbName)) {
+      storage->Close();
+    }
+    DataStorageMgr::GetInst().Uninit();
+    support::ClearLog();
+  }
+  void AddThree() {
+    const ZelConfigCache entries[] = {{0, "a", "abc"}, {0, "b", "abcd"}, {0, "c", ""}};
+    EXPECT_EQ(m_manager.BatchAddConfigCache(entries, 3), 0);
+  }
+  int Query(const std::string& key, int keyType, int capacity = 1) {
+    m_count = capacity;
+    return m_manager.QueryConfigCache({key, keyType}, m_rows, &m_count);
+  }
+  static int CountCalls(const std::string& prefix) {
+    int count = 0;
+    for (const std::string& call : ZormCalls())
+      count += call.compare(0, prefix.size(), prefix) == 0;
+    return count;
+  }
+  std::string SaltFile() const { return m_dir.File("sdkcache_config.db"); }
+
+  FreshManager m_manager;
+  ZelConfigCache m_rows[8];
+  int m_count = 0;
+};
+
+TEST_F(CommonUtilDBInterfaceTest, RefusesEveryOperationBeforeItsInitialisation) {
+  const ZelConfigCache entry{0, "k", "v"};
+  m_manager.SingleAddConfigCache(entry);
+  EXPECT_EQ(m_manager.BatchAddConfigCache(&entry, 1), 10001);
+  EXPECT_EQ(m_manager.DeleteConfigCache({"k", 1}), 10001);
+  EXPECT_EQ(CountLog("DB not init", kError), 3);
+  EXPECT_EQ(Query("k", 1), 415000001);
+  EXPECT_EQ(CountLog("DB not init, key: k, type: 1", kError), 1);
+  EXPECT_EQ(m_count, 0);
+  EXPECT_EQ(m_manager.BatchAddConfigCache(nullptr, 1), 10000);
+  EXPECT_EQ(m_manager.QueryConfigCache({"k", 1}, nullptr, &m_count), 411000002);
+  EXPECT_EQ(m_manager.QueryConfigCache({"k", 1}, m_rows, nullptr), 411000002);
+  EXPECT_EQ(CountLog("ptr is empty.", kError), 3);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, TheFirstStartMakesTheFilesAndStopsKeyManagement) {
+  EXPECT_EQ(Init(), 0);
+  const std::string line = ReadWholeFile(SaltFile());
+  EXPECT_EQ(line.size() - line.find('|'), 33u);
+  EXPECT_TRUE(std::filesystem::exists(DbFile()));
+  EXPECT_EQ(ReadWholeFile(DbFile()).find("ConfigCacheTab"), std::string::npos);
+  EXPECT_EQ(CountLog("localDBKey is empty!", kError), 1);
+  EXPECT_EQ(CountLog("StopZORM ret = 0", kError), 1);
+  EXPECT_EQ(ZormCalls(), (std::vector<std::string>{"start " + m_dir.File("native_sdk.txt") + "|" +
+                                                       m_dir.File("zorm/zormStore.dat") + "|" +
+                                                       m_dir.File("zorm/zormStore_bak.dat"),
+                                                   "encrypt", "stop"}));
+  EXPECT_EQ(g_pauses, 0);
+}
+
+// The recorder keeps lines unmasked, so the key shows here; a masking logger must know it first.
+TEST_F(CommonUtilDBInterfaceTest, TheKeyIsRegisteredWithTheLogger) {
+  ASSERT_EQ(Init(), 0);
+  const std::vector<std::string> words = support::SensitiveWords();
+  ASSERT_FALSE(words.empty());
+  EXPECT_EQ(words.front().size(), 64u);
+  EXPECT_EQ(CountLog("GetDBConnection, key = " + words.front(), kInfo), 1);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, ALaterStartFindsTheEntriesAndKeepsTheSecret) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  const std::string line = ReadWholeFile(SaltFile());
+  EXPECT_EQ(InitAgain(), 0);
+  EXPECT_EQ(ReadWholeFile(SaltFile()), line);
+  EXPECT_EQ(Query("", 2, 8), 0);
+  EXPECT_EQ(m_count, 3);
+}
+
+struct Damage {
+  const char* name;
+  std::string (*line)(const std::string& stored);
+  const char* logged;
+};
+
+class SaltDamageTest : public CommonUtilDBInterfaceTest,
+                       public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(SaltDamageTest, StartsEmptyWithANewSecret) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  const std::string stored = ReadWholeFile(SaltFile());
+  WriteWholeFile(SaltFile(), GetParam().line(stored));
+  EXPECT_EQ(InitAgain(), 0);
+  EXPECT_EQ(CountLog(GetParam().logged, kError), 1);
+  EXPECT_EQ(CountLog(" delete sdkcache.db success", kWarning), 1);
+  EXPECT_NE(ReadWholeFile(SaltFile()), stored);
+  EXPECT_EQ(Query("", 2, 8), 415000002);
+  AddThree();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, SaltDamageTest,
+    ::testing::Values(
+        Damage{"Empty", [](const std::string&) { return std::string(); }, "localDBKey is empty!"},
+        Damage{"NoSeparator", [](const std::string&) { return std::string("ABCDEF"); },
+               "localDBKey error!"},
+        Damage{"SeparatorOnly", [](const std::string&) { return std::string("|"); },
+               "localDBKey error!"},
+        Damage{"NoCipherText", [](const std::string&) { return std::string("|ABCDEF"); },
+               "DecryptZorm dbRandom failed!"},
+        Damage{"NoHex", [](const std::string&) { return std::string("no hex|ABCDEF"); },
+               "DecryptZorm dbRandom failed!"},
+        Damage{"CipherTextCut", [](const std::string& stored) { return stored.substr(2); },
+               "DecryptZorm dbRandom failed!"},
+        Damage{"TooLong", [](const std::string& s) { return std::string(5000, 'A') + s; },
+               "localDBKey error!"}),
+    [](const auto& damage) { return std::string(damage.param.name); });
+
+TEST_F(CommonUtilDBInterfaceTest, AnEmptySaltIsAValidOne) {
+  ASSERT_EQ(Init(), 0);
+  const std::string line = ReadWholeFile(SaltFile());
+  WriteWholeFile(SaltFile(), line.substr(0, line.find('|') + 1));
+  EXPECT_EQ(InitAgain(), 0);
+  AddThree();
+  EXPECT_EQ(InitAgain(), 0);
+  EXPECT_EQ(CountLogPrefix("localDBKey"), 0);
+  EXPECT_EQ(Query("a", 1), 0);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, ADamagedDatabaseIsMadeAnew) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  EndProcess();
+  WriteWholeFile(DbFile(), std::string(8192, 'x'));
+  EXPECT_EQ(Init(), 0);
+  EXPECT_EQ(CountLog(" delete sdkcache.db success", kWarning), 1);
+  EXPECT_EQ(Query("a", 1), 415000002);
+  AddThree();
+  EXPECT_EQ(Query("a", 1), 0);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, AStartThatNeverSucceedsIsRetriedAHundredTimes) {
+  support::ZormScript script;
+  script.startCodes.assign(200, 7);
+  support::SetZormScript(script);
+  EXPECT_EQ(Init(), 7);
+  EXPECT_EQ(CountLogPrefix("start try times:", kInfo), 100);
+  EXPECT_EQ(CountLog("start try times:0 return code:7", kInfo), 1);
+  EXPECT_EQ(CountLog("start try times:99 return code:7", kInfo), 1);
+  EXPECT_EQ(CountLog("start zorm failed, ret = 7", kError), 1);
+  EXPECT_EQ(g_pauses, 100);
+  EXPECT_EQ(g_oddPauses, 0);
+  EXPECT_EQ(CountCalls("start "), 101);
+  EXPECT_EQ(CountCalls("stop"), 0);
+  EXPECT_EQ(m_manager.BatchAddConfigCache(m_rows, 1), 10001);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, AStartLeftOverIsStoppedAfterTheRetries) {
+  support::ZormScript script;
+  script.startCodes.assign(101, 254);
+  support::SetZormScript(script);
+  EXPECT_EQ(Init(), 0);
+  EXPECT_EQ(CountLog("stop and retry", kInfo), 1);
+  EXPECT_EQ(g_pauses, 101);
+  EXPECT_EQ(CountCalls("stop"), 2);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, ADamagedKeyStoreIsDiscardedOnceAndTheDatabaseWithIt) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  std::filesystem::create_directory(m_dir.File("zorm"));
+  WriteWholeFile(m_dir.File("zorm/zormStore.dat"), "damaged");
+  support::ZormScript script;
+  script.startCodes.assign(101, 287);
+  support::SetZormScript(script);
+  EXPECT_EQ(InitAgain(), 0);
+  EXPECT_FALSE(std::filesystem::exists(m_dir.File("zorm/zormStore.dat")));
+  EXPECT_EQ(CountLogPrefix("PRAX_Remove m_zormStoreFileBak, err: ", kError), 1);  // none there
+  EXPECT_EQ(CountLog("DecryptZorm dbRandom failed!", kError), 1);
+  EXPECT_EQ(Query("a", 1), 415000002);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, AKeyStoreDamagedTwiceEndsTheStart) {
+  support::ZormScript script;
+  script.startCodes.assign(300, 287);
+  support::SetZormScript(script);
+  EXPECT_EQ(Init(), 287);
+  EXPECT_EQ(CountLogPrefix("start try times:", kInfo), 200);
+  EXPECT_EQ(CountCalls("start "), 202);
+  EXPECT_EQ(CountCalls("stop"), 1);
+  EXPECT_EQ(CountLog("start zorm failed, ret = 287", kError), 1);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, WithoutASecretThereIsNoDatabase) {
+  support::ZormScript script;
+  script.encryptCode = 9;
+  support::SetZormScript(script);
+  EXPECT_EQ(Init(), 1);
+  EXPECT_EQ(CountLog("generate random or encrypt failed!", kError), 1);
+  EXPECT_EQ(CountLog("CheckDBSaltKey failed, ret = 1", kError), 1);
+  EXPECT_EQ(CountCalls("stop"), 1);
+  EXPECT_FALSE(std::filesystem::exists(SaltFile()));
+  EXPECT_FALSE(std::filesystem::exists(DbFile()));
+}
+
+TEST_F(CommonUtilDBInterfaceTest, KeyManagementThatDoesNotStopLeavesTheCacheUnusable) {
+  support::ZormScript script;
+  script.stopCodes = {5};
+  support::SetZormScript(script);
+  EXPECT_EQ(Init(), 5);
+  EXPECT_EQ(CountLog("StopZORM ret = 5", kError), 1);
+  EXPECT_EQ(Query("a", 1), 415000001);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, AFailedSecondInitialisationLeavesTheCacheUsable) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  support::ZormScript script;
+  script.startCodes.assign(200, 7);
+  support::SetZormScript(script);
+  EXPECT_EQ(Init(), 7);
+  EXPECT_EQ(Query("a", 1), 0);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, QueriesReturnWhatFitsAndHideLongerValuesFromTheLog) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  EXPECT_EQ(Query("", 2, 2), 0);
+  ASSERT_EQ(m_count, 2);
+  EXPECT_EQ(m_rows[1].autoId, 2);
+  EXPECT_EQ(m_rows[1].key, "b");
+  EXPECT_EQ(m_rows[1].value, "abcd");
+  EXPECT_EQ(CountLog("t:2, autoId: 1, k: a, v: abc", kInfo), 1);
+  EXPECT_EQ(CountLog("t:2, autoId: 2, k: b, vLen: 4", kInfo), 1);
+  EXPECT_EQ(CountLogPrefix("t:"), 2);
+
+  EXPECT_EQ(Query("b", 1, 0), 0);
+  EXPECT_EQ(m_count, 0);
+  const auto query = std::make_shared<ZelQueryConfigCache>();
+  query->matchInfo = {"c", 1};
+  query->result = m_rows;
+  query->count = 8;
+  EXPECT_EQ(m_manager.QueryConfigCacheOfSharedPtr(query), 0);
+  EXPECT_EQ(query->count, 1);
+  EXPECT_EQ(m_rows[0].autoId, 3);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, AQueryThatFindsNothingOrIsWrongZeroesTheCount) {
+  ASSERT_EQ(Init(), 0);
+  EXPECT_EQ(Query("", 2, 8), 415000002);
+  EXPECT_EQ(m_count, 0);
+  EXPECT_EQ(Query("absent", 1), 415000002);
+  EXPECT_EQ(m_count, 0);
+  EXPECT_EQ(Query("", 1), 411000002);
+  EXPECT_EQ(CountLog("CONFFIGCACHE_KEY match value is empty. key: ", kError), 1);
+  EXPECT_EQ(m_count, 0);
+  for (const int keyType : {-1, 0, 3}) {
+    EXPECT_EQ(Query("a", keyType), 411000002);
+    EXPECT_EQ(m_count, 0);
+  }
+  EXPECT_EQ(CountLogPrefix("keytype is error, key: a", kError), 3);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, DeletesByKeyOrAllAndCountsNothingAsSuccess) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  EXPECT_EQ(m_manager.DeleteConfigCache({"", 1}), 10000);
+  EXPECT_EQ(CountLog("CONFFIGCACHE_KEY match value is empty", kError), 1);
+  EXPECT_EQ(m_manager.DeleteConfigCache({"a", 0}), 10000);
+  EXPECT_EQ(CountLog("DeleteConfigCache keytype is error", kError), 1);
+  EXPECT_EQ(m_manager.DeleteConfigCache({"a", 1}), 0);
+  EXPECT_EQ(CountLog("end, deleteCount = 1", kInfo), 1);
+  EXPECT_EQ(Query("a", 1), 415000002);
+  EXPECT_EQ(m_manager.DeleteConfigCache({"ignored", 2}), 0);
+  EXPECT_EQ(CountLog("end, deleteCount = 2", kInfo), 1);
+  EXPECT_EQ(m_manager.DeleteConfigCache({"", 2}), 0);
+  EXPECT_EQ(CountLog("end, deleteCount = 0", kInfo), 1);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, ABatchWithoutRowsIsAFailure) {
+  ASSERT_EQ(Init(), 0);
+  for (const int count : {0, -1}) EXPECT_EQ(m_manager.BatchAddConfigCache(m_rows, count), 1);
+  EXPECT_EQ(Query("", 2, 8), 415000002);
+  m_manager.SingleAddConfigCache({4, "k", "v"});
+  EXPECT_EQ(CountLog("addCount = 1", kInfo), 1);
+  EXPECT_EQ(Query("k", 1), 0);
+  EXPECT_EQ(m_rows[0].autoId, 4);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, TheTrackingLibraryReachesTheSameTableThroughItsCallbacks) {
+  ASSERT_EQ(SqliteInterfaceManager::GetInst().InitDB(m_dir.Path(), m_dir.Path()), 0);
+  const ZelConfigCache entry{0, "tracked", "value"};
+  EXPECT_EQ(support::CallCacheBatchAdd(&entry, 1), 0);
+  EXPECT_EQ(support::CallCacheBatchAdd(nullptr, 1), 10000);
+  m_count = 8;
+  EXPECT_EQ(support::CallCacheQuery("tracked", m_rows, &m_count), 0);
+  EXPECT_EQ(m_count, 1);
+  EXPECT_EQ(m_rows[0].value, "value");
+  EXPECT_EQ(support::CallCacheQuery(nullptr, m_rows, &m_count), 1);
+  EXPECT_EQ(support::CallCacheQuery("absent", m_rows, &m_count), 415000002);
+}
+
+TEST_F(CommonUtilDBInterfaceTest, ReadersWritersAndAnotherInitialisationRunAtOnce) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  std::thread reader([&] {
+    ZelConfigCache rows[8];
+    while (!done) {
+      int count = 8;
+      if (m_manager.QueryConfigCache({"b", 1}, rows, &count) != 0) ++wrong;
+    }
+  });
+  std::thread starter([&] { wrong += Init(); });
+  for (int i = 0; i < 50; ++i) AddThree();
+  starter.join();
+  done = true;
+  reader.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace commonutil

@@ -1,0 +1,292 @@
+"""Plays sessions with the console against the built library, as its user would.
+
+Needs ZELCTL, the path of the console, and ZEL_EXAMPLES, the folder of the examples.
+"""
+
+import contextlib
+import json
+import os
+import pathlib
+import signal
+import stat
+import subprocess
+import tempfile
+import unittest
+
+ZELCTL = os.environ["ZELCTL"]
+EXAMPLES = pathlib.Path(os.environ["ZEL_EXAMPLES"])
+DEADLINE = 120  # seconds; only a hang takes that long
+
+INIT = (
+    '{"cmd": 1, "sno": %d, "param": {"initParam": {"log_path": "${DATA}/log/", "logLevel": 2,'
+    ' "logSize": 512, "fileCount": 1, "dbPath": "${DATA}/"}}}'
+)
+GET_REG_INFO = '{"cmd": 11, "sno": %d}'
+
+
+def mode_of(path):
+    return stat.S_IMODE(path.stat().st_mode)
+
+
+class ZelctlTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="zelctl_test.")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name).resolve()
+        self.data = self.folder / "data"
+
+    def run_console(self, *arguments, text=b""):
+        return subprocess.run(
+            [ZELCTL, *map(str, arguments)],
+            input=text if isinstance(text, bytes) else text.encode(),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            timeout=DEADLINE,
+            cwd=self.folder,
+            check=False,
+        )
+
+    def play(self, text, *arguments):
+        return self.run_console("--data", self.data, *arguments, "-", text=text)
+
+    @contextlib.contextmanager
+    def interactive(self):
+        """A running console that reads from a pipe; killed if the test leaves it behind."""
+        with subprocess.Popen(
+            [ZELCTL, "--data", str(self.data), "-"],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            cwd=self.folder,
+        ) as console:
+            # Turns a console that never answers into an end of its output.
+            previous = signal.signal(signal.SIGALRM, lambda *_: console.kill())
+            signal.alarm(DEADLINE)
+            try:
+                yield console
+            finally:
+                signal.alarm(0)
+                signal.signal(signal.SIGALRM, previous)
+                console.kill()
+
+    def replies(self, result):
+        """The printed messages; each line must be one JSON object."""
+        messages = [json.loads(line) for line in result.stdout.decode().splitlines()]
+        for message in messages:
+            self.assertIsInstance(message, dict)
+        return messages
+
+    def answers(self, result):
+        return [(m.get("rsp"), m.get("sno"), m.get("result")) for m in self.replies(result)]
+
+    def assert_diagnostic(self, result, *parts):
+        """Standard error is one line of the console that holds all `parts`."""
+        lines = result.stderr.decode().splitlines()
+        self.assertEqual(len(lines), 1, lines)
+        self.assertTrue(lines[0].startswith("zelctl: "), lines)
+        for part in parts:
+            self.assertIn(part, lines[0])
+
+
+class FirstSession(ZelctlTest):
+    FILES = {
+        "sdkcache.db": 0o640,
+        "sdkcache_config.db": 0o640,
+        "zorm/zormStore.dat": 0o600,
+        "zorm/zormStore_bak.dat": 0o600,
+    }
+    EXPECTED = [(1, 1, 0), (11, 2, 0), (12, 3, 0), (13, 4, 0), (1, 5, 1), (1, 6, 2)]
+
+    def database_salt(self):
+        return (self.data / "sdkcache.db").read_bytes()[:16]
+
+    def play_example(self):
+        result = self.run_console("--data", self.data, EXAMPLES / "first-session.jsonl")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(result.stderr, b"")
+        return result
+
+    def test_makes_the_files_and_the_next_run_opens_them(self):
+        first = self.play_example()
+        self.assertEqual(self.answers(first), self.EXPECTED)
+        for name, mode in self.FILES.items():
+            path = self.data / name
+            self.assertGreater(path.stat().st_size, 0, name)
+            self.assertEqual(oct(mode_of(path)), oct(mode), name)
+        self.assertEqual(mode_of(self.data), 0o750)
+        secrets = [name for name in self.FILES if name != "sdkcache.db"]
+        before = {name: (self.data / name).read_bytes() for name in secrets}
+
+        # A database that cannot be read is made anew: with another salt, its first 16 bytes.
+        database_salt = self.database_salt()
+        self.assertEqual(self.answers(self.play_example()), self.EXPECTED)
+        self.assertEqual({name: (self.data / name).read_bytes() for name in secrets}, before)
+        self.assertEqual(self.database_salt(), database_salt)
+
+    def test_database_is_encrypted_and_logs_go_to_the_log_folder(self):
+        self.play_example()
+        self.assertNotEqual(self.database_salt(), b"SQLite format 3\0")
+        self.assertNotIn(b"ConfigCacheTab", (self.data / "sdkcache.db").read_bytes())
+        self.assertIn("native_sdk.txt", os.listdir(self.data / "log"))
+
+    def test_data_directory_is_made_with_its_parents_whatever_its_name(self):
+        self.data = self.folder / 'a "quoted" \\ name' / "b"
+        self.play_example()
+        self.assertEqual(mode_of(self.data.parent), 0o750)
+        self.assertTrue((self.data / "sdkcache.db").is_file())
+
+    def test_default_data_directory_is_below_the_current_one(self):
+        result = self.run_console("-", text=INIT % 1)
+        self.assertEqual(self.answers(result), [(1, 1, 0)])
+        self.assertTrue((self.folder / "zel-data" / "sdkcache.db").is_file())
+
+
+class Requests(ZelctlTest):
+    def test_replies_are_single_lines_that_echo_what_was_sent(self):
+        result = self.play('{"cmd": 65547, "sno": 4294967295, "description": "two\\nlines \\u00e4"}')
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(result.stdout.count(b"\n"), 1)
+        (reply,) = self.replies(result)
+        self.assertEqual(
+            reply,
+            {"rsp": 65547, "sno": 4294967295, "description": "two\nlines \u00e4", "result": 0},
+        )
+
+    def test_waits_for_replies_without_a_serial_number(self):
+        result = self.play('{"cmd": 11}\n{"cmd": 11, "sno": -1}\n{"cmd": 12, "sno": "x"}\n')
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(self.answers(result), [(11, None, 0), (11, None, 0), (12, None, 0)])
+
+    def test_lines_that_are_due_no_reply_neither_hang_nor_fail(self):
+        broken = [
+            b"{",
+            b"[]",
+            b"17",
+            b'"text"',
+            b'{"cmd": "11"}',
+            b'{"cmd": -11}',
+            b"{}",
+            b'{"cmd": 17}',
+            b'{"cmd": 131083}',  # bit 17 is never dispatched
+            b"[" * 100000,
+            b"\0" + (GET_REG_INFO % 1).encode(),
+            b"\xff\xfe",
+        ]
+        last = (GET_REG_INFO % 99).encode()  # also: a last line without a line feed
+        result = self.play(b"\n".join([*broken, last]))
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(self.answers(result), [(11, 99, 0)])
+        remarks = result.stderr.decode().splitlines()
+        self.assertEqual(
+            [remark.split(": ")[:2] for remark in remarks],
+            [["zelctl", f"line {number}"] for number in range(1, len(broken) + 1)],
+        )
+
+    def test_the_commands_without_a_reply_are_silent(self):
+        result = self.play('{"cmd": 18}\n{"cmd": 15}\n')
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+
+    def test_blank_lines_and_comments_are_skipped(self):
+        result = self.play("\n# {\n \t\r\n" + GET_REG_INFO % 1 + "\r\n#")
+        self.assertEqual(self.answers(result), [(11, 1, 0)])
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+
+    def test_a_nul_byte_ends_the_request(self):
+        result = self.play((GET_REG_INFO % 3).encode() + b"\0 rubbish\n")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(self.answers(result), [(11, 3, 0)])
+
+    def test_a_line_of_megabytes_is_one_request(self):
+        text = "x" * (3 << 20)
+        result = self.play(json.dumps({"cmd": 11, "description": text}))
+        self.assertEqual(result.returncode, 0, result.stderr[:200])
+        self.assertEqual([m["description"] == text for m in self.replies(result)], [True])
+
+    def test_more_unanswered_requests_than_the_ring_holds_all_arrive(self):
+        result = self.play('{"cmd": 18}\n' * 5000 + GET_REG_INFO % 5)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertEqual(self.answers(result), [(11, 5, 0)])
+
+    def test_no_request_at_all_is_an_orderly_session(self):
+        result = self.play("")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+
+    def test_a_reply_after_the_timeout_fails_the_session_and_is_still_printed(self):
+        # The initialisation derives keys and writes files: it cannot end within a nanosecond.
+        result = self.play("#\n" + INIT % 8, "--timeout=1e-9")
+        self.assertEqual(result.returncode, 1)
+        self.assert_diagnostic(result, "line 2: ", "no reply to command 1 ")
+        self.assertEqual(self.answers(result), [(1, 8, 0)])
+
+    def test_a_refused_init_is_a_reply(self):
+        # The database cannot be made where a directory, one that is in use, has its name.
+        (self.data / "sdkcache.db" / "in use").mkdir(parents=True)
+        result = self.play(INIT % 1 + "\n" + GET_REG_INFO % 2)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(self.answers(result), [(1, 1, 1), (11, 2, 0)])
+
+
+class Interactive(ZelctlTest):
+    def ask(self, console, sno):
+        console.stdin.write((GET_REG_INFO % sno).encode() + b"\n")
+        console.stdin.flush()
+        return json.loads(console.stdout.readline())["sno"]
+
+    def test_each_line_is_answered_before_the_input_ends(self):
+        with self.interactive() as console:
+            self.assertEqual([self.ask(console, 1), self.ask(console, 2)], [1, 2])
+            console.stdin.close()
+            self.assertEqual(console.stdout.read(), b"")
+            self.assertEqual(console.wait(DEADLINE), 0)
+
+    def test_interrupt_ends_an_idle_session_with_status_1(self):
+        with self.interactive() as console:
+            self.assertEqual(self.ask(console, 1), 1)
+            console.send_signal(signal.SIGINT)
+            self.assertEqual(console.wait(DEADLINE), 1)
+
+    def test_output_that_nobody_reads_fails_the_session(self):
+        with self.interactive() as console:
+            console.stdout.close()
+            console.stdin.write((GET_REG_INFO % 1).encode() + b"\n")
+            console.stdin.flush()
+            self.assertEqual(console.wait(DEADLINE), 1)
+
+
+class Usage(ZelctlTest):
+    def refused(self, *arguments):
+        result = self.run_console(*arguments)
+        self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+        return result
+
+    def test_help_goes_to_standard_output(self):
+        result = self.run_console("--help")
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertTrue(result.stdout.startswith(b"usage: zelctl "))
+
+    def test_wrong_options_are_refused_with_one_line(self):
+        self.assert_diagnostic(self.refused(), "FILE is missing")
+        self.assert_diagnostic(self.refused("--verbose", "-"), "unknown option", "--verbose")
+        self.assert_diagnostic(self.refused("-", "--data"), "--data needs a value")
+        self.assert_diagnostic(self.refused("--data=", "-"), "--data needs")
+        self.assert_diagnostic(self.refused("a", "b"), "only one FILE")
+        for timeout in ["0", "-1", "nan", "inf", "1e99", "2s", "", " 1"]:
+            self.assert_diagnostic(self.refused("--timeout", timeout, "-"), "positive number")
+        self.assertEqual(os.listdir(self.folder), [])
+
+    def test_unreadable_input_is_refused_with_its_reason(self):
+        self.assert_diagnostic(self.refused("no\nsuch"), "No such file", "\\u000a")
+        self.assert_diagnostic(self.refused(self.folder), "it is a directory")
+        self.assertEqual(os.listdir(self.folder), [])
+
+    def test_a_data_directory_that_cannot_be_made_is_refused(self):
+        (self.folder / "file").write_text("")
+        for path in ["file", "file/below"]:
+            self.assert_diagnostic(self.refused("--data", path, "-"), "Not a directory", "--data")
+        # Longer than the library's field: it would use the root of the file system instead.
+        self.assert_diagnostic(self.refused("--data", "x/" * 300, "-"), "longer than")
+        self.assertEqual(os.listdir(self.folder), ["file"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,204 @@
+#include <atomic>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cache/cache_ref.h"
+#include "config/config_ref.h"
+#include "http/http_ref.h"
+#include "loghooks/loghooks_ref.h"
+#include "zel_platform/cache.h"
+#include "zel_platform/config.h"
+#include "zel_platform/http.h"
+#include "zel_platform/loghooks.h"
+#include "zel_platform/nettools.h"
+#include "zel_platform/prax.h"
+
+namespace {
+
+using Value = std::shared_ptr<std::string>;
+
+Value Text(const std::string& text) { return std::make_shared<std::string>(text); }
+
+void RunTogether(int threads, const std::function<void(int)>& body) {
+  std::vector<std::thread> running;
+  for (int i = 0; i < threads; ++i) running.emplace_back(body, i);
+  for (std::thread& thread : running) thread.join();
+}
+
+class MemoryCacheTest : public testing::Test {
+ protected:
+  void SetUp() override { orb_cache_ref_reset(); }
+  void TearDown() override { orb_cache_ref_reset(); }
+
+  ZELCache& m_cache = *ZELCache::GetInstance();
+};
+
+TEST_F(MemoryCacheTest, BehavesLikeAMapUnderRandomCalls) {
+  std::mt19937 random(7);
+  std::map<std::string, std::string> model;
+  for (int i = 0; i < 5000; ++i) {
+    const std::string key = "db__" + std::to_string(random() % 20);
+    const std::string text = std::to_string(i);
+    Value found;
+    switch (random() % 3) {
+      case 0:
+        ASSERT_EQ(m_cache.Put(key, Text(text)), 0);
+        model[key] = text;
+        break;
+      case 1:
+        ASSERT_EQ(m_cache.Remove(key) == 0, model.erase(key) == 1);
+        break;
+      default:
+        ASSERT_EQ(m_cache.Get(key, found) == 0, model.count(key) == 1);
+        if (found) {
+          ASSERT_EQ(*found, model[key]);
+        }
+    }
+  }
+}
+
+TEST_F(MemoryCacheTest, ANullValueIsKnownAndAMissingKeyLeavesTheOutputAlone) {
+  ASSERT_EQ(m_cache.Put("null", nullptr), 0);
+  Value found = Text("earlier");
+  EXPECT_NE(m_cache.Get("missing", found), 0);
+  EXPECT_EQ(*found, "earlier");
+  EXPECT_EQ(m_cache.Get("null", found), 0);
+  EXPECT_EQ(found, nullptr);
+}
+
+TEST_F(MemoryCacheTest, ARefusedStoreKeepsTheEarlierValue) {
+  ASSERT_EQ(m_cache.Put("key", Text("old")), 0);
+  orb_cache_ref_refuse_stores(2, 41);
+  EXPECT_EQ(m_cache.Put("key", Text("new")), 41);
+  EXPECT_EQ(m_cache.Put("other", Text("new")), 41);
+  Value found;
+  EXPECT_NE(m_cache.Get("other", found), 0);
+  ASSERT_EQ(m_cache.Get("key", found), 0);
+  EXPECT_EQ(*found, "old");
+  EXPECT_EQ(m_cache.Put("key", Text("new")), 0);
+}
+
+TEST_F(MemoryCacheTest, ThreadsFindOnlyValuesOfTheirKeyAndAReadValueOutlivesItsRemoval) {
+  std::atomic<int> wrong{0};
+  RunTogether(4, [&](int thread) {
+    std::mt19937 random(static_cast<unsigned int>(thread));
+    for (int i = 0; i < 3000; ++i) {
+      const std::string key = std::to_string(random() % 8);
+      Value found;
+      if (m_cache.Put(key, Text("value of " + key)) != 0) ++wrong;
+      if (m_cache.Get(key, found) == 0) {
+        (void)m_cache.Remove(key);
+        if (*found != "value of " + key) ++wrong;
+      }
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(ConfigTest, AnUnsetNumberIsTheDefaultAndASetOneIsItsValueAlsoWhenZero) {
+  orb_config_ref_clear();
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, -5), -5);
+  orb_config_ref_set(69, 0);
+  orb_config_ref_set(-1, 7);
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, -5), 0);
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(-1, 0), 7);
+  orb_config_ref_clear();
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, 3), 3);
+}
+
+TEST(ConfigTest, SettingsAreReadWhileOthersAreMade) {
+  constexpr int kNumbers = 2000;
+  std::atomic<int> wrong{0};
+  RunTogether(3, [&](int thread) {
+    for (int i = 0; i < kNumbers; ++i) {
+      if (thread == 0) orb_config_ref_set(i, i);
+      const int value = OrbGetGlobalInt32CfgWithDefVal(i, -1);
+      if (value != i && value != -1) ++wrong;
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+  orb_config_ref_clear();
+}
+
+std::vector<std::string>& Heard() {
+  static std::vector<std::string> texts;
+  return texts;
+}
+
+void HearDns(const char* text) { Heard().push_back(std::string("dns ") + text); }
+void HearSocket(const char* text) { Heard().push_back(std::string("socket ") + text); }
+
+class LogHooksTest : public testing::Test {
+ protected:
+  void SetUp() override { Heard().clear(); }
+  void TearDown() override {
+    orb_dns_register_log_func(nullptr);
+    orb_websocket_reg_log_fn(nullptr);
+  }
+};
+
+TEST_F(LogHooksTest, EachLibraryReachesItsOwnFunctionUntilItIsUnregistered) {
+  orb_loghooks_ref_emit_websocket("before");
+  orb_dns_set_log_level(5);
+  orb_dns_register_log_func(HearDns);
+  orb_websocket_reg_log_fn(HearSocket);
+  orb_loghooks_ref_emit_dns(3, "a");
+  orb_loghooks_ref_emit_websocket(nullptr);
+  orb_dns_register_log_func(nullptr);
+  orb_loghooks_ref_emit_dns(3, "after");
+  const std::vector<std::string> expected = {"dns a", "socket "};
+  EXPECT_EQ(Heard(), expected);
+}
+
+TEST_F(LogHooksTest, TheDnsLevelSetBeforeTheRegistrationHolds) {
+  orb_dns_set_log_level(4);
+  orb_dns_register_log_func(HearDns);
+  orb_loghooks_ref_emit_dns(5, "all");
+  orb_loghooks_ref_emit_dns(4, "warning");
+  orb_loghooks_ref_emit_dns(3, "error");
+  const std::vector<std::string> expected = {"dns warning", "dns error"};
+  EXPECT_EQ(Heard(), expected);
+}
+
+TEST(PublicAddressTest, TheEdgesOfEveryPrivateRangeAreTold) {
+  const std::vector<std::string> outside = {
+      "1.0.0.0",    "9.255.255.255", "11.0.0.0",    "100.63.255.255", "100.128.0.0",
+      "126.0.0.1",  "128.0.0.0",     "169.253.0.1", "169.255.0.0",    "172.15.255.255",
+      "172.32.0.0", "192.167.0.1",   "192.169.0.0", "223.255.255.255"};
+  const std::vector<std::string> inside = {
+      "0.0.0.0",         "0.255.255.255", "10.0.0.0",    "10.255.255.255",  "100.64.0.0",
+      "100.127.255.255", "127.0.0.1",     "169.254.0.0", "169.254.255.255", "172.16.0.0",
+      "172.31.255.255",  "192.168.0.0",   "224.0.0.0",   "192.168.255.255", "240.0.0.1",
+      "255.255.255.255", "no address"};
+  for (const std::string& text : outside) {
+    EXPECT_TRUE(orb_is_public_ipv4(PRAX_InetAddr(text.c_str()))) << text;
+  }
+  for (const std::string& text : inside) {
+    EXPECT_FALSE(orb_is_public_ipv4(PRAX_InetAddr(text.c_str()))) << text;
+  }
+}
+
+TEST(HttpProxyTest, AnotherProxyLeavesNoByteOfTheEarlierPassword) {
+  ASSERT_EQ(orb_http_set_proxy("proxy.example", "user", "long-secret", 8080), 0);
+  EXPECT_STREQ(orb_http_ref_proxy().address, "proxy.example");
+  EXPECT_EQ(orb_http_ref_proxy().port, 8080);
+
+  EXPECT_NE(orb_http_set_proxy("other", "user", std::string(256, 'p').c_str(), 1), 0);
+  EXPECT_STREQ(orb_http_ref_proxy().password, "long-secret") << "a refused proxy changes nothing";
+
+  ASSERT_EQ(orb_http_set_proxy("proxy.example", nullptr, "x", 0), 0);
+  const ORB_HTTP_PROXY kept = orb_http_ref_proxy();
+  EXPECT_EQ(std::string(kept.password, sizeof(kept.password)), "x" + std::string(255, '\0'));
+
+  ASSERT_EQ(orb_http_set_proxy("", "user", "secret", 8080), 0);
+  EXPECT_STREQ(orb_http_ref_proxy().password, "");
+  EXPECT_EQ(orb_http_ref_proxy().port, 0);
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+// What the unit tests see of the platform double: every log line is recorded, key management
+// follows a script, tracking and network calls are recorded. Operating-system faults are set
+// through platform/prax/prax_ref.h. All functions may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace support {
+
+struct LogLine {
+  std::string module;
+  int level;
+  int checkLevel;
+  std::string file;
+  std::string function;
+  int line;
+  std::string text;  // as written, before any masking
+};
+
+// --- Log ---------------------------------------------------------------------
+
+void ClearLog();
+std::vector<LogLine> LogLines();
+// The texts of all lines, in order.
+std::vector<std::string> LogTexts();
+// Lines whose text is exactly `text`; a `level` of -1 takes any.
+int CountLog(const std::string& text, int level = -1);
+// Lines whose text begins with `prefix`.
+int CountLogPrefix(const std::string& prefix, int level = -1);
+// Registered since the last ClearLog, in order.
+std::vector<std::string> SensitiveWords();
+
+struct LogOpening {
+  std::string module;
+  std::string file;
+  int sizeKb;
+  int oldFiles;
+  int level;
+};
+// Since the last ClearLog, in order; a refused opening is recorded too.
+std::vector<LogOpening> LogOpenings();
+std::vector<std::string> LogClosings();  // the modules
+void SetInitLogResult(int result);
+
+// --- Key management ------------------------------------------------------------
+
+// Each store path has its own key, kept in this process while the store lasts: a start that
+// returns kZormStoreDamaged loses it, as does ForgetZormKeys. No file is made.
+struct ZormScript {
+  std::deque<int> startCodes;  // returned by the next starts; 0, or an ordinary start, when empty
+  std::deque<int> stopCodes;
+  int encryptCode = 0;  // returned by every encryption when non-zero
+  int decryptCode = 0;
+};
+// Also ends a running service and forgets the calls.
+void SetZormScript(const ZormScript& script);
+// "start <log>|<store>|<backup>", "stop", "encrypt", "decrypt", in order.
+std::vector<std::string> ZormCalls();
+void ForgetZormKeys();
+
+// --- Tracking ------------------------------------------------------------------
+
+// Texts and numbers in the order of the arguments and of the record's fields.
+struct PlatformCall {
+  std::string function;
+  std::vector<std::string> texts;  // a null text is "(null)"
+  std::vector<long long> numbers;
+};
+using TrackCall = PlatformCall;
+void ClearTrack();
+std::vector<TrackCall> TrackCalls();
+int CountTrack(const std::string& function);
+void SetInitUnifiedTrackResult(int result);
+// Returned by every other function of tracking that returns a result.
+void SetTrackResult(int result);
+// Calls what setAddCacheFun registered, as the tracking library would; -1 without one.
+int CallCacheBatchAdd(const void* entries, int count);
+int CallCacheQuery(const char* key, void* out, int* count);
+
+// --- Network, login, settings, memory cache ----------------------------------------
+
+struct NetScript {
+  std::deque<int> httpCodes;  // returned by the next exchanges; 0 when empty
+  unsigned int httpStatus = 200;
+  int result = 0;                      // returned by every other function
+  std::vector<std::string> detectIps;  // of GetNetDetectIps, which fails while this is empty
+};
+void SetNetScript(const NetScript& script);
+// Since the last ResetPlatformDouble. Secrets are recorded as they came.
+std::vector<PlatformCall> NetCalls();
+int CountNet(const std::string& function);
+void SetIntegerSetting(int number, int value);
+void RefuseCachePuts(int count);  // the next so many stores fail
+
+// Everything above and every fault of the operating system back to its start.
+void ResetPlatformDouble();
+
+}  // namespace support

@@ -1,0 +1,343 @@
+#include "util/MsgMgr.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "prax/prax_ref.h"
+#include "publicInc/ResultCode.h"
+#include "support/PlatformDouble.h"
+#include "zel_platform/prax.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZEL_TEST_OWN_NEW 0  // the sanitizers bring an operator new
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZEL_TEST_OWN_NEW 0
+#endif
+#endif
+#ifndef ZEL_TEST_OWN_NEW
+#define ZEL_TEST_OWN_NEW 1
+#endif
+
+#if ZEL_TEST_OWN_NEW
+namespace {
+
+// After how many further allocations of this thread one fails; negative: none does.
+thread_local int t_allocationsLeft = -1;
+
+}  // namespace
+
+// The only way to make a command's allocation fail.
+__attribute__((noinline)) void* operator new(std::size_t size) {
+  if (t_allocationsLeft >= 0 && t_allocationsLeft-- == 0) throw std::bad_alloc();
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+#endif
+
+namespace commonutil {
+namespace {
+
+constexpr int kErrorLevel = 0;
+constexpr int kWarningLevel = 1;
+constexpr unsigned long long kBeginMs = 1700000000000;
+
+using SyncCommand = std::function<int()>;
+using AsyncCommand = std::function<void()>;
+
+void SetClock(unsigned long long ms) {
+  PRAX_Ref_SetClock([ms] { return ms; });
+}
+
+MsgMainThreadMgr& Worker() { return MsgMainThreadMgrHandler::GetInst(); }
+
+int PushSync(SyncCommand command) { return Worker().PushCmd(std::move(command), "sync"); }
+void PushAsync(AsyncCommand command) { Worker().PushCmd(std::move(command), "async"); }
+
+// Ends when everything pushed before is done, what follows a command included.
+void AwaitWorker() {
+  EXPECT_EQ(PushSync([] { return 0; }), 0);
+}
+
+// On the worker, where nothing of an earlier command is still to come.
+void ResetOnWorker() {
+  (void)PushSync([] {
+    support::ResetPlatformDouble();
+    return 0;
+  });
+}
+
+class MsgMgrTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ResetOnWorker(); }
+  void TearDown() override { ResetOnWorker(); }
+};
+
+TEST(SafeCondListTest, HandsOverEveryElementInTheOrderOfItsProducer) {
+  constexpr int kProducers = 3;
+  constexpr int kEach = 500;
+  SafeCondList<std::pair<int, int>> list;
+  std::vector<std::thread> producers;
+  for (int producer = 0; producer < kProducers; ++producer) {
+    producers.emplace_back([&list, producer] {
+      for (int i = 0; i < kEach; ++i) list.PushBack({producer, i});
+    });
+  }
+  std::array<int, kProducers> next{};
+  for (int i = 0; i < kProducers * kEach; ++i) {
+    std::pair<int, int> element;
+    ASSERT_TRUE(list.Wait(element));
+    EXPECT_EQ(element.second, next.at(static_cast<std::size_t>(element.first))++);
+  }
+  for (std::thread& producer : producers) producer.join();
+}
+
+TEST_F(MsgMgrTest, RunsCommandsOnOneNamedThread) {
+  unsigned long first = 0;
+  char name[16] = {};
+  EXPECT_EQ(PushSync([&] {
+              first = PRAX_GetTID();
+              return ::pthread_getname_np(::pthread_self(), name, sizeof(name));
+            }),
+            0);
+  EXPECT_STREQ(name, "zel_util");
+  EXPECT_NE(first, PRAX_GetTID());
+  EXPECT_EQ(PushSync([&] { return PRAX_GetTID() == first ? 42 : -42; }), 42);
+}
+
+TEST_F(MsgMgrTest, RefusesAnEmptySynchronousCommandAlsoOnTheWorker) {
+  EXPECT_EQ(PushSync(SyncCommand()), kPushNullCommand);
+  EXPECT_EQ(PushSync([] { return PushSync(SyncCommand()); }), kPushNullCommand);
+  EXPECT_EQ(support::CountLog("PushCmd sync param null", kErrorLevel), 2);
+  EXPECT_EQ(support::LogLines()[0].file, "commonutil/util/MsgMgr");
+}
+
+#if ZEL_TEST_OWN_NEW
+TEST_F(MsgMgrTest, WithoutMemoryNothingIsQueued) {
+  const std::string name(100, 'n');
+  int runs = 0;
+  int refusals = 0;
+  int result = kPushNoMemory;
+  while (result == kPushNoMemory) {  // another of its allocations fails each time
+    SyncCommand command = [&runs] { return ++runs; };
+    t_allocationsLeft = refusals;
+    result = Worker().PushCmd(std::move(command), name);
+    t_allocationsLeft = -1;
+    if (result == kPushNoMemory) ++refusals;
+  }
+  EXPECT_EQ(result, 1);
+  EXPECT_GE(refusals, 2);
+  EXPECT_EQ(support::CountLog("pThreadExec new failed!", kWarningLevel), refusals);
+}
+#endif
+
+TEST_F(MsgMgrTest, SynchronousPushOnTheWorkerRunsBeforeEverythingQueued) {
+  std::vector<std::string> order;
+  EXPECT_EQ(PushSync([&] {
+              PushAsync([&] { order.push_back("queued"); });
+              const int inner = PushSync([&] {
+                order.push_back("inner");
+                return PushSync([] { return 5; });
+              });
+              order.push_back("outer");
+              return inner;
+            }),
+            5);
+  AwaitWorker();
+  EXPECT_EQ(order, (std::vector<std::string>{"inner", "outer", "queued"}));
+}
+
+TEST_F(MsgMgrTest, CommandsRunInTheOrderPushedAlsoFromTheWorker) {
+  std::vector<int> order;
+  std::promise<void> gate;
+  PushAsync([&] {
+    gate.get_future().wait();
+    PushAsync([&] { order.push_back(3); });
+    order.push_back(1);
+  });
+  PushAsync([&] { order.push_back(2); });
+  gate.set_value();
+  AwaitWorker();
+  AwaitWorker();  // the first may have been queued before the 3
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST_F(MsgMgrTest, ManyProducersNeverRunTwoCommandsAtOnce) {
+  constexpr int kProducers = 4;
+  constexpr int kEach = 250;
+  int plainCounter = 0;  // a second worker would be a data race
+  std::vector<std::thread> producers;
+  for (int producer = 0; producer < kProducers; ++producer) {
+    producers.emplace_back([&plainCounter] {
+      for (int i = 0; i < kEach; ++i) {
+        PushAsync([&plainCounter] { ++plainCounter; });
+        EXPECT_GT(PushSync([&plainCounter] { return ++plainCounter; }), 0);
+      }
+    });
+  }
+  for (std::thread& producer : producers) producer.join();
+  AwaitWorker();
+  EXPECT_EQ(plainCounter, 2 * kProducers * kEach);
+}
+
+int CountedOnWorker() {
+  return PushSync([] { return support::CountTrack("Track_MsgDotCount"); });
+}
+
+TEST_F(MsgMgrTest, TrackingCountsEachCommandButNoInlineRun) {
+  const int before = CountedOnWorker();
+  PushAsync([] {});
+  EXPECT_EQ(PushSync([] { return PushSync([] { return 1; }); }), 1);
+  EXPECT_EQ(CountedOnWorker(), before + 3);  // with the one that asked before
+  EXPECT_EQ(support::TrackCalls()[0].numbers, std::vector<long long>{4});
+}
+
+TEST_F(MsgMgrTest, LogsACommandThatTookMoreThanThreeSeconds) {
+  for (const long long took : {3000, 3001, -5000}) {
+    support::ClearLog();
+    SetClock(kBeginMs);
+    const SyncCommand command = [took] {
+      SetClock(kBeginMs + static_cast<unsigned long long>(took));
+      return 0;
+    };
+    EXPECT_EQ(Worker().PushCmd(command, "int Caller(const void *)"), 0);
+    EXPECT_EQ(PushSync([] { return support::CountLogPrefix("func:"); }), took == 3001 ? 1 : 0);
+    if (took != 3001) continue;
+    EXPECT_EQ(support::CountLog("func:int Caller(const void *), begin time: 1700000000000, "
+                                "use time: 3001",
+                                kWarningLevel),
+              1);
+  }
+}
+
+// --- The end of the worker, which is for good: each in a process of its own ---------
+
+// Reads a thread's state without allocating or locking: '?' when it is gone.
+char StateOfThread(unsigned long tid) {
+  char path[64];
+  std::snprintf(path, sizeof(path), "/proc/self/task/%lu/stat", tid);
+  const int file = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return '?';
+  char text[512] = {};
+  const ssize_t length = ::read(file, text, sizeof(text) - 1);
+  (void)::close(file);
+  const char* const name = length > 0 ? std::strrchr(text, ')') : nullptr;
+  return name ? name[2] : '?';
+}
+
+void AwaitState(unsigned long tid, char state) {
+  while (StateOfThread(tid) != state) std::this_thread::yield();
+}
+
+unsigned long WorkerTid() {
+  unsigned long tid = 0;
+  (void)PushSync([&] {
+    tid = PRAX_GetTID();
+    return 0;
+  });
+  return tid;
+}
+
+std::ptrdiff_t ThreadCount() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::distance(begin(tasks), end(tasks));
+}
+
+class MsgMgrEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+[[noreturn]] void StopAWaitingWorker() {
+  const unsigned long tid = WorkerTid();
+  AwaitState(tid, 'S');
+  MsgMainThreadMgr::StopThread();
+  bool ran = false;
+  bool broken = false;
+  try {
+    (void)PushSync([&] {
+      ran = true;
+      return 0;
+    });
+  } catch (const std::future_error& error) {
+    broken = error.code() == std::future_errc::broken_promise;
+  }
+  AwaitState(tid, '?');
+  std::exit(broken && !ran ? 0 : 1);
+}
+
+TEST_F(MsgMgrEndTest, StoppedWorkerDropsTheNextCommandAndBreaksItsPromise) {
+  EXPECT_EXIT(StopAWaitingWorker(), ::testing::ExitedWithCode(0), "");
+}
+
+[[noreturn]] void StopABusyWorker() {
+  const unsigned long tid = WorkerTid();
+  const auto queued = std::make_shared<int>(0);
+  std::promise<void> started;
+  std::promise<void> gate;
+  PushAsync([&] {
+    started.set_value();
+    gate.get_future().wait();
+  });
+  started.get_future().wait();
+  for (int i = 0; i < 2; ++i) PushAsync([queued] { ++*queued; });
+  MsgMainThreadMgr::StopThread();
+  gate.set_value();
+  AwaitState(tid, '?');
+  PushAsync([queued] { ++*queued; });  // nobody is left to take it
+  std::exit(*queued == 0 && queued.use_count() == 4 ? 0 : 1);
+}
+
+TEST_F(MsgMgrEndTest, WorkerStoppedInACommandFinishesItAndLeavesTheQueueAlone) {
+  EXPECT_EXIT(StopABusyWorker(), ::testing::ExitedWithCode(0), "");
+}
+
+[[noreturn]] void StopBeforeTheFirstUse() {
+  std::thread([] {}).join();  // with the first one a sanitizer starts a thread of its own
+  const std::ptrdiff_t threadsBefore = ThreadCount();
+  MsgMainThreadMgr::StopThread();
+  if (ThreadCount() > threadsBefore) std::exit(1);
+  bool ran = false;
+  PushAsync([&ran] { ran = true; });
+  while (ThreadCount() > threadsBefore) std::this_thread::yield();
+  std::exit(ran ? 2 : 0);
+}
+
+TEST_F(MsgMgrEndTest, StopStartsNoWorkerAndLetsNoneRunLater) {
+  EXPECT_EXIT(StopBeforeTheFirstUse(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MsgMgrEndTest, ProcessEndsWhileTheWorkerWaits) {
+  EXPECT_EXIT(
+      {
+        AwaitState(WorkerTid(), 'S');
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MsgMgrEndTest, CommandThatThrowsEndsTheProcess) {
+  EXPECT_EXIT((void)PushSync([]() -> int { throw std::runtime_error("of a command"); }),
+              ::testing::KilledBySignal(SIGABRT), "of a command");
+}
+
+}  // namespace
+}  // namespace commonutil

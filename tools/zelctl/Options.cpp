@@ -1,0 +1,116 @@
+#include "Options.h"
+
+#include <charconv>
+#include <string_view>
+#include <system_error>
+
+#include "Text.h"
+
+namespace zelctl {
+namespace {
+
+constexpr double kLongestTimeoutSeconds = 1e6;
+
+std::chrono::nanoseconds ParseTimeout(const std::string& text) {
+  double seconds = 0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, seconds);
+  // Written so that "nan" fails too.
+  const bool inRange = seconds > 0 && seconds <= kLongestTimeoutSeconds;
+  if (error != std::errc() || rest != end || !inRange) {
+    throw UsageError("--timeout needs a positive number of seconds (at most 1000000), not " +
+                     Quoted(text));
+  }
+  // Never zero: a time-out below the clock's unit still is one.
+  return std::chrono::nanoseconds(static_cast<long long>(seconds * 1e9) + 1);
+}
+
+// The arguments one after another; an option's value may follow it or stand behind a "=".
+class Arguments {
+ public:
+  Arguments(int argc, const char* const* argv) : m_next(argv + 1), m_end(argv + argc) {}
+
+  bool AtEnd() const { return m_next >= m_end; }
+  std::string Take() { return *m_next++; }
+
+  // True when `argument` is the option `name`; `value` then holds what was given with it.
+  bool TakeValue(const std::string& argument, const std::string& name, std::string& value) {
+    if (argument.compare(0, name.size() + 1, name + "=") == 0) {
+      value = argument.substr(name.size() + 1);
+    } else if (argument != name) {
+      return false;
+    } else if (AtEnd()) {
+      throw UsageError(name + " needs a value; see zelctl --help");
+    } else {
+      value = Take();
+    }
+    return true;
+  }
+
+ private:
+  const char* const* m_next;
+  const char* const* m_end;
+};
+
+void SetInput(Options& options, const std::string& path) {
+  if (path.empty()) throw UsageError("FILE is empty; name a file of requests, or - for stdin");
+  if (!options.input.empty()) {
+    throw UsageError("only one FILE can be played, " + Quoted(path) + " is one too many");
+  }
+  options.input = path;
+}
+
+void Check(const Options& options) {
+  if (options.dataDirectory.empty()) throw UsageError("--data needs the name of a directory");
+  if (options.input.empty()) {
+    throw UsageError("FILE is missing; name a file of requests, or - for stdin");
+  }
+}
+
+}  // namespace
+
+Options ParseOptions(int argc, const char* const* argv) {
+  Options options;
+  Arguments arguments(argc, argv);
+  bool onlyFiles = false;  // after "--"
+  while (!arguments.AtEnd()) {
+    const std::string argument = arguments.Take();
+    const bool isOption = !onlyFiles && argument.size() > 1 && argument[0] == '-';
+    std::string value;
+    if (!isOption) {
+      SetInput(options, argument);
+    } else if (argument == "--") {
+      onlyFiles = true;
+    } else if (argument == "--help" || argument == "-h") {
+      options.help = true;
+      return options;
+    } else if (arguments.TakeValue(argument, "--data", value)) {
+      options.dataDirectory = value;
+    } else if (arguments.TakeValue(argument, "--timeout", value)) {
+      options.timeout = ParseTimeout(value);
+    } else {
+      throw UsageError("unknown option " + Quoted(argument) + "; see zelctl --help");
+    }
+  }
+  Check(options);
+  return options;
+}
+
+const char* UsageText() {
+  return R"(usage: zelctl [--data DIR] [--timeout SECONDS] FILE|-
+
+Plays JSON requests, one a line, against libzel_utils and prints every reply and
+notification as one JSON line. Blank lines and lines that begin with # are skipped.
+"-" reads standard input, line by line as it arrives.
+
+  --data DIR         data directory, made when missing (default ./zel-data);
+                     ${DATA} in a request stands for its absolute path
+  --timeout SECONDS  how long to wait for the reply to each request (default 10)
+  --help             print this text
+
+Exit status: 0 when every request that is due a reply got one in time, 1 otherwise,
+2 for wrong usage. Remarks go to standard error.
+)";
+}
+
+}  // namespace zelctl

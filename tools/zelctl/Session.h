@@ -1,0 +1,68 @@
+// One conversation with the library through its plain entry points: hands requests in, prints
+// what comes back, and knows which requests still wait for their reply.
+//
+// Used by one thread, which is the only one that imports and exports messages.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include <json/value.h>
+
+#include "Request.h"
+
+namespace zelctl {
+
+class Session {
+ public:
+  // Waiting for replies ends early once `interrupted` is set. It must outlive the session.
+  Session(std::chrono::nanoseconds timeout, const std::atomic<bool>& interrupted);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // False when the service does not start.
+  [[nodiscard]] bool Start();
+  // Sends `text` and waits for the reply when one is due.
+  void Play(const std::string& text, std::size_t lineNumber);
+  // Prints every message that is there.
+  void PrintArrived();
+  // Waits until the library has taken all requests, prints the rest and shuts it down.
+  void Finish();
+
+  // False once nobody takes the output any more.
+  bool CanPrint() const { return m_canPrint; }
+  // Everything was sent, answered in time and printed so far.
+  bool Succeeded() const { return m_succeeded; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  struct OpenRequest {
+    unsigned command;
+    std::optional<unsigned> sno;
+    std::size_t lineNumber;
+  };
+
+  bool Send(const std::string& text, Clock::time_point deadline);
+  bool IsOpen(std::size_t lineNumber) const;
+  void Handle(const char* text);
+  void CloseAnswered(const Json::Value& reply);
+  void Print(const Json::Value& message);
+  void Fail(const std::string& remark);
+
+  const std::chrono::nanoseconds m_timeout;
+  const std::atomic<bool>& m_interrupted;
+  // Requests without their reply, in the order of sending. One whose time is over stays, so
+  // that its late reply is not taken for that of a later request.
+  std::deque<OpenRequest> m_open;
+  bool m_closing = false;  // the closing request is on its way
+  bool m_closeAnswered = false;
+  bool m_canPrint = true;
+  bool m_succeeded = true;
+};
+
+}  // namespace zelctl

@@ -1,0 +1,34 @@
+#include "Text.h"
+
+#include <iostream>
+
+namespace zelctl {
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr unsigned char kFirstPrintable = 0x20;
+constexpr unsigned char kDelete = 0x7f;
+
+}  // namespace
+
+std::string JsonEscaped(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < kFirstPrintable || byte == kDelete) {
+      escaped += "\\u00";
+      escaped += kHexDigits[byte >> 4];
+      escaped += kHexDigits[byte & 0xf];
+      continue;
+    }
+    if (c == '"' || c == '\\') escaped += '\\';
+    escaped += c;
+  }
+  return escaped;
+}
+
+std::string Quoted(const std::string& text) { return '"' + JsonEscaped(text) + '"'; }
+
+void Complain(const std::string& text) { std::cerr << "zelctl: " + text + '\n' << std::flush; }
+
+}  // namespace zelctl
