@@ -1,0 +1,47 @@
+// The records that callers hand to the facade. Texts are fixed arrays, NUL-terminated UTF-8.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "proxy/ProxyInfo.h"
+
+namespace commonutil {
+
+struct tagZelUtilInitParam {
+  char logPath[512];
+  std::int32_t logLevel;  // 0 error to 3 debug
+  std::int32_t logSize;   // of one log file, in KB
+  std::int32_t fileCount;
+  char dbPath[512];
+};
+using ZelUtilInitParam = tagZelUtilInitParam;
+
+// The library's own copy.
+struct UtilInitParam {
+  UtilInitParam() = default;
+  explicit UtilInitParam(const tagZelUtilInitParam& param);
+
+  std::string logPath;
+  std::int32_t logLevel = 0;
+  std::int32_t logSize = 0;
+  std::int32_t fileCount = 0;
+  std::string dbPath;
+};
+
+struct tagZelUtilProxyInfo {
+  char server[256];
+  std::uint32_t port;
+  char userName[128];
+  char password[128];
+};
+
+// What the user of the facade is told without asking. Calls come on the threads of the
+// events, and must not call the facade's initialisation.
+class GlobalCallback {
+ public:
+  virtual ~GlobalCallback() = default;
+  virtual void onUsingProxyChange(const ProxyInfo& proxy) = 0;
+};
+
+}  // namespace commonutil

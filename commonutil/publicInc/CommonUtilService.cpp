@@ -1,0 +1,119 @@
+#include "publicInc/CommonUtilService.h"
+
+#include <iterator>
+#include <string>
+
+#include "CommonUtil.h"
+#include "publicInc/MessageKeys.h"
+#include "publicInc/ResultCode.h"
+#include "util/Log.h"
+#include "util/PublicUtil.h"
+#include "util/SecureWipe.h"
+
+namespace key = message_key;
+
+namespace {
+
+constexpr char kLogFile[] = "commonutil/publicInc/CommonUtilService";
+// Bits 0 to 15 and bit 17: a number with bit 17 set is never a command, any other high bit is
+// not looked at. Wanted: hosts mark their requests in the high bits.
+constexpr unsigned int kCommandMask = 0x2FFFF;
+constexpr unsigned int kFirstCommand = 1;
+constexpr unsigned int kLastCommand = 33;
+
+const Json::Value& AsConst(const Json::Value& value) { return value; }
+
+}  // namespace
+
+// Indexed by the number.
+const CommonUtilService::Command CommonUtilService::kCommands[] = {
+    {0, nullptr, nullptr},
+    {1, &CommonUtilService::InitCommonUtil, "orb_commonutil_init"},
+    {2, nullptr, "orb_ut_config_public_param"},
+    {3, nullptr, "orb_ut_add_usertrack"},
+    {4, nullptr, "orb_ut_start_event"},
+    {5, nullptr, "orb_ut_end_event"},
+    {6, nullptr, nullptr},
+    {7, nullptr, nullptr},
+    {8, nullptr, nullptr},
+    {9, nullptr, "orb_commonutil_config_custom_param"},
+    {10, nullptr, nullptr},
+    {11, &CommonUtilService::GetRegInfo, nullptr},
+    {12, &CommonUtilService::SetAutoStart, nullptr},
+    {13, &CommonUtilService::GetAutoStart, nullptr},
+    {14, nullptr, "SetNetDetectSrvs"},
+    {15, nullptr, nullptr},
+    {16, nullptr, "NetDetect"},
+    {17, nullptr, nullptr},
+    {18, &CommonUtilService::GetWindowsCountryOrRegion, nullptr},
+};
+
+CommonUtilService::~CommonUtilService() { LeaveFacade(); }
+
+int CommonUtilService::ProcessRecvMsg(char* message) {
+  std::string text(message);
+  const commonutil::WipeGuard wipe(text);  // it may hold a password
+  Json::Value request;
+  if (!commonutil::PublicUtil::SafeParseJson(text, request)) return commonutil::kOk;
+  if (const Command* command = FindCommand(request)) RunCommand(*command, request);
+  return commonutil::kOk;
+}
+
+char* CommonUtilService::ProcessCallFuncMsg(Json::Value& request) {
+  m_repliesToSecondary.store(true);
+  const Command* const command = FindCommand(request);
+  if (command == nullptr) return nullptr;
+  RunCommand(*command, request);
+  char* reply = nullptr;
+  (void)m_secondary.SendMsgExport(&reply);  // null when the handler composed none
+  return reply;
+}
+
+const CommonUtilService::Command* CommonUtilService::FindCommand(const Json::Value& request) {
+  if (!request.isObject() || !request[key::kCmd].isUInt()) return nullptr;
+  const unsigned int number = request[key::kCmd].asUInt() & kCommandMask;
+  if (number < kFirstCommand || number > kLastCommand) return nullptr;
+  if (number >= std::size(kCommands) || kCommands[number].handler == nullptr) return nullptr;
+  return &kCommands[number];
+}
+
+void CommonUtilService::RunCommand(const Command& command, Json::Value& request) {
+  try {
+    (this->*command.handler)(request, command.fallback);
+  } catch (const std::exception& error) {
+    _processInputJsonException(error, request);
+  }
+}
+
+void CommonUtilService::InitCommonUtil(Json::Value& request, const char* fallback) {
+  int result = commonutil::kFailed;
+  const Json::Value& param = AsConst(request)[key::kParam];
+  if (param.isObject() && param[key::kInitParam].isObject()) {
+    commonutil::tagZelUtilInitParam record;
+    ConvertJsonToInitParam(param[key::kInitParam], record);
+    result = commonutil::CommonUtil::getInst().InitCommonUtil(record, this);
+  }
+  _makeRetMsgAndSend(result, request, fallback);
+}
+
+void CommonUtilService::GetRegInfo(Json::Value& request, const char*) {
+  ReplyWithoutAction("GetRegInfo", request);
+}
+
+void CommonUtilService::SetAutoStart(Json::Value& request, const char*) {
+  ReplyWithoutAction("SetAutoStart", request);
+}
+
+void CommonUtilService::GetAutoStart(Json::Value& request, const char*) {
+  ReplyWithoutAction("GetAutoStart", request);
+}
+
+void CommonUtilService::GetWindowsCountryOrRegion(Json::Value&, const char*) {}
+
+void CommonUtilService::ReplyWithoutAction(const char* command, const Json::Value& request) {
+  const Json::Value& sno = request[key::kSno];
+  ZEL_LOG_DATA(kInfo) << command << " " << GetJsonString(request, key::kDescription) << ", cmd"
+                      << request[key::kCmd].asUInt() << ", sno"
+                      << (sno.isUInt() ? sno.asUInt() : 0U);
+  SendReply(ComposeReply(commonutil::kOk, request, nullptr));
+}

@@ -1,0 +1,110 @@
+#include "publicInc/ServiceHost.h"
+
+#include <cstring>
+#include <new>
+
+#include "publicInc/ResultCode.h"
+#include "util/Log.h"
+#include "zel_platform/securec.h"
+
+namespace commonutil {
+
+namespace {
+
+constexpr char kLogFile[] = "commonutil/publicInc/CommonUtilService";
+constexpr char kThreadName[] = "CommonUtilService";
+constexpr unsigned int kIdlePollMs = 5;
+
+// The service is stopped: handled messages are wiped, those dropped in the rings are not.
+void WipeAndFree(char* message) {
+  const std::size_t length = std::strlen(message);
+  (void)memset_s(message, length, 0, length);  // fails for an empty text only
+  delete[] message;
+}
+
+}  // namespace
+
+ServiceHost& ServiceHost::GetInst() {
+  static ServiceHost& instance = *new ServiceHost;
+  return instance;
+}
+
+int ServiceHost::Startup() {
+  MutexLock hold(m_threadLock);
+  if (m_thread != 0) return kOk;
+  if (!PinOrCreate()) {
+    ZEL_LOG(kError) << "can't malloc memory.";
+    return kFailed;
+  }
+  PRAX_THREAD thread = 0;
+  const int result =
+      PRAX_PthreadCreate(&thread, nullptr, &ServiceHost::ServiceMainProcess, nullptr);
+  m_thread = thread;
+  return result;
+}
+
+void ServiceHost::ShutDown() {
+  m_stopFlag.store(1);
+  MutexLock one(m_shutDownLock);
+  PRAX_THREAD thread = 0;
+  {
+    MutexLock hold(m_threadLock);
+    thread = m_thread;
+  }
+  if (thread == 0) return;
+  // The handle stays until the join: a start-up in between would clear the stop flag.
+  const int result = PRAX_PthreadJoin(thread, nullptr);
+  if (result != 0) ZEL_LOG(kInfo) << "g_stServiceThread join error, ret = " << result;
+  ZEL_LOG(kInfo) << "CommonUtilServiceShutDown exit";
+  MutexLock hold(m_threadLock);
+  m_thread = 0;
+}
+
+std::shared_ptr<CommonUtilService> ServiceHost::Pin() {
+  MutexLock hold(m_serviceLock);
+  return m_service;
+}
+
+std::shared_ptr<CommonUtilService> ServiceHost::PinOrCreate() {
+  MutexLock hold(m_serviceLock);
+  if (!m_service) {
+    try {
+      m_service.reset(new (std::nothrow) CommonUtilService);
+    } catch (const std::bad_alloc&) {
+      m_service.reset();
+    }
+  }
+  return m_service;
+}
+
+void* ServiceHost::ServiceMainProcess(void*) {
+  PRAX_PthreadSetName(kThreadName);
+  GetInst().Serve();
+  return nullptr;
+}
+
+void ServiceHost::Serve() {
+  m_stopFlag.store(0);
+  const std::shared_ptr<CommonUtilService> service = Pin();
+  while (m_stopFlag.load() == 0) {
+    char* message = nullptr;
+    if (service->PrimaryStore().RecvMsgExport(&message) == 0) {
+      PRAX_SleepMs(kIdlePollMs);
+      continue;
+    }
+    // Stopped between the two looks: the object stays, and with it the messages that wait; the
+    // next start goes on with them. This one is not handled.
+    if (m_stopFlag.load() != 0) return;
+    service->ProcessRecvMsg(message);
+    WipeAndFree(message);
+  }
+  DropService();
+}
+
+void ServiceHost::DropService() {
+  std::shared_ptr<CommonUtilService> last;  // destroyed outside the lock
+  MutexLock hold(m_serviceLock);
+  last.swap(m_service);
+}
+
+}  // namespace commonutil
