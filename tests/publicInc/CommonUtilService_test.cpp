@@ -1,0 +1,177 @@
+#include "publicInc/CommonUtilService.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "publicInc/CommonUtilManager.h"
+#include "support/PlatformDouble.h"
+#include "support/TempDir.h"
+
+namespace {
+
+constexpr int kError = 0;
+
+Json::Value Parse(const std::string& text) {
+  Json::Value root;
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, nullptr)) << text;
+  return root;
+}
+
+class CommonUtilServiceTest : public testing::Test {
+ protected:
+  CommonUtilServiceTest() { support::ResetPlatformDouble(); }
+
+  void Post(std::string text) { EXPECT_EQ(m_service.ProcessRecvMsg(text.data()), 0); }
+
+  // The next message for the host; null when there is none.
+  Json::Value Next() {
+    char* message = nullptr;
+    if (m_service.PrimaryStore().SendMsgExport(&message) == 0) return Json::Value();
+    const std::unique_ptr<char[]> owner(message);
+    return Parse(message);
+  }
+
+  Json::Value Ask(const std::string& text) {
+    Post(text);
+    return Next();
+  }
+
+  CommonUtilService m_service;
+};
+
+TEST_F(CommonUtilServiceTest, EchoesWhatTheRequestBringsAndNothingElse) {
+  EXPECT_EQ(Ask(R"({"cmd":11,"sno":7,"description":"mine"})"),
+            Parse(R"({"description":"mine","rsp":11,"result":0,"sno":7})"));
+  EXPECT_EQ(Ask(R"({"cmd":12})"), Parse(R"({"rsp":12,"result":0})"));
+  EXPECT_EQ(Ask(R"({"cmd":13,"sno":"7","description":5})"), Parse(R"({"rsp":13,"result":0})"));
+  EXPECT_EQ(Ask(R"({"cmd":13,"sno":-1,"description":""})"),
+            Parse(R"({"description":"","rsp":13,"result":0})"));
+}
+
+TEST_F(CommonUtilServiceTest, MasksTheNumberButRepliesWithAllOfIt) {
+  EXPECT_EQ(Ask(R"({"cmd":65547})")["rsp"].asUInt(), 0x1000BU);
+  EXPECT_EQ(Ask(R"({"cmd":262155})")["rsp"].asUInt(), 0x4000BU);
+  Post(R"({"cmd":131083})");  // bit 17
+  EXPECT_TRUE(Next().isNull());
+}
+
+TEST_F(CommonUtilServiceTest, IgnoresWhatIsNoRequest) {
+  for (const char* text :
+       {"", "{", "7", "\"x\"", "[11]", "{}", R"({"cmd":"11"})", R"({"cmd":-11})", R"({"cmd":0})",
+        R"({"cmd":10})", R"({"cmd":17})", R"({"cmd":18})", R"({"cmd":19})", R"({"cmd":33})",
+        R"({"cmd":34})", R"({"cmd":4294967295})", R"({"cmd":11.5})", R"({"cmd":null})"}) {
+    Post(text);
+    EXPECT_TRUE(Next().isNull()) << text;
+  }
+  EXPECT_FALSE(Ask(R"({"cmd":11})").isNull());
+}
+
+TEST_F(CommonUtilServiceTest, RefusesAnInitWithoutItsParameters) {
+  for (const char* param :
+       {"", R"(,"param":"text")", R"(,"param":{})", R"(,"param":{"initParam":[]})"}) {
+    const Json::Value reply = Ask(R"({"cmd":1,"sno":3)" + std::string(param) + "}");
+    EXPECT_EQ(reply, Parse(R"({"description":"orb_commonutil_init","rsp":1,"result":1,"sno":3})"))
+        << param;
+  }
+}
+
+// The one test that initialises the process: once, and with ill-typed values beside good ones.
+TEST_F(CommonUtilServiceTest, InitialisesOnceAndReportsTheSecondTime) {
+  const support::TempDir dir;
+  Json::Value request =
+      Parse(R"({"cmd":65537,"param":{"initParam":{"logLevel":"2","logSize":1.5}}})");
+  request["param"]["initParam"]["dbPath"] = dir.Path();
+  request["param"]["initParam"]["log_path"] = std::string(512, 'l');  // does not fit
+  const Json::Value first = Ask(request.toStyledString());
+  EXPECT_EQ(first["result"].asInt(), 0);
+  EXPECT_EQ(first["rsp"].asUInt(), 65537U);
+  EXPECT_EQ(support::CountLogPrefix("ConvertJsonToUTContextInfo error, ret = ", kError), 1);
+  EXPECT_EQ(support::CountLogPrefix("Init, logPath = , logLevel = 0, logSize = 0, fileCount = 0 "),
+            1);
+  EXPECT_EQ(Ask(request.toStyledString())["result"].asInt(), 2);
+}
+
+TEST_F(CommonUtilServiceTest, AnswersAnExceptionWithTheRequestAsItCame) {
+  Json::Value request = Parse(R"({"cmd":6,"description":5,"x":[1]})");
+  m_service._processInputJsonException(std::runtime_error("why"), request);
+  const Json::Value reply = Next();
+  EXPECT_EQ(reply["reason"].asString(), "some param is not correct! why");
+  EXPECT_EQ(reply["result"].asInt(), 1);
+  EXPECT_EQ(reply["rsp"].asUInt(), 6U);
+  EXPECT_FALSE(reply.isMember("description"));
+  EXPECT_FALSE(reply.isMember("sno"));
+  EXPECT_EQ(reply["src_req"], Parse(R"({"cmd":6,"description":5,"x":[1]})"));
+}
+
+class Wordless : public std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
+
+TEST_F(CommonUtilServiceTest, SendsNothingForAnExceptionWithoutAMessage) {
+  Json::Value request = Parse(R"({"cmd":6})");
+  m_service._processInputJsonException(Wordless(), request);
+  EXPECT_TRUE(Next().isNull());
+}
+
+TEST_F(CommonUtilServiceTest, ComposesRepliesWithPayloadAndRspZeroForAStrangeNumber) {
+  Json::Value request = Parse(R"({"cmd":"six","sno":1})");
+  Json::Value payload = Parse(R"({"a":[1,2]})");
+  m_service._makeRetMsgAndSend(5, payload, request, "fallback");
+  EXPECT_EQ(Next(),
+            Parse(R"({"description":"fallback","rsp":0,"result":5,"sno":1,"param":{"a":[1,2]}})"));
+}
+
+TEST_F(CommonUtilServiceTest, AfterOneDirectCallRepliesLeaveThePrimaryStoreForGood) {
+  Json::Value invalid(5);
+  EXPECT_EQ(m_service.ProcessCallFuncMsg(invalid), nullptr);  // routes all the same
+  Post(R"({"cmd":11,"sno":1})");
+  EXPECT_TRUE(Next().isNull());
+
+  Json::Value request = Parse(R"({"cmd":12,"sno":2})");
+  const std::unique_ptr<char[]> oldest(m_service.ProcessCallFuncMsg(request));
+  ASSERT_NE(oldest, nullptr);
+  EXPECT_EQ(Parse(oldest.get())["sno"].asUInt(), 1U);  // the oldest, not this one's
+
+  m_service.onUsingProxyChange(commonutil::ProxyInfo());
+  EXPECT_EQ(Next()["notify"].asInt(), 1);
+}
+
+TEST_F(CommonUtilServiceTest, AnnouncesTheProxyInUseThroughTheFacade) {
+  commonutil::ProxyInfo proxy;
+  proxy.setProxyServer("proxy.example");
+  proxy.setProxyPort(8080);
+  proxy.setProxyAccount("user");
+  proxy.setProxyPassword("pass word");
+  auto& facade = commonutil::CommonUtilManager::GetInstance();
+  facade.SetGlobalCallback(&m_service);
+  facade.onUsingProxyChange(proxy);
+  EXPECT_EQ(Next(), Parse(R"({"description":"COMMONUTIL_E_EVENT_ON_USINGPROXYCHANGE","notify":1,
+      "param":{"proxyServer":"proxy.example","proxyPort":8080,"proxyAccount":"user",
+      "proxyAccPswd":"pass word"}})"));
+  for (const std::string& line : support::LogTexts()) {
+    EXPECT_EQ(line.find("pass word"), std::string::npos);
+  }
+}
+
+TEST_F(CommonUtilServiceTest, ADestroyedServiceIsNoLongerTheFacadesCallback) {
+  auto& facade = commonutil::CommonUtilManager::GetInstance();
+  {
+    CommonUtilService gone;
+    facade.SetGlobalCallback(&gone);
+  }
+  facade.onUsingProxyChange(commonutil::ProxyInfo());  // would reach freed memory
+  EXPECT_TRUE(Next().isNull());
+}
+
+TEST_F(CommonUtilServiceTest, MemberImportWipesTheCallersBufferEvenWhenTheRingIsFull) {
+  char text[] = "secret";
+  EXPECT_EQ(static_cast<CommonUtilOrbService&>(m_service).RecvMsgImport(text, 6), 0);
+  EXPECT_EQ(std::string(text, 6), std::string(6, '\0'));
+}
+
+}  // namespace

@@ -1,0 +1,124 @@
+#include "publicInc/msg_storage.h"
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/PlatformDouble.h"
+
+namespace {
+
+constexpr int kRingSlots = 2048;
+
+// The oldest inbound message, or "(none)".
+std::string TakeInbound(msg_storage& storage) {
+  char* message = nullptr;
+  if (storage.RecvMsgExport(&message) == 0) return "(none)";
+  const std::unique_ptr<char[]> owner(message);
+  return message;
+}
+
+int Import(msg_storage& storage, const std::string& text) {
+  return storage.RecvMsgImport(text.data(), text.size());
+}
+
+void FillInbound(msg_storage& storage) {
+  for (int i = 0; i < kRingSlots; ++i) {
+    ASSERT_EQ(Import(storage, "message " + std::to_string(i)), 1);
+  }
+}
+
+class MsgStorageTest : public testing::Test {
+ protected:
+  MsgStorageTest() { support::ResetPlatformDouble(); }
+
+  msg_storage m_storage;
+};
+
+TEST_F(MsgStorageTest, RefusesWhenEverySlotIsTakenAndAcceptsAgainAfterOneTake) {
+  FillInbound(m_storage);
+  EXPECT_EQ(Import(m_storage, "x"), 0);
+  EXPECT_EQ(TakeInbound(m_storage), "message 0");
+  EXPECT_EQ(Import(m_storage, "x"), 1);
+  EXPECT_EQ(Import(m_storage, "y"), 0);
+}
+
+TEST_F(MsgStorageTest, RefusesWhatCannotBeStored) {
+  EXPECT_EQ(m_storage.RecvMsgImport(nullptr, 3), 0);
+  EXPECT_EQ(m_storage.RecvMsgImport("x", 0), 0);
+  EXPECT_EQ(m_storage.RecvMsgImport("x", std::numeric_limits<unsigned long>::max()), 0);
+  EXPECT_EQ(m_storage.SendMsgImport(nullptr, 3), 0);
+  EXPECT_EQ(m_storage.SendMsgImport("x", 0), 0);
+  EXPECT_EQ(TakeInbound(m_storage), "(none)");
+}
+
+TEST_F(MsgStorageTest, StoresACopyThatEndsWhereTheLengthSays) {
+  char text[] = "abcdef";
+  ASSERT_EQ(m_storage.RecvMsgImport(text, 3), 1);
+  text[0] = 'z';
+  EXPECT_EQ(TakeInbound(m_storage), "abc");
+}
+
+TEST_F(MsgStorageTest, EmptyTakeLeavesTheOutPointerAlone) {
+  char marker = 'm';
+  char* out = &marker;
+  EXPECT_EQ(m_storage.RecvMsgExport(&out), 0);
+  EXPECT_EQ(m_storage.SendMsgExport(&out), 0);
+  EXPECT_EQ(out, &marker);
+  EXPECT_EQ(m_storage.SendMsgExport(nullptr), 0);
+}
+
+TEST_F(MsgStorageTest, CountsWrapWithoutLosingOrInventingAMessage) {
+  msg_storage storage(std::numeric_limits<std::uint32_t>::max() - 3);
+  FillInbound(storage);
+  EXPECT_EQ(Import(storage, "one too many"), 0);
+  for (int i = 0; i < kRingSlots; ++i) {
+    ASSERT_EQ(TakeInbound(storage), "message " + std::to_string(i));
+  }
+  EXPECT_EQ(TakeInbound(storage), "(none)");
+}
+
+TEST_F(MsgStorageTest, TwoThreadsHandOverEveryMessageInOrder) {
+  constexpr int kMessages = 20000;
+  std::thread producer([this] {
+    for (int i = 0; i < kMessages; ++i) {
+      while (Import(m_storage, std::to_string(i)) == 0) std::this_thread::yield();
+    }
+  });
+  for (int expected = 0; expected < kMessages;) {
+    const std::string message = TakeInbound(m_storage);
+    if (message == "(none)") {
+      std::this_thread::yield();
+      continue;
+    }
+    ASSERT_EQ(message, std::to_string(expected));
+    ++expected;
+  }
+  producer.join();
+}
+
+TEST_F(MsgStorageTest, ManyOutboundProducersLoseNothing) {
+  constexpr int kProducers = 4;
+  constexpr int kEach = 400;  // together less than the ring holds
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p) {
+    producers.emplace_back([this] {
+      for (int i = 0; i < kEach; ++i) ASSERT_EQ(m_storage.SendMsgImport("reply", 5), 1);
+    });
+  }
+  for (std::thread& producer : producers) producer.join();
+  int taken = 0;
+  char* message = nullptr;
+  while (m_storage.SendMsgExport(&message) == 1) {
+    delete[] message;
+    ++taken;
+  }
+  EXPECT_EQ(taken, kProducers * kEach);
+}
+
+}  // namespace
