@@ -15,7 +15,6 @@ constexpr char kLogFile[] = "commonutil/publicInc/CommonUtilService";
 constexpr char kThreadName[] = "CommonUtilService";
 constexpr unsigned int kIdlePollMs = 5;
 
-// The service is stopped: handled messages are wiped, those dropped in the rings are not.
 void WipeAndFree(char* message) {
   const std::size_t length = std::strlen(message);
   (void)memset_s(message, length, 0, length);  // fails for an empty text only
@@ -94,7 +93,10 @@ void ServiceHost::Serve() {
     }
     // Stopped between the two looks: the object stays, and with it the messages that wait; the
     // next start goes on with them. This one is not handled.
-    if (m_stopFlag.load() != 0) return;
+    if (m_stopFlag.load() != 0) {
+      m_unhandled = message;
+      return;
+    }
     service->ProcessRecvMsg(message);
     WipeAndFree(message);
   }

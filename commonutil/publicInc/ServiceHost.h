@@ -47,6 +47,9 @@ class ServiceHost {
   // Held across the creation, so that two start-ups start one thread.
   Mutex m_threadLock;
   PRAX_THREAD m_thread ZEL_GUARDED_BY(m_threadLock) = 0;
+
+  // The last message that a stop left unhandled, still reachable. Service thread only.
+  char* m_unhandled = nullptr;
 };
 
 }  // namespace commonutil

@@ -75,19 +75,20 @@ class ZEL_API PublicUtil {
 
  private:
   // As GetServerDomainIdentity.
-  static std::string IdentityLocked() ZEL_REQUIRES(m_configMutex);
-  static std::string WithStrategyLocked(const std::string& url) ZEL_REQUIRES(m_configMutex);
+  ZEL_LOCAL static std::string IdentityLocked() ZEL_REQUIRES(m_configMutex);
+  ZEL_LOCAL static std::string WithStrategyLocked(const std::string& url)
+      ZEL_REQUIRES(m_configMutex);
 
   // Never destroyed: a detached thread may still read them while the process exits. The
   // configuration lock is held while the file is read and the outcome logged.
-  static Mutex& m_configMutex;
-  static std::string& m_configFilePath ZEL_GUARDED_BY(m_configMutex);
+  ZEL_LOCAL static Mutex& m_configMutex;
+  ZEL_LOCAL static std::string& m_configFilePath ZEL_GUARDED_BY(m_configMutex);
   // Written once, before m_haveIdentity is set (release), never changed after.
-  static std::string& m_serverDomainIdentity;
-  static std::atomic<bool> m_haveIdentity;
-  static Mutex& m_strategyMutex;
-  static std::string& m_serverDomainStrategy ZEL_GUARDED_BY(m_strategyMutex);
-  static bool m_serverDomainStrategyChanged ZEL_GUARDED_BY(m_strategyMutex);
+  ZEL_LOCAL static std::string& m_serverDomainIdentity;
+  ZEL_LOCAL static std::atomic<bool> m_haveIdentity;
+  ZEL_LOCAL static Mutex& m_strategyMutex;
+  ZEL_LOCAL static std::string& m_serverDomainStrategy ZEL_GUARDED_BY(m_strategyMutex);
+  ZEL_LOCAL static bool m_serverDomainStrategyChanged ZEL_GUARDED_BY(m_strategyMutex);
 };
 
 }  // namespace commonutil
