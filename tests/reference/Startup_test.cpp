@@ -1,0 +1,226 @@
+// Starts of the whole library on real files: what they make, what they survive. A process
+// initialises once, so each start is a child of its own.
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "CommonUtil.h"
+#include "cacheDB/CommonUtilDBInterface.h"
+#include "prax/prax_ref.h"
+#include "support/TempDir.h"
+
+namespace commonutil {
+namespace {
+
+namespace fs = std::filesystem;
+
+// What a child reports.
+enum Outcome : int {
+  kRowFound = 10,    // started, and the row of an earlier start is there
+  kRowMissing = 11,  // started with an empty cache, which then took and gave back a row
+  kInitFailed = 12,  // result 1, and the library still answers
+  kWrong = 13,
+};
+
+constexpr char kKey[] = "known key";
+constexpr char kValue[] = "known value";
+
+bool HasRow() {
+  ZelConfigCache row;
+  int count = 1;
+  const ZelMatchInfo match = {kKey, kMatchKey};
+  return SqliteInterfaceManager::GetInst().QueryConfigCache(match, &row, &count) == 0 &&
+         count == 1 && row.value == kValue;
+}
+
+int Initialise(const std::string& dir) {
+  PRAX_Ref_SetSleepHook([](unsigned int) {});  // key management is tried a hundred times
+  tagZelUtilInitParam param = {};
+  std::snprintf(param.dbPath, sizeof(param.dbPath), "%s", dir.c_str());
+  std::snprintf(param.logPath, sizeof(param.logPath), "%s/log", dir.c_str());
+  param.logLevel = 2;
+  param.logSize = 1024;
+  param.fileCount = 2;
+  return CommonUtil::getInst().InitCommonUtil(param, nullptr);
+}
+
+Outcome Start(const std::string& dir) {
+  const int result = Initialise(dir);
+  if (result == 1) return Initialise(dir) == 2 ? kInitFailed : kWrong;
+  if (result != 0) return kWrong;
+  if (HasRow()) return kRowFound;
+  const ZelConfigCache row = {0, kKey, kValue};
+  if (SqliteInterfaceManager::GetInst().BatchAddConfigCache(&row, 1) != 0) return kWrong;
+  return HasRow() ? kRowMissing : kWrong;
+}
+
+int WaitFor(pid_t child) {
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// One start in a child of its own.
+int StartOnce(const std::string& dir) {
+  const pid_t child = fork();
+  if (child == 0) _exit(Start(dir));
+  return WaitFor(child);
+}
+
+class StartupTest : public testing::Test {
+ protected:
+  StartupTest() { fs::create_directory(m_dir.File("log")); }
+
+  void FirstStart() { ASSERT_EQ(StartOnce(m_dir.Path()), kRowMissing); }
+  int NextStart() { return StartOnce(m_dir.Path()); }
+  std::string Salt() const { return support::ReadWholeFile(m_salt); }
+
+  support::TempDir m_dir;
+  const std::string m_salt = m_dir.File("sdkcache_config.db");
+  const std::string m_database = m_dir.File("sdkcache.db");
+  const std::string m_store = m_dir.File("zorm/zormStore.dat");
+  const std::string m_backup = m_dir.File("zorm/zormStore_bak.dat");
+};
+
+unsigned int ModeOf(const std::string& path) {
+  struct stat status = {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777U;
+}
+
+void Flip(const std::string& path, std::size_t position) {
+  std::string content = support::ReadWholeFile(path);
+  ASSERT_GT(content.size(), position);
+  content[position] = static_cast<char>(content[position] ^ 1);
+  support::WriteWholeFile(path, content);
+}
+
+TEST_F(StartupTest, MakesItsFilesAndFindsThemAgain) {
+  FirstStart();
+  EXPECT_EQ(ModeOf(m_salt), 0640U);
+  EXPECT_EQ(ModeOf(m_database), 0640U);
+  EXPECT_EQ(ModeOf(m_store), 0600U);
+  EXPECT_EQ(ModeOf(m_backup), 0600U);
+  const std::string salt = Salt();
+  EXPECT_TRUE(std::regex_match(salt, std::regex("[0-9A-F]+\\|[0-9A-F]{32}"))) << salt;
+  EXPECT_EQ(support::ReadWholeFile(m_database).find(kValue), std::string::npos);
+  EXPECT_EQ(NextStart(), kRowFound);
+  EXPECT_EQ(Salt(), salt);
+}
+
+TEST_F(StartupTest, ADamagedSaltFileCostsTheRowsButNotTheStart) {
+  for (const std::string& damaged :
+       {std::string(), std::string("|"), std::string("0123456789"), std::string("zz|zz"),
+        std::string("|0123"), std::string(65536, 'A'), std::string("\0\0|\0", 4)}) {
+    FirstStart();
+    support::WriteWholeFile(m_salt, damaged);
+    EXPECT_EQ(NextStart(), kRowMissing) << damaged.substr(0, 20);
+    EXPECT_EQ(NextStart(), kRowFound);
+    fs::remove(m_database);
+  }
+  fs::remove(m_salt);
+  EXPECT_EQ(NextStart(), kRowMissing);
+  Flip(m_salt, 0);  // one digit of the encrypted secret
+  EXPECT_EQ(NextStart(), kRowMissing);
+}
+
+TEST_F(StartupTest, ADamagedDatabaseIsMadeAnew) {
+  FirstStart();
+  const std::string whole = support::ReadWholeFile(m_database);
+  for (const std::string& damaged :
+       {std::string(), std::string("x"), std::string(20000, '\x5a'), whole.substr(0, 100),
+        std::string("SQLite format 3\0", 16) + whole.substr(16)}) {
+    support::WriteWholeFile(m_database, damaged);
+    EXPECT_EQ(NextStart(), kRowMissing) << damaged.size();
+    EXPECT_EQ(NextStart(), kRowFound);
+  }
+  Flip(m_database, 200);
+  EXPECT_EQ(NextStart(), kRowMissing);
+}
+
+TEST_F(StartupTest, ADirectoryInTheDatabasesPlaceFailsTheStartButTheLibraryAnswers) {
+  fs::create_directories(m_database + "/full");
+  EXPECT_EQ(NextStart(), kInitFailed);
+}
+
+TEST_F(StartupTest, OneDamagedOrMissingKeyStoreCopyHealsWithoutLoss) {
+  FirstStart();
+  const std::string good = support::ReadWholeFile(m_store);
+  for (const std::string& path : {m_store, m_backup}) {
+    Flip(path, good.size() / 2);
+    EXPECT_EQ(NextStart(), kRowFound) << path;
+    support::WriteWholeFile(path, "");
+    EXPECT_EQ(NextStart(), kRowFound) << path;
+    fs::remove(path);
+    EXPECT_EQ(NextStart(), kRowFound) << path;
+    EXPECT_EQ(support::ReadWholeFile(path), good) << path;
+  }
+}
+
+TEST_F(StartupTest, BothKeyStoreCopiesGoneStartsWithAnEmptyCache) {
+  FirstStart();
+  fs::remove(m_store);
+  fs::remove(m_backup);
+  EXPECT_EQ(NextStart(), kRowMissing);
+  support::WriteWholeFile(m_store, "damaged");
+  support::WriteWholeFile(m_backup, "damaged");
+  EXPECT_EQ(NextStart(), kRowMissing);
+  EXPECT_EQ(NextStart(), kRowFound);
+}
+
+TEST_F(StartupTest, ADirectoryThatCannotBeMadeFailsTheStartButTheLibraryAnswers) {
+  support::WriteWholeFile(m_dir.File("file"), "in the way");
+  EXPECT_EQ(StartOnce(m_dir.File("file") + "/below"), kInitFailed);
+}
+
+// Once a start has succeeded, no cut-off of a later one may change the secret.
+TEST_F(StartupTest, KilledAtAnyPointItLosesNeitherSecretNorRow) {
+  std::minstd_rand random(20240607);
+  bool stored = false;
+  for (int round = 0; round < 30; ++round) {
+    const pid_t child = fork();
+    if (child == 0) _exit(Start(m_dir.Path()));
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 120000));
+    kill(child, SIGKILL);
+    const int outcome = WaitFor(child);
+    stored = stored || outcome == kRowMissing || outcome == kRowFound;
+    if (round % 5 != 4) continue;
+    const int next = NextStart();
+    EXPECT_TRUE(next == kRowFound || (!stored && next == kRowMissing)) << round << ": " << next;
+    stored = true;
+  }
+}
+
+TEST_F(StartupTest, NoLogLineShowsAKeyOrTheDirectory) {
+  FirstStart();
+  ASSERT_EQ(NextStart(), kRowFound);
+  const std::string secret = Salt().substr(0, Salt().find('|'));
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(m_dir.File("log"))) {
+    ++files;
+    const std::string text = support::ReadWholeFile(entry.path().string());
+    EXPECT_NE(text, "");
+    EXPECT_FALSE(std::regex_search(text, std::regex("[0-9A-Fa-f]{32}"))) << entry.path();
+    EXPECT_EQ(text.find(secret), std::string::npos);
+    EXPECT_EQ(text.find(m_dir.Path()), std::string::npos);
+    EXPECT_EQ(text.find(kValue), std::string::npos);
+  }
+  EXPECT_GE(files, 2U);
+}
+
+}  // namespace
+}  // namespace commonutil
