@@ -6,13 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -102,6 +102,16 @@ unsigned int ModeOf(const std::string& path) {
   return status.st_mode & 07777U;
 }
 
+std::size_t LongestHexRun(const std::string& text) {
+  std::size_t longest = 0;
+  std::size_t run = 0;
+  for (const char c : text) {
+    run = std::isxdigit(static_cast<unsigned char>(c)) ? run + 1 : 0;
+    longest = std::max(longest, run);
+  }
+  return longest;
+}
+
 void Flip(const std::string& path, std::size_t position) {
   std::string content = support::ReadWholeFile(path);
   ASSERT_GT(content.size(), position);
@@ -116,7 +126,8 @@ TEST_F(StartupTest, MakesItsFilesAndFindsThemAgain) {
   EXPECT_EQ(ModeOf(m_store), 0600U);
   EXPECT_EQ(ModeOf(m_backup), 0600U);
   const std::string salt = Salt();
-  EXPECT_TRUE(std::regex_match(salt, std::regex("[0-9A-F]+\\|[0-9A-F]{32}"))) << salt;
+  EXPECT_EQ(LongestHexRun(salt), salt.find('|')) << salt;
+  EXPECT_EQ(salt.size() - salt.find('|') - 1, 32U) << salt;
   EXPECT_EQ(support::ReadWholeFile(m_database).find(kValue), std::string::npos);
   EXPECT_EQ(NextStart(), kRowFound);
   EXPECT_EQ(Salt(), salt);
@@ -214,7 +225,7 @@ TEST_F(StartupTest, NoLogLineShowsAKeyOrTheDirectory) {
     ++files;
     const std::string text = support::ReadWholeFile(entry.path().string());
     EXPECT_NE(text, "");
-    EXPECT_FALSE(std::regex_search(text, std::regex("[0-9A-Fa-f]{32}"))) << entry.path();
+    EXPECT_LT(LongestHexRun(text), 32U) << entry.path();
     EXPECT_EQ(text.find(secret), std::string::npos);
     EXPECT_EQ(text.find(m_dir.Path()), std::string::npos);
     EXPECT_EQ(text.find(kValue), std::string::npos);

@@ -1,0 +1,39 @@
+// Compares two ways to do the same work. The two take turns, so that whatever else the machine
+// does meets both; the figure is the median of the rounds' ratios.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace bench {
+
+struct Comparison {
+  std::string what;
+  std::string peer;
+  double goal;    // the ratio not to be exceeded; 0: none
+  int rounds;     // at least seven
+  double divide;  // a round's nanoseconds by the operations in it
+};
+
+// One round of the work.
+using Round = std::function<void()>;
+
+// A round that tells itself how many nanoseconds it took.
+using TimedRound = std::function<double()>;
+
+// Run both and print one line of the table.
+void Compare(const Comparison& comparison, const Round& ours, const Round& peer);
+void CompareTimes(const Comparison& comparison, const TimedRound& ours, const TimedRound& peer);
+void PrintHeading();
+// A line with one figure and nothing beside it.
+void PrintFigure(const std::string& what, const std::string& figure);
+
+// The benchmarks.
+void BenchMessage();
+void BenchRing();
+void BenchWorker();
+void BenchStart();
+// A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
+int StartChild(const std::string& dir);
+
+}  // namespace bench

@@ -1,0 +1,13 @@
+#include <cstring>
+
+#include "Ratio.h"
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "--start") == 0) return bench::StartChild(argv[2]);
+  bench::PrintHeading();
+  bench::BenchMessage();
+  bench::BenchRing();
+  bench::BenchWorker();
+  bench::BenchStart();
+  return 0;
+}

@@ -1,0 +1,100 @@
+// One request through the library against what jsoncpp alone takes for its texts.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <json/json.h>
+
+#include "Ratio.h"
+#include "publicInc/CommonUtilEntry.h"
+
+namespace bench {
+
+namespace {
+
+constexpr int kRounds = 15;
+constexpr int kRequests = 5000;
+constexpr char kRequest[] =
+    R"({"cmd":11,"sno":12345,"description":"a host's own text for this request, echoed",)"
+    R"("param":{"first":"some text","second":[1,2,3],"third":true,"more":"text"}})";
+
+void ProcessAndTake(std::string& request) {
+  char* reply = nullptr;
+  (void)CommonUtilProcessRecvMsg(request.data());
+  if (CommonUtilSendMsgExport(&reply) == 1) CommonUtilFreeExportMsg(reply);
+}
+
+void ParseAndWrite(const std::string& request, const Json::Value& reply) {
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  Json::Value root;
+  (void)reader->parse(request.data(), request.data() + request.size(), &root, nullptr);
+  const std::string text = reply.toStyledString();
+  if (text.empty()) std::abort();  // keeps the work
+}
+
+long ResidentKb() {
+  long total = 0;
+  long resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+double CpuSeconds() {
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+void ShowGrowth(std::string& request) {
+  for (int i = 0; i < 10000; ++i) ProcessAndTake(request);
+  const long before = ResidentKb();
+  for (int i = 0; i < 1000000; ++i) ProcessAndTake(request);
+  PrintFigure("growth over a million requests", std::to_string(ResidentKb() - before) + " KB");
+}
+
+void ShowIdle() {
+  constexpr int kSeconds = 3;
+  std::string request = kRequest;
+  (void)CommonUtilServiceStartup();
+  (void)CommonUtilRecvMsgImport(request.data(), request.size());
+  char* reply = nullptr;
+  while (CommonUtilSendMsgExport(&reply) == 0) std::this_thread::yield();
+  CommonUtilFreeExportMsg(reply);
+  const double before = CpuSeconds();
+  std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
+  const double used = (CpuSeconds() - before) / kSeconds;
+  CommonUtilServiceShutDown();
+  PrintFigure("idle service, CPU time a second", std::to_string(used * 1000) + " ms");
+}
+
+}  // namespace
+
+void BenchMessage() {
+  std::string request = kRequest;
+  Json::Value reply(Json::objectValue);
+  reply["description"] = "a host's own text for this request, echoed";
+  reply["result"] = 0;
+  reply["rsp"] = 11U;
+  reply["sno"] = 12345U;
+  const Comparison comparison = {"one request, command 11, 150 bytes",
+                                 "jsoncpp's parse and toStyledString alone", 1.5, kRounds,
+                                 kRequests};
+  Compare(
+      comparison,
+      [&] {
+        for (int i = 0; i < kRequests; ++i) ProcessAndTake(request);
+      },
+      [&] {
+        for (int i = 0; i < kRequests; ++i) ParseAndWrite(request, reply);
+      });
+  ShowGrowth(request);
+  ShowIdle();
+}
+
+}  // namespace bench

@@ -1,0 +1,110 @@
+// The initialisation, each in a process of its own, against the key derivations in it.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "CommonUtil.h"
+#include "Ratio.h"
+#include "sqlite3.h"
+#include "zel_platform/crypto.h"
+
+namespace bench {
+
+namespace {
+
+constexpr int kRounds = 9;
+// Times that a start opens the database with its key: to use it, and for the two probes that a
+// start makes of a database that exists already.
+constexpr int kFirstOpenings = 1;
+constexpr int kLaterOpenings = 3;
+
+std::string MakeDir(const char* name) {
+  std::string path = (std::filesystem::temp_directory_path() / name).string() + "XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) std::abort();
+  return path;
+}
+
+// The nanoseconds that a start took in a process of its own.
+double StartInChild(const std::string& dir) {
+  const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+  FILE* const pipe = popen(("'" + program + "' --start '" + dir + "'").c_str(), "r");
+  if (pipe == nullptr) std::abort();
+  double nanoseconds = 0;
+  if (fscanf(pipe, "%lf", &nanoseconds) != 1) std::abort();
+  pclose(pipe);
+  return nanoseconds;
+}
+
+void DeriveDatabaseKey() {
+  const unsigned char text[32] = {};
+  unsigned char key[32];
+  if (orb_pkcs5_derivekey_ex(text, sizeof(text), 10000, 32, text, sizeof(text), key) != 0) {
+    std::abort();
+  }
+}
+
+// Opens an existing database with its key and reads its first page.
+void OpenEncrypted(const std::string& path) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) std::abort();
+  const std::string key(64, 'k');
+  if (sqlite3_key(db, key.data(), static_cast<int>(key.size())) != SQLITE_OK) std::abort();
+  if (sqlite3_exec(db, "CREATE TABLE IF NOT EXISTS t(a);", nullptr, nullptr, nullptr) !=
+      SQLITE_OK) {
+    std::abort();
+  }
+  sqlite3_close(db);
+}
+
+double DeriveAll(const std::string& database, int openings) {
+  const auto start = std::chrono::steady_clock::now();
+  DeriveDatabaseKey();
+  for (int i = 0; i < openings; ++i) OpenEncrypted(database);
+  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+int StartChild(const std::string& dir) {
+  commonutil::tagZelUtilInitParam param = {};
+  std::snprintf(param.dbPath, sizeof(param.dbPath), "%s/", dir.c_str());
+  std::snprintf(param.logPath, sizeof(param.logPath), "%s/", dir.c_str());
+  param.logLevel = 2;
+  param.logSize = 5120;
+  param.fileCount = 2;
+  const auto start = std::chrono::steady_clock::now();
+  const int result = commonutil::CommonUtil::getInst().InitCommonUtil(param, nullptr);
+  const auto end = std::chrono::steady_clock::now();
+  std::printf("%.0f\n", std::chrono::duration<double, std::nano>(end - start).count());
+  std::fflush(stdout);
+  _exit(result);
+}
+
+void BenchStart() {
+  const std::string peerDir = MakeDir("zel-bench-peer");
+  const std::string database = peerDir + "/peer.db";
+  OpenEncrypted(database);
+  const std::string laterDir = MakeDir("zel-bench-later");
+  (void)StartInChild(laterDir);
+
+  CompareTimes(
+      {"initialise, first start", "its key derivations: 1 + 1", 1.5, kRounds, 1},
+      [] {
+        const std::string dir = MakeDir("zel-bench-first");
+        const double nanoseconds = StartInChild(dir);
+        std::filesystem::remove_all(dir);
+        return nanoseconds;
+      },
+      [&] { return DeriveAll(database, kFirstOpenings); });
+  CompareTimes(
+      {"initialise, later start", "its key derivations: 1 + 3", 1.5, kRounds, 1},
+      [&] { return StartInChild(laterDir); }, [&] { return DeriveAll(database, kLaterOpenings); });
+  std::filesystem::remove_all(peerDir);
+  std::filesystem::remove_all(laterDir);
+}
+
+}  // namespace bench
