@@ -1,4 +1,6 @@
 // A synchronous push to the command worker against a bare hand-over there and back.
+#include <sched.h>
+
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -56,20 +58,38 @@ class BareWorker {
   std::thread m_thread;  // last: it uses the others
 };
 
-}  // namespace
+// Keeps the calling thread on one core: a wake-up across cores costs several times one on the
+// same core, and where the scheduler puts two threads is chance.
+int PinHere(int core) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  CPU_SET(core, &cores);
+  return sched_setaffinity(0, sizeof(cores), &cores);
+}
 
-void BenchWorker() {
+void BenchOnCores(const char* what, int callerCore, int workerCore) {
   auto& worker = commonutil::MsgMainThreadMgrHandler::GetInst();
-  BareWorker bare;
+  const std::function<int()> pin = [workerCore] { return PinHere(workerCore); };
+  (void)worker.PushCmd(pin, "bench");
+  (void)PinHere(workerCore);
+  BareWorker bare;  // stays where it was started
+  (void)PinHere(callerCore);
   const std::function<int()> command = [] { return 7; };
   Compare(
-      {"worker: synchronous push", "bare mutex and condition variable", 1.3, kRounds, kPushes},
+      {what, "bare mutex and condition variable", 1.3, kRounds, kPushes},
       [&] {
         for (int i = 0; i < kPushes; ++i) (void)worker.PushCmd(command, "bench");
       },
       [&] {
         for (int i = 0; i < kPushes; ++i) (void)bare.Push(i);
       });
+}
+
+}  // namespace
+
+void BenchWorker() {
+  BenchOnCores("worker: synchronous push, one core", 0, 0);
+  BenchOnCores("worker: synchronous push, across cores", 0, 1);
 }
 
 }  // namespace bench

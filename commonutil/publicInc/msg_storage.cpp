@@ -46,7 +46,11 @@ bool MakeLock(PRAX_MUTEX& lock) {
 }  // namespace
 
 MessageRing::MessageRing(std::uint32_t firstCount)
-    : m_written(firstCount), m_taken(firstCount), m_slots(new (std::nothrow) char* [kSlots] {}) {}
+    : m_written(firstCount),
+      m_takenSeen(firstCount),
+      m_taken(firstCount),
+      m_writtenSeen(firstCount),
+      m_slots(new (std::nothrow) char* [kSlots] {}) {}
 
 MessageRing::~MessageRing() {
   char* message = nullptr;
@@ -55,8 +59,8 @@ MessageRing::~MessageRing() {
 
 int MessageRing::Store(std::unique_ptr<char[]>& message) {
   const std::uint32_t written = m_written.load(std::memory_order_relaxed);
-  const std::uint32_t taken = m_taken.load(std::memory_order_acquire);
-  if (!m_slots || written - taken >= kSlots) return 0;
+  if (written - m_takenSeen >= kSlots) m_takenSeen = m_taken.load(std::memory_order_acquire);
+  if (!m_slots || written - m_takenSeen >= kSlots) return 0;
   m_slots[written & (kSlots - 1)] = message.release();
   m_written.store(written + 1, std::memory_order_release);
   return 1;
@@ -64,7 +68,9 @@ int MessageRing::Store(std::unique_ptr<char[]>& message) {
 
 int MessageRing::Take(char** out) {
   const std::uint32_t taken = m_taken.load(std::memory_order_relaxed);
-  if (out == nullptr || !m_slots || taken == m_written.load(std::memory_order_acquire)) return 0;
+  if (out == nullptr || !m_slots) return 0;
+  if (taken == m_writtenSeen) m_writtenSeen = m_written.load(std::memory_order_acquire);
+  if (taken == m_writtenSeen) return 0;
   char*& slot = m_slots[taken & (kSlots - 1)];
   char* const message = slot;
   slot = nullptr;

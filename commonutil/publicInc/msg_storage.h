@@ -33,10 +33,12 @@ class MessageRing {
 
  private:
   // Message i sits in slot i & (kSlots - 1). The counts only grow and wrap at 2^32: equal
-  // means empty, kSlots apart means full. Each count has its own cache line, since the two sides
-  // write them all the time.
+  // means empty, kSlots apart means full. Each side has a cache line of its own, and looks at
+  // the other's count only when what it last saw there says full or empty.
   alignas(64) std::atomic<std::uint32_t> m_written;    // written by the producer, release
+  std::uint32_t m_takenSeen;                           // producer's
   alignas(64) std::atomic<std::uint32_t> m_taken;      // written by the consumer, release
+  std::uint32_t m_writtenSeen;                         // consumer's
   alignas(64) const std::unique_ptr<char*[]> m_slots;  // null without memory
 };
 
