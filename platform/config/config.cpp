@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "config/config_ref.h"
+#include "config/settings.h"
 
 namespace {
 
@@ -37,3 +38,9 @@ void orb_config_ref_clear() {
   const std::lock_guard<std::mutex> hold(settings.lock);
   settings.values.clear();
 }
+
+void orb_config_set_directory(const std::string& /*directory*/) {}
+
+int orb_config_int(const char* /*path*/, int defaultValue) { return defaultValue; }
+
+std::string orb_config_text(const char* /*path*/, const char* defaultValue) { return defaultValue; }
