@@ -7,7 +7,9 @@
 
 #include <string>
 
+#include "publicInc/CommonUtilCallbacks.h"
 #include "publicInc/CommonUtilData.h"
+#include "publicInc/CommonUtilTrackData.h"
 #include "publicInc/ZelExport.h"
 #include "zel_platform/logger.h"
 
@@ -38,6 +40,75 @@ class ZEL_API CommonUtil {
   void SetDeviceGuid(const char* guid);
   // As given at initialisation; empty before.
   std::string GetDBPath();
+
+  // --- Proxy ------------------------------------------------------------------
+
+  // The proxy that the user set, and the NUL-terminated URL of the server that must be reached.
+  // kBadParameter for a null URL or a `urlLen` of 0; the length has no other use. Settings other
+  // than the last ones make the next GetProxy probe anew.
+  int SetUserInfo(const tagZelUtilProxyInfo& proxyInfo, const char* url, unsigned long urlLen);
+  // 0 when the answer is known and `callback` was called, kProxyUnfinished when the probe that
+  // gets through will call it on its own thread. A later call replaces the callback, which is
+  // then never called. The caller owns it.
+  int GetProxy(GetProxyCompletedCallback* callback);
+  // The network changed: forgets the decision and asks anew, as GetProxy. `info` is the local
+  // IP, NUL-terminated, for the log; `len` is not used.
+  void NetworkChange(const char* info, unsigned long len, GetProxyCompletedCallback* callback);
+  // Sets the HTTP library's proxy for the whole process; an empty domain removes it. Returns
+  // the library's result.
+  int HttpSetProxy(const char* domain, const char* user, const char* password, unsigned short port);
+  // Tries a tunnel to host:port through that proxy. Returns the library's result.
+  int HttpProxyConnect(unsigned int id, const char* host, unsigned short port);
+
+  // --- Network detection -------------------------------------------------------
+
+  // The addresses to measure from. Returns the network tools' result.
+  int SetLocalIP(const char* first, const char* second);
+  // The servers of the next detection: internet, middle, media, SBC; null counts as empty. s5
+  // and s6 are not used. `flag` goes to the platform's list of known addresses, which is set
+  // first when it has them. Returns the network tools' result for s1 to s4.
+  int SetNetDetectSrvs(const char* s1, const char* s2, const char* s3, const char* s4,
+                       const char* s5, const char* s6, bool flag);
+  // Starts a detection, which calls `callback` once a server on the network tools' thread; it must
+  // outlive the run. Non-zero while one runs and without servers.
+  int NetDetect(int type, GetNetDetectCallback* callback);
+  // What NetDetect gives the network tools.
+  static void NetDetectNotify(tagNET_DETECT_PROCESS_RESULT& result);
+
+  // --- Audit tasks -------------------------------------------------------------
+
+  // `user` is an AuditTaskCallback, or null for no answer. Texts longer than 511, 63, 63 and
+  // 399 bytes are sent empty. Return the login library's result; the answer comes on its thread.
+  int UploadAuditFile(const char* path, const char* name, void* user);
+  int ReportAuditTask(unsigned int id, bool state, const char* text, void* user);
+  int QueryAuditTask(unsigned int id, const char* text, void* user);
+  // What the login library calls with its answers, records of zel_platform/login.h. `callback`
+  // is the request's `user`.
+  static void OnUploadAuditFileCallback(unsigned int id, int code, void* callback,
+                                        const void* result);
+  static void OnReportAuditTaskCallback(unsigned int id, void* callback, const void* result);
+  static void OnQueryAuditTaskCallback(unsigned int id, void* callback, const void* result);
+
+  // Nothing on this platform: 0, with the arguments untouched.
+  int GetWindowsCountryOrRegionData(int& id, wchar_t* name, int length);
+
+  // --- User tracking -----------------------------------------------------------
+
+  // Each returns the tracking library's result unless said otherwise, and kBadParameter for a
+  // null index or one of length 0. Records are copied.
+  int UTConfigCustomParam(const tagZelUtilCustomParam& param);
+  // Also replaces the device GUID by `deviceId`, an empty one included. Always 0.
+  int UTConfigPublicParam(const tagZelUtilPublicParam& param);
+  int UTAddUserTrack(const tagZelUtilSpecialParam& param);
+  // A timed event, named by `index` of `length` bytes.
+  int UTStartEvent(const char* index, unsigned long length);
+  int UTFinishEvent(const char* index, unsigned long length, const tagZelUtilSpecialParam& param);
+  int UTAddSubEvent(const char* index, unsigned long length, const tagZelSubEventParam& param);
+  // Asks for an upload of what is kept.
+  int UTUploadData();
+  int UTAddMediaTrack(const tagZelUtilSpecialParam& param, bool flag);
+  int UTAddConfMediaTrack(unsigned int id, const char* data, bool flag);
+  int UTSetCpuAndMemoryParam(const tagZelCpuAndMemoryParam& param);
 
  private:
   CommonUtil() = default;

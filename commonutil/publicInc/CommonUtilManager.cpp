@@ -1,13 +1,12 @@
 #include "publicInc/CommonUtilManager.h"
 
-#include <algorithm>
-#include <cstddef>
 #include <mutex>
 
 #include <json/value.h>
 
 #include "cacheDB/CommonUtilDBInterface.h"
 #include "publicInc/ResultCode.h"
+#include "util/FixedText.h"
 #include "util/Log.h"
 #include "util/PublicUtil.h"
 #include "util/ScopeGuard.h"
@@ -21,12 +20,6 @@ constexpr char kLogFile[] = "commonutil/publicInc/CommonUtilManager";
 constexpr char kInitEventId[] = "1";
 constexpr char kInitEventName[] = "ut_event_sdk_init_db";
 constexpr char kErrorCodeKey[] = "errorCode";
-
-// A caller's array, which may lack its NUL.
-template <std::size_t kSize>
-std::string FixedText(const char (&text)[kSize]) {
-  return std::string(text, std::find(text, text + kSize, '\0'));
-}
 
 void LogStart(const UtilInitParam& param) {
   ZEL_LOG(kInfo) << "Init, logPath = " << param.logPath << ", logLevel = " << param.logLevel

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "CommonUtil.h"
+#include "publicInc/JsonAccess.h"
 #include "publicInc/MessageKeys.h"
 #include "publicInc/ResultCode.h"
 #include "util/Log.h"
@@ -21,29 +22,27 @@ constexpr unsigned int kCommandMask = 0x2FFFF;
 constexpr unsigned int kFirstCommand = 1;
 constexpr unsigned int kLastCommand = 33;
 
-const Json::Value& AsConst(const Json::Value& value) { return value; }
-
 }  // namespace
 
 // Indexed by the number.
 const CommonUtilService::Command CommonUtilService::kCommands[] = {
     {0, nullptr, nullptr},
     {1, &CommonUtilService::InitCommonUtil, "orb_commonutil_init"},
-    {2, nullptr, "orb_ut_config_public_param"},
-    {3, nullptr, "orb_ut_add_usertrack"},
-    {4, nullptr, "orb_ut_start_event"},
-    {5, nullptr, "orb_ut_end_event"},
-    {6, nullptr, nullptr},
-    {7, nullptr, nullptr},
-    {8, nullptr, nullptr},
-    {9, nullptr, "orb_commonutil_config_custom_param"},
+    {2, &CommonUtilService::UTConfigPublicParam, "orb_ut_config_public_param"},
+    {3, &CommonUtilService::UTAddUserTrack, "orb_ut_add_usertrack"},
+    {4, &CommonUtilService::UTStartEvent, "orb_ut_start_event"},
+    {5, &CommonUtilService::UTFinishEvent, "orb_ut_end_event"},
+    {6, &CommonUtilService::SetUserInfo, nullptr},
+    {7, &CommonUtilService::GetProxy, nullptr},
+    {8, &CommonUtilService::NetworkChange, nullptr},
+    {9, &CommonUtilService::UTConfigCustomParam, "orb_commonutil_config_custom_param"},
     {10, nullptr, nullptr},
     {11, &CommonUtilService::GetRegInfo, nullptr},
     {12, &CommonUtilService::SetAutoStart, nullptr},
     {13, &CommonUtilService::GetAutoStart, nullptr},
-    {14, nullptr, "SetNetDetectSrvs"},
-    {15, nullptr, nullptr},
-    {16, nullptr, "NetDetect"},
+    {14, &CommonUtilService::SetNetDetectSrvs, "SetNetDetectSrvs"},
+    {15, &CommonUtilService::SetHttpProxy, nullptr},
+    {16, &CommonUtilService::NetDetect, "NetDetect"},
     {17, nullptr, nullptr},
     {18, &CommonUtilService::GetWindowsCountryOrRegion, nullptr},
 };
@@ -111,9 +110,8 @@ void CommonUtilService::GetAutoStart(Json::Value& request, const char*) {
 void CommonUtilService::GetWindowsCountryOrRegion(Json::Value&, const char*) {}
 
 void CommonUtilService::ReplyWithoutAction(const char* command, const Json::Value& request) {
-  const Json::Value& sno = request[key::kSno];
   ZEL_LOG_DATA(kInfo) << command << " " << GetJsonString(request, key::kDescription) << ", cmd"
                       << request[key::kCmd].asUInt() << ", sno"
-                      << (sno.isUInt() ? sno.asUInt() : 0U);
+                      << UnsignedOrZero(request[key::kSno]);
   SendReply(ComposeReply(commonutil::kOk, request, nullptr));
 }

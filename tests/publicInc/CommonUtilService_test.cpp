@@ -4,10 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-#include <gtest/gtest.h>
-#include <json/json.h>
-
 #include "publicInc/CommonUtilManager.h"
+#include "publicInc/ServiceTest.h"
 #include "support/PlatformDouble.h"
 #include "support/TempDir.h"
 
@@ -15,34 +13,9 @@ namespace {
 
 constexpr int kError = 0;
 
-Json::Value Parse(const std::string& text) {
-  Json::Value root;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, nullptr)) << text;
-  return root;
-}
+using support::Parse;
 
-class CommonUtilServiceTest : public testing::Test {
- protected:
-  CommonUtilServiceTest() { support::ResetPlatformDouble(); }
-
-  void Post(std::string text) { EXPECT_EQ(m_service.ProcessRecvMsg(text.data()), 0); }
-
-  // The next message for the host; null when there is none.
-  Json::Value Next() {
-    char* message = nullptr;
-    if (m_service.PrimaryStore().SendMsgExport(&message) == 0) return Json::Value();
-    const std::unique_ptr<char[]> owner(message);
-    return Parse(message);
-  }
-
-  Json::Value Ask(const std::string& text) {
-    Post(text);
-    return Next();
-  }
-
-  CommonUtilService m_service;
-};
+class CommonUtilServiceTest : public support::ServiceTest {};
 
 TEST_F(CommonUtilServiceTest, EchoesWhatTheRequestBringsAndNothingElse) {
   EXPECT_EQ(Ask(R"({"cmd":11,"sno":7,"description":"mine"})"),
@@ -98,7 +71,7 @@ TEST_F(CommonUtilServiceTest, InitialisesOnceAndReportsTheSecondTime) {
 
 TEST_F(CommonUtilServiceTest, AnswersAnExceptionWithTheRequestAsItCame) {
   Json::Value request = Parse(R"({"cmd":6,"description":5,"x":[1]})");
-  m_service._processInputJsonException(std::runtime_error("why"), request);
+  m_service->_processInputJsonException(std::runtime_error("why"), request);
   const Json::Value reply = Next();
   EXPECT_EQ(reply["reason"].asString(), "some param is not correct! why");
   EXPECT_EQ(reply["result"].asInt(), 1);
@@ -114,30 +87,30 @@ class Wordless : public std::exception {
 
 TEST_F(CommonUtilServiceTest, SendsNothingForAnExceptionWithoutAMessage) {
   Json::Value request = Parse(R"({"cmd":6})");
-  m_service._processInputJsonException(Wordless(), request);
+  m_service->_processInputJsonException(Wordless(), request);
   EXPECT_TRUE(Next().isNull());
 }
 
 TEST_F(CommonUtilServiceTest, ComposesRepliesWithPayloadAndRspZeroForAStrangeNumber) {
   Json::Value request = Parse(R"({"cmd":"six","sno":1})");
   Json::Value payload = Parse(R"({"a":[1,2]})");
-  m_service._makeRetMsgAndSend(5, payload, request, "fallback");
+  m_service->_makeRetMsgAndSend(5, payload, request, "fallback");
   EXPECT_EQ(Next(),
             Parse(R"({"description":"fallback","rsp":0,"result":5,"sno":1,"param":{"a":[1,2]}})"));
 }
 
 TEST_F(CommonUtilServiceTest, AfterOneDirectCallRepliesLeaveThePrimaryStoreForGood) {
   Json::Value invalid(5);
-  EXPECT_EQ(m_service.ProcessCallFuncMsg(invalid), nullptr);  // routes all the same
+  EXPECT_EQ(m_service->ProcessCallFuncMsg(invalid), nullptr);  // routes all the same
   Post(R"({"cmd":11,"sno":1})");
   EXPECT_TRUE(Next().isNull());
 
   Json::Value request = Parse(R"({"cmd":12,"sno":2})");
-  const std::unique_ptr<char[]> oldest(m_service.ProcessCallFuncMsg(request));
+  const std::unique_ptr<char[]> oldest(m_service->ProcessCallFuncMsg(request));
   ASSERT_NE(oldest, nullptr);
   EXPECT_EQ(Parse(oldest.get())["sno"].asUInt(), 1U);  // the oldest, not this one's
 
-  m_service.onUsingProxyChange(commonutil::ProxyInfo());
+  m_service->onUsingProxyChange(commonutil::ProxyInfo());
   EXPECT_EQ(Next()["notify"].asInt(), 1);
 }
 
@@ -148,7 +121,7 @@ TEST_F(CommonUtilServiceTest, AnnouncesTheProxyInUseThroughTheFacade) {
   proxy.setProxyAccount("user");
   proxy.setProxyPassword("pass word");
   auto& facade = commonutil::CommonUtilManager::GetInstance();
-  facade.SetGlobalCallback(&m_service);
+  facade.SetGlobalCallback(m_service.get());
   facade.onUsingProxyChange(proxy);
   EXPECT_EQ(Next(), Parse(R"({"description":"COMMONUTIL_E_EVENT_ON_USINGPROXYCHANGE","notify":1,
       "param":{"proxyServer":"proxy.example","proxyPort":8080,"proxyAccount":"user",
@@ -170,7 +143,7 @@ TEST_F(CommonUtilServiceTest, ADestroyedServiceIsNoLongerTheFacadesCallback) {
 
 TEST_F(CommonUtilServiceTest, MemberImportWipesTheCallersBufferEvenWhenTheRingIsFull) {
   char text[] = "secret";
-  EXPECT_EQ(static_cast<CommonUtilOrbService&>(m_service).RecvMsgImport(text, 6), 0);
+  EXPECT_EQ(static_cast<CommonUtilOrbService&>(*m_service).RecvMsgImport(text, 6), 0);
   EXPECT_EQ(std::string(text, 6), std::string(6, '\0'));
 }
 

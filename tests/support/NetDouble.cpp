@@ -20,6 +20,7 @@ using support::TextOrNull;
 struct NetRecords {
   std::mutex lock;
   support::NetScript script;
+  std::function<int(ORB_HTTP_REQUEST&)> exchange;
   std::vector<PlatformCall> calls;
   std::map<int, int> settings;
 };
@@ -111,10 +112,16 @@ int orb_http_syn_send_ex(ORB_HTTP_REQUEST* request, int flags) {
   (void)Record(std::move(call));
 
   NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
+  std::function<int(ORB_HTTP_REQUEST&)> exchange;
+  {
+    std::lock_guard<std::mutex> hold(records.lock);
+    exchange = records.exchange;
+  }
   std::strcpy(request->requestId, "00000000000000000000000000000000");
   request->buffer1 = nullptr;
   request->buffer2 = nullptr;
+  if (exchange) return exchange(*request);
+  std::lock_guard<std::mutex> hold(records.lock);
   int code = 0;
   if (!records.script.httpCodes.empty()) {
     code = records.script.httpCodes.front();
@@ -213,6 +220,12 @@ void SetNetScript(const NetScript& script) {
   records.script = script;
 }
 
+void SetHttpExchange(std::function<int(ORB_HTTP_REQUEST&)> exchange) {
+  NetRecords& records = Records();
+  std::lock_guard<std::mutex> hold(records.lock);
+  records.exchange = std::move(exchange);
+}
+
 std::vector<PlatformCall> NetCalls() {
   NetRecords& records = Records();
   std::lock_guard<std::mutex> hold(records.lock);
@@ -238,6 +251,7 @@ void ResetNet() {
   NetRecords& records = Records();
   std::lock_guard<std::mutex> hold(records.lock);
   records.script = {};
+  records.exchange = nullptr;
   records.calls.clear();
   records.settings.clear();
 }

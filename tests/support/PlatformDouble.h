@@ -5,8 +5,11 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
+
+struct ORB_HTTP_REQUEST;
 
 namespace support {
 
@@ -89,6 +92,9 @@ struct NetScript {
   std::vector<std::string> detectIps;  // of GetNetDetectIps, which fails while this is empty
 };
 void SetNetScript(const NetScript& script);
+// Answers each exchange in the script's place, on the exchange's thread and with no lock held; an
+// empty function: the script again.
+void SetHttpExchange(std::function<int(ORB_HTTP_REQUEST&)> exchange);
 // Since the last ResetPlatformDouble. Secrets are recorded as they came.
 std::vector<PlatformCall> NetCalls();
 int CountNet(const std::string& function);
