@@ -2,6 +2,7 @@
 
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -22,7 +23,12 @@ constexpr unsigned int kUnfinished = kProxyUnfinished;
 
 class TestDetect : public commonutil::ProxyDetect {
  public:
-  TestDetect() = default;
+  // Never freed: probe threads may outlive the test, as they do the library's user.
+  static TestDetect& Make() {
+    static auto& all = *new std::vector<TestDetect*>;
+    all.push_back(new TestDetect);
+    return *all.back();
+  }
 };
 
 ProxyInfo Proxy(const std::string& server, int port = 3128, const std::string& password = "pa ss") {
@@ -47,8 +53,7 @@ class ProxyDetectTest : public testing::Test {
     commonutil::CommonUtilManager::GetInstance().SetGlobalCallback(&m_announced);
   }
 
-  // Probe threads may outlive the test, as they do the library's user.
-  TestDetect& m_detect = *new TestDetect;
+  TestDetect& m_detect = TestDetect::Make();
   std::shared_ptr<ProxyProbes> m_probes;
   ProxyRecorder m_announced;
 };
@@ -75,7 +80,7 @@ TEST_F(ProxyDetectTest, TheFirstProbeAnswersAndEachDifferenceIsAnnounced) {
   };
   for (const Case& c : {Case{ProxyProbes::kDirect, "", "proxy.a", {"proxy.a"}},
                         Case{ProxyProbes::kProxied, "proxy.b", "", {"proxy.b", ""}}}) {
-    TestDetect& detect = *new TestDetect;
+    TestDetect& detect = TestDetect::Make();
     ProxyRecorder announced;
     commonutil::CommonUtilManager::GetInstance().SetGlobalCallback(&announced);
     detect.SetUserInfo(Proxy(c.answer + c.later), kUrl);
