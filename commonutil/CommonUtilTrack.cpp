@@ -6,6 +6,7 @@
 #include "publicInc/ResultCode.h"
 #include "util/FixedText.h"
 #include "util/Log.h"
+#include "util/Statistics.h"
 #include "zel_platform/securec.h"
 #include "zel_platform/track.h"
 
@@ -34,6 +35,11 @@ UTContextPublicParam OwnCopy(const tagZelUtilPublicParam& param) {
 UTEventRecord RecordOf(const UTContextSpecialParam& event, std::int32_t param) {
   return {event.eventId.c_str(), event.arg1.c_str(), event.arg2.c_str(),
           event.arg3.c_str(),    event.args.c_str(), param};
+}
+
+int Counted(int result) {
+  Statistics::Count(result == kOk ? Counter::kTrackingEvents : Counter::kTrackingRefusals);
+  return result;
 }
 
 template <std::size_t kSize>
@@ -83,7 +89,7 @@ int CommonUtil::UTConfigPublicParam(const tagZelUtilPublicParam& param) {
 int CommonUtil::UTAddUserTrack(const tagZelUtilSpecialParam& param) {
   const UTContextSpecialParam event = OwnCopy(param);
   const UTEventRecord record = RecordOf(event, 0);
-  return Track_AddUserTrack(&record);
+  return Counted(Track_AddUserTrack(&record));
 }
 
 int CommonUtil::UTStartEvent(const char* index, unsigned long length) {
@@ -99,7 +105,7 @@ int CommonUtil::UTFinishEvent(const char* index, unsigned long length,
   }
   const UTContextSpecialParam event = OwnCopy(param);
   const UTEventRecord record = RecordOf(event, param.param);
-  return Track_FinishEvent(index, &record, length);
+  return Counted(Track_FinishEvent(index, &record, length));
 }
 
 int CommonUtil::UTAddSubEvent(const char* index, unsigned long length,
@@ -117,7 +123,7 @@ int CommonUtil::UTUploadData() {
 int CommonUtil::UTAddMediaTrack(const tagZelUtilSpecialParam& param, bool flag) {
   const UTContextSpecialParam event = OwnCopy(param);
   const UTEventRecord record = RecordOf(event, 0);
-  return Track_AddMediaTrack(&record, flag);
+  return Counted(Track_AddMediaTrack(&record, flag));
 }
 
 int CommonUtil::UTAddConfMediaTrack(unsigned int id, const char* data, bool flag) {

@@ -14,6 +14,8 @@
 #include <utility>
 
 #include "cacheDB/SQLiteWrapper.h"
+#include "util/ScopeGuard.h"
+#include "util/Statistics.h"
 
 namespace commonutil {
 
@@ -33,8 +35,11 @@ class DataModelBase {
   // refused has been logged already.
   template <class Body>
   void Filtered(Body&& body) const {
+    Statistics::Count(Counter::kDatabaseOperations);
+    ScopeGuard failed([] { Statistics::Count(Counter::kDatabaseFailures); });
     try {
       std::forward<Body>(body)();
+      failed.Dismiss();
     } catch (const SQLiteException&) {  // see above
     } catch (const std::exception& e) {
       LogStdException(e);

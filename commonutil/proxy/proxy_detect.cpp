@@ -9,6 +9,7 @@
 #include "util/Log.h"
 #include "util/ScopeGuard.h"
 #include "util/SecureWipe.h"
+#include "util/Statistics.h"
 #include "util/UrlText.h"
 #include "zel_platform/http.h"
 #include "zel_platform/prax.h"
@@ -243,7 +244,9 @@ void ProxyDetect::StartProbes() {
 
 // A success decides also when the settings have changed meanwhile.
 void ProxyDetect::Probe(const ProxyInfo& proxy, const char* logText) {
+  Statistics::Count(Counter::kProxyProbes);
   if (detectURL(proxy) != kOk) return;
+  Statistics::Count(Counter::kProxyProbesThrough);
   Receivers receivers;
   std::uint64_t finding = 0;
   {

@@ -1,7 +1,11 @@
 #include "publicInc/CommonUtilEntry.h"
 
+#include <cstring>
+#include <string>
+
 #include "publicInc/ResultCode.h"
 #include "publicInc/ServiceHost.h"
+#include "publicInc/StatisticsText.h"
 #include "util/Boundary.h"
 
 using commonutil::AtBoundary;
@@ -9,7 +13,10 @@ using commonutil::ServiceHost;
 
 namespace {
 
-constexpr int kNothing = 0;  // refused, or none there: the stores count the other way round
+// The stores count the other way round.
+constexpr int kNothing = 0;  // refused, or none there
+constexpr int kSomething = 1;
+constexpr int kNoDescriptor = -1;
 
 int ProcessOnThisThread(char* message) {
   if (message == nullptr) return commonutil::kFailed;
@@ -34,7 +41,10 @@ extern "C" void ServiceShutDown(void) { CommonUtilServiceShutDown(); }
 extern "C" int CommonUtilRecvMsgImport(const char* message, unsigned long length) {
   return AtBoundary(kNothing, [&] {
     const auto service = ServiceHost::GetInst().Pin();
-    return service ? service->PrimaryStore().RecvMsgImport(message, length) : kNothing;
+    if (!service) return kNothing;
+    const int stored = service->PrimaryStore().RecvMsgImport(message, length);
+    ServiceHost::GetInst().WakeService();
+    return stored;
   });
 }
 
@@ -53,6 +63,34 @@ extern "C" int CommonUtilProcessRecvMsg(char* message) {
 
 extern "C" int ProcessRecvMsg(char* message) {
   return AtBoundary(commonutil::kFailed, [&] { return ProcessOnThisThread(message); });
+}
+
+extern "C" int CommonUtilWaitExportMsg(unsigned int timeoutMs) {
+  return AtBoundary(kNothing, [timeoutMs] {
+    return ServiceHost::GetInst().WaitForExport(timeoutMs) ? kSomething : kNothing;
+  });
+}
+
+extern "C" int CommonUtilExportMsgFd(void) {
+  return AtBoundary(kNoDescriptor, [] {
+    ServiceHost& host = ServiceHost::GetInst();
+    return host.Pin() ? host.Signal().Descriptor() : kNoDescriptor;
+  });
+}
+
+extern "C" void CommonUtilServiceSetEager(int eager) {
+  AtBoundary([eager] { ServiceHost::GetInst().SetEager(eager != 0); });
+}
+
+extern "C" const char* CommonUtilVersion(void) { return ZEL_BUILD_VERSION; }
+
+extern "C" char* CommonUtilStatistics(void) {
+  return AtBoundary<>(static_cast<char*>(nullptr), [] {
+    const std::string text = commonutil::StatisticsText();
+    char* const copy = new char[text.size() + 1];
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+  });
 }
 
 // Second entries of the same code.

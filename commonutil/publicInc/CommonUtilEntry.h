@@ -1,8 +1,8 @@
 /*
  * The message service: JSON requests in, JSON replies and notifications out.
  *
- * Each function exists twice, with and without the prefix "CommonUtil". One host thread
- * imports, one (it may be the same) exports; start-up and shut-down may be called from any
+ * Each function of the service exists twice, with and without the prefix "CommonUtil". One host
+ * thread imports, one (it may be the same) exports; start-up and shut-down may be called from any
  * thread but not from inside a message's handling. No function throws or blocks, except
  * shut-down, which waits for the request being handled, and CommonUtilProcessRecvMsg.
  *
@@ -58,6 +58,35 @@ ZEL_API void FreeExportMsg(char* message);
  */
 ZEL_API int CommonUtilProcessRecvMsg(char* message);
 ZEL_API int ProcessRecvMsg(char* message);
+
+/*
+ * Waits for a reply or notification: 1 when one waits or arrives within `timeoutMs`
+ * milliseconds, 0 when not, and at once without a service. Takes nothing. Any thread.
+ */
+ZEL_API int CommonUtilWaitExportMsg(unsigned int timeoutMs);
+
+/*
+ * An eventfd(2) for poll, epoll and event loops: readable while messages wait, and now and then
+ * for a moment when none does. It stays the library's: do not read, write or close it. -1 without
+ * a service; the same descriptor for all services of the process. Ask for it before waiting on it,
+ * and take what waits already.
+ */
+ZEL_API int CommonUtilExportMsgFd(void);
+
+/*
+ * 1: an imported request wakes the service thread at once. 0, as at the start: it is found within
+ * 5 ms. Any thread, at any time, for all services of the process.
+ */
+ZEL_API void CommonUtilServiceSetEager(int eager);
+
+/* The library's version, "major.minor.patch". Static text. */
+ZEL_API const char* CommonUtilVersion(void);
+
+/*
+ * What the library has done, as a JSON object (see docs/messages.md); the caller gives it back
+ * with CommonUtilFreeExportMsg. Null without memory. Any thread; takes no lock that work waits for.
+ */
+ZEL_API char* CommonUtilStatistics(void);
 
 #ifdef __cplusplus
 }

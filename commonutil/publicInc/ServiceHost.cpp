@@ -1,6 +1,8 @@
 #include "publicInc/ServiceHost.h"
 
+#include <chrono>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "publicInc/ResultCode.h"
@@ -69,6 +71,7 @@ std::shared_ptr<CommonUtilService> ServiceHost::PinOrCreate() {
   if (!m_service) {
     try {
       m_service.reset(new (std::nothrow) CommonUtilService);
+      if (m_service) m_service->PrimaryStore().SetExportSignal(&m_signal);
     } catch (const std::bad_alloc&) {
       m_service.reset();
     }
@@ -88,7 +91,7 @@ void ServiceHost::Serve() {
   while (m_stopFlag.load() == 0) {
     char* message = nullptr;
     if (service->PrimaryStore().RecvMsgExport(&message) == 0) {
-      PRAX_SleepMs(kIdlePollMs);
+      Idle(service->PrimaryStore());
       continue;
     }
     // Stopped between the two looks: the object stays, and with it the messages that wait; the
@@ -101,6 +104,50 @@ void ServiceHost::Serve() {
     WipeAndFree(message);
   }
   DropService();
+}
+
+// An eager thread sleeps no longer than any other: what wakes it only brings the next look forward.
+void ServiceHost::Idle(const msg_storage& store) {
+  if (!m_eager.load()) {
+    PRAX_SleepMs(kIdlePollMs);
+    return;
+  }
+  MutexLock hold(m_sleepLock);
+  m_asleep.store(true);
+  if (store.Inbound().IsEmpty()) {
+    std::unique_lock<std::mutex> native(m_sleepLock.native(), std::adopt_lock);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kIdlePollMs);
+    while (!m_woken && m_wake.wait_until(native, until) == std::cv_status::no_timeout) {
+    }
+    native.release();  // `hold` unlocks
+  }
+  m_asleep.store(false);
+  m_woken = false;
+}
+
+void ServiceHost::WakeService() {
+  if (!m_asleep.load()) return;
+  MutexLock hold(m_sleepLock);
+  m_woken = true;
+  m_wake.notify_one();
+}
+
+bool ServiceHost::WaitForExport(unsigned int timeoutMs) {
+  const std::shared_ptr<CommonUtilService> service = Pin();
+  if (service == nullptr || m_signal.Descriptor() < 0) return false;
+  const MessageRing& outbound = service->PrimaryStore().Outbound();
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    if (!outbound.IsEmpty()) return true;
+    const auto left = until - std::chrono::steady_clock::now();
+    if (left <= left.zero()) return false;
+    // Rounded up, so that the last wait is no busy one.
+    const auto leftMs = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+    if (!m_signal.Wait(static_cast<unsigned int>(leftMs))) continue;
+    if (!outbound.IsEmpty()) return true;
+    m_signal.Lower();  // it was up for a message that is gone
+    if (!outbound.IsEmpty()) m_signal.KeepUp();
+  }
 }
 
 void ServiceHost::DropService() {

@@ -5,10 +5,12 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 
 #include "publicInc/CommonUtilService.h"
+#include "publicInc/ExportSignal.h"
 #include "util/Mutex.h"
 #include "zel_platform/prax.h"
 
@@ -29,15 +31,37 @@ class ServiceHost {
   // Makes the object when there is none; null without memory.
   std::shared_ptr<CommonUtilService> PinOrCreate();
 
+  // After a request was imported: wakes an eager service thread that sleeps.
+  void WakeService();
+  // Whether an import wakes the service thread; else it looks every few milliseconds.
+  void SetEager(bool eager) { m_eager.store(eager); }
+
+  // Raised while messages of the service wait for the host.
+  ExportSignal& Signal() { return m_signal; }
+  // True when a message waits for the host or comes in time; false at once without a service.
+  bool WaitForExport(unsigned int timeoutMs);
+
  private:
   ServiceHost() = default;
   static void* ServiceMainProcess(void*);
   void Serve();
   void DropService();
+  // Sleeps until it is time to look for requests again.
+  void Idle(const msg_storage& store);
 
   // Set by ShutDown; cleared by the thread alone, as it starts: a stop that comes earlier is
   // lost. Sequentially consistent: nothing here is hot.
   std::atomic<std::uint32_t> m_stopFlag{0};
+
+  std::atomic<bool> m_eager{false};
+  Mutex m_sleepLock;
+  std::condition_variable m_wake;
+  // Set by the service thread while it sleeps eagerly. An import that sees it late costs one poll
+  // interval.
+  std::atomic<bool> m_asleep{false};
+  bool m_woken ZEL_GUARDED_BY(m_sleepLock) = false;
+
+  ExportSignal m_signal;
 
   Mutex m_serviceLock;
   std::shared_ptr<CommonUtilService> m_service ZEL_GUARDED_BY(m_serviceLock);

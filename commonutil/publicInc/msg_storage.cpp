@@ -3,6 +3,7 @@
 #include <limits>
 #include <new>
 
+#include "publicInc/ExportSignal.h"
 #include "util/Log.h"
 #include "util/ScopeGuard.h"
 #include "zel_platform/securec.h"
@@ -38,6 +39,11 @@ int StoreCopy(MessageRing& ring, const char* data, unsigned long length, const c
   return copy ? ring.Store(copy) : 0;
 }
 
+// Of a count that one thread at a time writes.
+void Increase(std::atomic<std::uint64_t>& count) {
+  count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
 bool MakeLock(PRAX_MUTEX& lock) {
   (void)memset_s(&lock, sizeof(lock), 0, sizeof(lock));
   return PRAX_MutexInitRecursive(&lock) == 0;
@@ -59,10 +65,18 @@ MessageRing::~MessageRing() {
 
 int MessageRing::Store(std::unique_ptr<char[]>& message) {
   const std::uint32_t written = m_written.load(std::memory_order_relaxed);
-  if (written - m_takenSeen >= kSlots) m_takenSeen = m_taken.load(std::memory_order_acquire);
-  if (!m_slots || written - m_takenSeen >= kSlots) return 0;
+  // The other side's count is read when the ring may be full, and when more than ever may wait.
+  const std::uint32_t highest = m_highWater.load(std::memory_order_relaxed);
+  if (written - m_takenSeen >= highest) m_takenSeen = m_taken.load(std::memory_order_acquire);
+  const std::uint32_t waiting = written - m_takenSeen;
+  if (!m_slots || waiting >= kSlots) {
+    Increase(m_refused);
+    return 0;
+  }
   m_slots[written & (kSlots - 1)] = message.release();
   m_written.store(written + 1, std::memory_order_release);
+  Increase(m_stored);
+  if (waiting + 1 > highest) m_highWater.store(waiting + 1, std::memory_order_relaxed);
   return 1;
 }
 
@@ -78,6 +92,14 @@ int MessageRing::Take(char** out) {
   if (message == nullptr) return 0;
   *out = message;
   return 1;
+}
+
+MessageRing::Figures MessageRing::ReadFigures() const {
+  // In this order: what was taken had been written.
+  const std::uint32_t taken = m_taken.load(std::memory_order_acquire);
+  const std::uint32_t written = m_written.load(std::memory_order_acquire);
+  return {m_stored.load(std::memory_order_relaxed), m_refused.load(std::memory_order_relaxed),
+          written - taken, m_highWater.load(std::memory_order_relaxed)};
 }
 
 msg_storage::msg_storage(std::uint32_t firstCount)
@@ -99,7 +121,16 @@ int msg_storage::SendMsgImport(const char* data, unsigned long length) {
   const commonutil::ScopeGuard unlock([this] {
     if (m_outLockUsable) PRAX_MutexUnLock(&m_outLock);
   });
-  return StoreCopy(m_outbound, data, length, __func__);
+  const int stored = StoreCopy(m_outbound, data, length, __func__);
+  if (stored == 1 && m_signal != nullptr) m_signal->Raise();
+  return stored;
 }
 
-int msg_storage::SendMsgExport(char** out) { return m_outbound.Take(out); }
+int msg_storage::SendMsgExport(char** out) {
+  const int taken = m_outbound.Take(out);
+  if (m_signal != nullptr && m_signal->IsInUse() && m_outbound.IsEmpty()) {
+    m_signal->Lower();
+    if (!m_outbound.IsEmpty()) m_signal->KeepUp();
+  }
+  return taken;
+}

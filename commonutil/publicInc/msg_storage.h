@@ -12,6 +12,10 @@
 
 #include "zel_platform/prax.h"
 
+namespace commonutil {
+class ExportSignal;
+}
+
 // One ring: a store and a take may run at the same time on two threads.
 class MessageRing {
  public:
@@ -31,12 +35,25 @@ class MessageRing {
   // none. A slot that holds null is passed over and gives 0. Consumer only.
   int Take(char** out);
 
+  // Any thread. What waits may have changed when the answer is there.
+  struct Figures {
+    std::uint64_t stored;
+    std::uint64_t refused;  // stores that found the ring full
+    std::uint32_t waiting;
+    std::uint32_t highWater;  // the most that ever waited
+  };
+  Figures ReadFigures() const;
+  bool IsEmpty() const { return ReadFigures().waiting == 0; }
+
  private:
   // Message i sits in slot i & (kSlots - 1). The counts only grow and wrap at 2^32: equal
   // means empty, kSlots apart means full. Each side has a cache line of its own, and looks at
   // the other's count only when what it last saw there says full or empty.
-  alignas(64) std::atomic<std::uint32_t> m_written;    // written by the producer, release
-  std::uint32_t m_takenSeen;                           // producer's
+  alignas(64) std::atomic<std::uint32_t> m_written;  // written by the producer, release
+  std::uint32_t m_takenSeen;                         // producer's
+  std::atomic<std::uint64_t> m_stored{0};            // written by the producer, as the next two
+  std::atomic<std::uint64_t> m_refused{0};
+  std::atomic<std::uint32_t> m_highWater{0};
   alignas(64) std::atomic<std::uint32_t> m_taken;      // written by the consumer, release
   std::uint32_t m_writtenSeen;                         // consumer's
   alignas(64) const std::unique_ptr<char*[]> m_slots;  // null without memory
@@ -60,10 +77,19 @@ class msg_storage {
   // Takes the oldest outbound message. Host's exporting thread only.
   int SendMsgExport(char** out);
 
+  // Any thread.
+  const MessageRing& Inbound() const { return m_inbound; }
+  const MessageRing& Outbound() const { return m_outbound; }
+
+  // Raised after each outbound store and lowered when a take leaves none. Set before other threads
+  // know this object; it lives longer.
+  void SetExportSignal(commonutil::ExportSignal* signal) { m_signal = signal; }
+
  private:
   MessageRing m_inbound;
   MessageRing m_outbound;
   PRAX_MUTEX m_outLock;
   // False when the lock could not be made: the outbound ring then works without it.
   const bool m_outLockUsable;
+  commonutil::ExportSignal* m_signal = nullptr;
 };

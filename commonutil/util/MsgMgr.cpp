@@ -5,6 +5,7 @@
 
 #include "publicInc/ResultCode.h"
 #include "util/Log.h"
+#include "util/Statistics.h"
 #include "zel_platform/prax.h"
 #include "zel_platform/track.h"
 
@@ -36,7 +37,7 @@ int MsgMainThreadMgr::PushCmd(std::function<int()> func, const std::string& name
     std::promise<std::int32_t> promise;
     result = promise.get_future().share();
     // The queue alone keeps the command: dropping it there must break the promise.
-    PushBack(std::make_shared<ThreadExec>(std::move(func), name, std::move(promise)));
+    Push(std::make_shared<ThreadExec>(std::move(func), name, std::move(promise)));
   } catch (const std::bad_alloc&) {
     ZEL_LOG(kWarning) << "pThreadExec new failed!";
     return kPushNoMemory;
@@ -50,7 +51,12 @@ int MsgMainThreadMgr::PushCmd(std::function<int()> func, const std::string& name
 }
 
 void MsgMainThreadMgr::PushCmd(std::function<void()> func, const std::string& name) {
-  PushBack(std::make_shared<ThreadNoRetExec>(std::move(func), name));
+  Push(std::make_shared<ThreadNoRetExec>(std::move(func), name));
+}
+
+void MsgMainThreadMgr::Push(std::shared_ptr<ThreadExecInterface> command) {
+  Statistics::Count(Counter::kCommandsPushed);
+  PushBack(std::move(command));
 }
 
 void MsgMainThreadMgr::StopThread() { m_stopRunFlag.store(1); }
@@ -66,9 +72,11 @@ void MsgMainThreadMgr::ThreadFunc() {
 
     const unsigned long long begin = PRAX_GetSystemTime();
     command->Exec();
+    Statistics::Count(Counter::kCommandsRun);
     Track_MsgDotCount(kMessageCategory);
     const long long used = static_cast<long long>(PRAX_GetSystemTime() - begin);
     if (used > kSlowCommandMs) {
+      Statistics::Count(Counter::kCommandsSlow);
       ZEL_LOG(kWarning) << "func:" << command->Name() << ", begin time: " << begin
                         << ", use time: " << used;
     }

@@ -131,6 +131,7 @@ class MsgMainThreadMgr : public SafeCondList<std::shared_ptr<ThreadExecInterface
   static void StopThread();
 
  private:
+  void Push(std::shared_ptr<ThreadExecInterface> command);
   void ThreadFunc();
 
   static std::atomic<unsigned long> m_tid;  // written by the worker as it starts
