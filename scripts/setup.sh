@@ -8,9 +8,10 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
 
-readonly build_packages=(g++ cmake make pkg-config ca-certificates libjsoncpp-dev libssl-dev)
+readonly build_packages=(g++ cmake make pkg-config ca-certificates libjsoncpp-dev libssl-dev
+  libcurl4-openssl-dev)
 readonly test_packages=(libgtest-dev libbenchmark-dev libreaderwriterqueue-dev libsqlite3-dev
-  python3 clang binutils)
+  python3 clang binutils squid tinyproxy nginx-light openssl)
 
 # The page-encrypting SQLite amalgamation, as this npm package carries it.
 readonly sqlite_package=better-sqlite3-multiple-ciphers@12.11.1

@@ -1,9 +1,9 @@
-// Seam of the reference settings: no setting has a value until it is given one here.
-// Used by tests and by programs that set the platform up; the product never includes it.
+// Seam of the reference settings: a number set here wins over the settings file. Used by tests
+// and by programs that set the platform up; the product never includes it.
 #pragma once
 
 #include "zel_platform/platform_export.h"
 
 ZEL_PLATFORM_API void orb_config_ref_set(int number, int value);
-// No setting has a value any more.
+// Forgets every number set here, the directory and the content of the settings file.
 ZEL_PLATFORM_API void orb_config_ref_clear();

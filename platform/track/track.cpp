@@ -19,6 +19,7 @@
 
 #include <json/json.h>
 
+#include "config/settings.h"
 #include "logger/FormatText.h"
 #include "logger/LogFile.h"
 #include "logger/LogModules.h"
@@ -297,8 +298,9 @@ TrackRecord ContextCopy(const UTContextRecord& context) {
 }  // namespace
 
 int InitUnifiedTrack(int logLevel, int logSize, int fileCount, const char* logPath,
-                     const char* /*dbPath*/) {
+                     const char* dbPath) {
   try {
+    orb_config_set_directory(dbPath == nullptr ? "" : dbPath);
     return UserTrack::Instance().Start(SettingsOf(logLevel, logSize, fileCount, logPath));
   } catch (...) {  // no memory
     return kFailed;
