@@ -30,6 +30,7 @@ void PrintFigure(const std::string& what, const std::string& figure);
 
 // The benchmarks.
 void BenchMessage();
+void BenchQueue();
 void BenchRing();
 void BenchWorker();
 void BenchStart();
