@@ -22,7 +22,9 @@ class DetectTest : public testing::Test {
     char* message = nullptr;
     if (m_service->PrimaryStore().SendMsgExport(&message) == 0) return Json::Value();
     const std::unique_ptr<char[]> owner(message);
-    return Parse(message);
+    const Json::Value parsed = Parse(message);
+    support::LogMessage(parsed);
+    return parsed;
   }
 
   const std::shared_ptr<CommonUtilService> m_service =

@@ -1,6 +1,8 @@
 // A service on the double of the platform, spoken to in JSON texts.
 #pragma once
 
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -11,6 +13,16 @@
 #include "support/PlatformDouble.h"
 
 namespace support {
+
+// Adds a message to the file that ZEL_MESSAGE_LOG names, if any: one line each, for checks of all
+// that was sent.
+inline void LogMessage(const Json::Value& message) {
+  const char* const path = std::getenv("ZEL_MESSAGE_LOG");
+  if (path == nullptr) return;
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  std::ofstream(path, std::ios::app) << Json::writeString(builder, message) << '\n';
+}
 
 inline Json::Value Parse(const std::string& text) {
   Json::Value root;
@@ -30,7 +42,9 @@ class ServiceTest : public testing::Test {
     char* message = nullptr;
     if (m_service->PrimaryStore().SendMsgExport(&message) == 0) return Json::Value();
     const std::unique_ptr<char[]> owner(message);
-    return Parse(message);
+    const Json::Value parsed = Parse(message);
+    LogMessage(parsed);
+    return parsed;
   }
 
   Json::Value Ask(const std::string& text) {

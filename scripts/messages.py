@@ -1,0 +1,130 @@
+#!/usr/bin/python3
+"""Makes docs/messages.md from docs/messages/messages.yaml.
+
+usage: scripts/messages.py [--check]    --check writes nothing and fails when the page is stale
+"""
+import json
+import pathlib
+import sys
+
+import yaml
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+SOURCE = ROOT / "docs/messages/messages.yaml"
+PAGE = ROOT / "docs/messages.md"
+NOTE = "<!-- Made by scripts/messages.py from docs/messages/messages.yaml. -->\n"
+
+
+def resolved(document, schema):
+    """The schema that a $ref names, or the schema itself."""
+    while "$ref" in schema:
+        target = document
+        for step in schema["$ref"].removeprefix("#/").split("/"):
+            target = target[step]
+        schema = target
+    return schema
+
+
+def type_text(schema):
+    if "const" in schema:
+        return "text" if isinstance(schema["const"], str) else "integer"
+    if "enum" in schema:
+        return "text"
+    if "oneOf" in schema:
+        return " or ".join(type_text(one) for one in schema["oneOf"])
+    name = schema.get("type", "any")
+    if name == "string":
+        size = schema.get("x-bytes")
+        return f"text, {size} bytes" if size else "text"
+    if name == "integer":
+        return "unsigned" if schema.get("minimum", -1) >= 0 else "integer"
+    return {"array": "list"}.get(name, name)
+
+
+def rows(document, schema, path=""):
+    """(path, type, required, meaning) of every member, depth first."""
+    schema = resolved(document, schema)
+    for name, member in schema.get("properties", {}).items():
+        member = resolved(document, member)
+        here = f"{path}.{name}" if path else name
+        needed = name in schema.get("required", [])
+        yield here, type_text(member), needed, member.get("description", "")
+        yield from rows(document, member, here)
+        if "items" in member:
+            yield from rows(document, member["items"], here + "[]")
+
+
+def table(document, schema, skip=()):
+    lines = ["| Key | Type | Required | Meaning |", "|---|---|---|---|"]
+    for path, kind, needed, meaning in rows(document, schema):
+        if path not in skip:
+            lines.append(f"| `{path}` | {kind} | {'yes' if needed else ''} | {meaning} |")
+    return lines if len(lines) > 2 else []
+
+
+def section(document, heading, message, skip=()):
+    lines = [f"### {heading}", ""]
+    if "description" in message:
+        lines += [message["description"].strip(), ""]
+    keys = table(document, message["payload"], skip)
+    lines += keys + [""] if keys else []
+    for example in message.get("examples", []):
+        lines += ["```json", json.dumps(example["payload"]), "```", ""]
+    return lines
+
+
+def page(document):
+    messages = document["components"]["messages"]
+    requests = [m for m in messages.values() if "x-cmd" in m]
+    events = [m for m in messages.values() if "x-notify" in m]
+    answers = [m for m in messages.values() if m not in requests and m not in events]
+    common = ("cmd", "sno", "description", "param")
+
+    lines = ["# Messages", "", document["info"]["description"].strip(), "", "## Requests", ""]
+    lines += ["| `cmd` | What it does | Reply |", "|---|---|---|"]
+    lines += [f"| {m['x-cmd']} | {m['title']} | {m['x-reply']} |" for m in requests]
+    lines += ["", "Every request may have a number `sno` and a text `description`, which its reply repeats. "
+              "Other numbers up to", "33 are reserved.", ""]
+    for message in requests:
+        lines += section(document, f"{message['x-cmd']}: {message['title']}", message, common)
+    lines += ["## Replies", ""]
+    for message in answers:
+        lines += section(document, message["title"], message)
+    lines += ["## Notifications", "", "They have no `rsp`.", ""]
+    for message in events:
+        lines += section(document, f"{message['x-notify']}: {message['title']}", message,
+                         ("description", "notify", "param"))
+    lines += STATISTICS
+    return NOTE + "\n".join(lines).rstrip() + "\n"
+
+
+STATISTICS = [
+    "## Statistics", "",
+    "`CommonUtilStatistics` returns one object; all figures are counts.", "",
+    "| Key | Meaning |", "|---|---|",
+    "| `version` | of the library |",
+    "| `requests`, `replies` | of the present service, absent without one: `stored`; `refused` or `dropped` by a "
+    "full ring; `waiting` now; `highWater`, the most that ever waited |",
+    "| `worker` | commands `run`, `queued` now, and `slow`: longer than 3 s |",
+    "| `database` | `operations` and `failures` |",
+    "| `proxy` | `probes` and those that got `through` |",
+    "| `tracking` | `events` handed to the tracking library, and those it `refused` |",
+]
+
+
+def main(arguments):
+    if arguments not in ([], ["--check"]):
+        print(__doc__.strip(), file=sys.stderr)
+        return 2
+    text = page(yaml.safe_load(SOURCE.read_text(encoding="utf-8")))
+    if arguments:
+        if PAGE.read_text(encoding="utf-8") == text:
+            return 0
+        print("docs/messages.md is stale: run scripts/messages.py", file=sys.stderr)
+        return 1
+    PAGE.write_text(text, encoding="utf-8")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
