@@ -1,0 +1,138 @@
+#include "zel_platform/config.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "config/config_ref.h"
+#include "config/settings.h"
+#include "logger/logger_ref.h"
+#include "support/TempDir.h"
+#include "zel_platform/logger.h"
+#include "zel_platform/track.h"
+
+namespace {
+
+constexpr char kVariable[] = "ZEL_PLATFORM_CONFIG";
+
+class SettingsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    TearDown();
+    ASSERT_EQ(LogStream::InitLog("native_sdk", m_log.c_str(), 5120, 0, LOGGER_LEVEL_DEBUG), 0);
+  }
+  void TearDown() override {
+    ::unsetenv(kVariable);
+    orb_config_ref_clear();
+    logger_ref_reset();
+  }
+
+  void Use(const std::string& content) {
+    support::WriteWholeFile(m_file, content);
+    orb_config_set_directory(m_dir.Path());
+  }
+  std::string Log() const { return support::ReadWholeFile(m_log); }
+
+  support::TempDir m_dir;
+  const std::string m_file = m_dir.File("platform.json");
+  const std::string m_log = m_dir.File("log.txt");
+};
+
+TEST_F(SettingsTest, MembersAreFoundByTheirPathAndOthersHaveTheirDefault) {
+  Use(R"({"integers":{"69":1,"-3":0,"5":"5"},"http":{"connectTimeoutMs":250,"caFile":"/x"},
+          "detect":{"addresses":["a","b"],"requests":3000000000,"pacingMs":1.5}})");
+  const std::pair<const char*, int> numbers[] = {{"http.connectTimeoutMs", 250},
+                                                 {"http.caFile", -1},
+                                                 {"http.totalTimeoutMs", -1},
+                                                 {"detect.requests", -1},
+                                                 {"detect.pacingMs", -1},
+                                                 {"http", -1},
+                                                 {"http.connectTimeoutMs.x", -1},
+                                                 {"detect.addresses.x", -1},
+                                                 {"", -1},
+                                                 {".", -1},
+                                                 {"detect..requests", -1}};
+  for (const auto& [path, value] : numbers) EXPECT_EQ(orb_config_int(path, -1), value) << path;
+  const std::pair<const char*, const char*> texts[] = {
+      {"http.caFile", "/x"},           {"http.connectTimeoutMs", "none"},
+      {"detect.addresses.1", "b"},     {"detect.addresses.2", "none"},
+      {"detect.addresses.", "none"},   {"detect.addresses.4294967297", "none"},
+      {"detect.addresses.-1", "none"}, {"audit.baseAddress", "none"}};
+  for (const auto& [path, text] : texts) EXPECT_EQ(orb_config_text(path, "none"), text) << path;
+
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, 0), 1);
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(-3, 8), 0);
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(5, 8), 8);
+  orb_config_ref_set(69, 4);
+  EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, 0), 4) << "the seam wins";
+  EXPECT_EQ(Log(), "");
+}
+
+TEST_F(SettingsTest, TheVariableWinsOverTheDirectoryAndTheStartNamesTheDirectory) {
+  EXPECT_EQ(orb_config_int("n", -1), -1);
+  support::WriteWholeFile(m_file, R"({"n":1})");
+  ASSERT_EQ(InitUnifiedTrack(2, 1024, 1, m_dir.File("log").c_str(), m_dir.Path().c_str()), 0);
+  EXPECT_EQ(Track_Uninit(), 0);
+  EXPECT_EQ(orb_config_int("n", -1), 1);
+  support::WriteWholeFile(m_dir.File("other"), R"({"n":2})");
+  ::setenv(kVariable, m_dir.File("other").c_str(), 1);
+  EXPECT_EQ(orb_config_int("n", -1), 1) << "read once";
+  orb_config_set_directory(m_dir.Path());
+  EXPECT_EQ(orb_config_int("n", -1), 2);
+}
+
+TEST_F(SettingsTest, ABrokenFileIsOneLineAndLeavesEveryDefault) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "broken at line 1, column 1"},
+      {"{\"n\":1,\n \"secret\" 2}", "broken at line 2, column 11"},
+      {"{\"n\":1} x", "broken at line 1, column 9"},
+      {"{\"n\":1,\"n\":2}", "broken at line 1, column 8"},
+      {"[1]", "broken at line 1, column 1: no object"},
+      {"{\"n\":" + std::string(100000, '['), "nested too deeply"},
+      {"{\"n\":1}" + std::string(1024 * 1024, ' '), "is larger than 1 MB"}};
+  for (const auto& [content, fault] : cases) {
+    const std::size_t before = Log().size();
+    Use(content);
+    EXPECT_EQ(orb_config_int("n", -1), -1) << fault;
+    EXPECT_EQ(orb_config_text("n", "none"), "none") << fault;
+    const std::string line = Log().substr(before);
+    EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
+    EXPECT_NE(line.find("] platform.json " + fault), std::string::npos) << line;
+    EXPECT_NE(line.find("; the defaults hold"), std::string::npos) << line;
+    EXPECT_EQ(line.find("secret"), std::string::npos) << line;
+  }
+  Use(R"({"n":3})");
+  EXPECT_EQ(orb_config_int("n", -1), 3) << "a mended file";
+}
+
+TEST_F(SettingsTest, WhatIsNoRegularFileNeitherHangsNorCounts) {
+  ASSERT_EQ(::mkfifo(m_dir.File("pipe").c_str(), 0600), 0);
+  for (const std::string& path :
+       {m_dir.File("pipe"), m_dir.Path(), std::string("/dev/zero"), m_dir.File("missing")}) {
+    ::setenv(kVariable, path.c_str(), 1);
+    orb_config_set_directory("");
+    const std::size_t before = Log().size();
+    EXPECT_EQ(orb_config_int("n", -1), -1) << path;
+    EXPECT_NE(Log().size(), before) << path;
+  }
+}
+
+TEST_F(SettingsTest, TheFileIsReadOnceAlsoByManyAtOnce) {
+  Use("{");
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] { EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, 9), 9); });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::string log = Log();
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+}
+
+}  // namespace
