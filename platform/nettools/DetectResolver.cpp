@@ -1,0 +1,118 @@
+#include <netdb.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "loghooks/loghooks_ref.h"
+#include "nettools/DetectServer.h"
+
+namespace {
+
+constexpr int kLogError = 3;
+constexpr int kLogAll = 5;
+constexpr long kHighestPort = 65535;
+
+bool ParsePort(const std::string& text, std::uint16_t* port) {
+  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != text.npos) {
+    return false;
+  }
+  const long value = std::stol(text);
+  if (value < 1 || value > kHighestPort) return false;
+  *port = static_cast<std::uint16_t>(value);
+  return true;
+}
+
+// One look-up. The thread keeps it alive when nobody waits any more.
+struct LookUp {
+  std::mutex lock;
+  std::condition_variable ended;
+  bool hasEnded = false;
+  int code = 0;
+  DetectAddress address;
+};
+
+void Find(const std::string& host, int flags, LookUp* lookUp) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_DGRAM;
+  hints.ai_flags = flags;
+  addrinfo* list = nullptr;
+  lookUp->code = ::getaddrinfo(host.c_str(), nullptr, &hints, &list);
+  if (lookUp->code != 0) return;
+  const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, &::freeaddrinfo);
+  lookUp->address.length = std::min<socklen_t>(list->ai_addrlen, sizeof(sockaddr_storage));
+  std::memcpy(&lookUp->address.storage, list->ai_addr, lookUp->address.length);
+}
+
+// False when the time is over.
+bool FindInTime(const std::string& host, DetectClock::time_point deadline,
+                const std::shared_ptr<LookUp>& lookUp) {
+  std::thread([host, lookUp] {
+    LookUp own;
+    Find(host, AI_ADDRCONFIG, &own);
+    const std::lock_guard<std::mutex> hold(lookUp->lock);
+    lookUp->code = own.code;
+    lookUp->address = own.address;
+    lookUp->hasEnded = true;
+    lookUp->ended.notify_one();
+  }).detach();
+  std::unique_lock<std::mutex> hold(lookUp->lock);
+  return lookUp->ended.wait_until(hold, deadline, [&lookUp] { return lookUp->hasEnded; });
+}
+
+void SetPort(std::uint16_t port, DetectAddress* address) {
+  const std::uint16_t inOrder = htons(port);
+  // Both families keep the port at the same place, behind the family.
+  std::memcpy(reinterpret_cast<char*>(&address->storage) + sizeof(sa_family_t), &inOrder,
+              sizeof(inOrder));
+}
+
+}  // namespace
+
+bool ParseDetectEntry(const std::string& text, DetectEntry* entry) {
+  entry->port = 0;
+  std::string port;
+  if (!text.empty() && text.front() == '[') {
+    const std::size_t end = text.find(']');
+    if (end == std::string::npos) return false;
+    entry->host = text.substr(1, end - 1);
+    port = text.substr(end + 1);
+  } else {
+    // Two colons and no brackets: an address without a port.
+    const std::size_t colon = text.find(':') == text.rfind(':') ? text.find(':') : text.npos;
+    entry->host = text.substr(0, colon);
+    if (colon != std::string::npos) port = text.substr(colon);
+  }
+  if (entry->host.empty()) return false;
+  if (port.empty()) return true;
+  return port.front() == ':' && ParsePort(port.substr(1), &entry->port);
+}
+
+int ResolveDetectEntry(const DetectEntry& entry, std::uint16_t defaultPort,
+                       DetectClock::time_point deadline, DetectAddress* address) {
+  const auto lookUp = std::make_shared<LookUp>();
+  Find(entry.host, AI_NUMERICHOST, lookUp.get());
+  bool isInTime = true;
+  if (lookUp->code != 0) {
+    orb_loghooks_ref_emit_dns(kLogAll, ("look-up of " + entry.host).c_str());
+    try {
+      isInTime = FindInTime(entry.host, deadline, lookUp);
+    } catch (const std::system_error&) {  // no thread
+      isInTime = false;
+    }
+    const std::lock_guard<std::mutex> hold(lookUp->lock);
+    const char* const outcome = !isInTime           ? "takes too long"
+                                : lookUp->code == 0 ? "done"
+                                                    : ::gai_strerror(lookUp->code);
+    orb_loghooks_ref_emit_dns(isInTime && lookUp->code == 0 ? kLogAll : kLogError,
+                              ("look-up of " + entry.host + ": " + outcome).c_str());
+    if (!isInTime || lookUp->code != 0) return kDetectNotResolved;
+  }
+  *address = lookUp->address;
+  SetPort(entry.port == 0 ? defaultPort : entry.port, address);
+  return 0;
+}
