@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 
 #include "config/settings.h"
@@ -74,12 +75,35 @@ void SetCommon(CurlOptions* options) {
   // NTLM and Negotiate authenticate a connection, which HTTP/2 would not keep to itself.
   options->Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   options->Set(CURLOPT_CONNECTTIMEOUT_MS, TimeoutMs("http.connectTimeoutMs", kConnectTimeoutMs));
-  options->Set(CURLOPT_TIMEOUT_MS, TimeoutMs("http.totalTimeoutMs", kTotalTimeoutMs));
   const std::string caFile = orb_config_text("http.caFile", "");
   if (caFile.empty()) return;
   options->Set(CURLOPT_CAINFO, caFile.c_str());
   options->Set(CURLOPT_PROXY_CAINFO, caFile.c_str());
 }
+
+// The time at which an exchange ends, whatever the peer does. libcurl's own time-out is not looked
+// at while a proxy goes on sending an answer to CONNECT, its progress function is.
+class Deadline {
+ public:
+  explicit Deadline(CurlOptions* options) {
+    options->Set(CURLOPT_TIMEOUT_MS, m_totalMs);
+    options->Set(CURLOPT_NOPROGRESS, 0L);
+    options->Set(CURLOPT_XFERINFOFUNCTION, &IsOver);
+    options->Set(CURLOPT_XFERINFODATA, this);
+  }
+  Deadline(const Deadline&) = delete;
+  Deadline& operator=(const Deadline&) = delete;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static int IsOver(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return Clock::now() >= static_cast<const Deadline*>(self)->m_end ? 1 : 0;
+  }
+
+  const long m_totalMs = TimeoutMs("http.totalTimeoutMs", kTotalTimeoutMs);
+  const Clock::time_point m_end = Clock::now() + std::chrono::milliseconds(m_totalMs);
+};
 
 template <std::size_t N>
 bool IsTerminated(const char (&text)[N]) {
@@ -137,7 +161,8 @@ void SetProxy(const ORB_HTTP_PROXY* proxy, CurlOptions* options) {
 
 CURLcode Perform(CURL* handle) {
   const WithoutSigpipe shield;
-  return curl_easy_perform(handle);
+  const CURLcode code = curl_easy_perform(handle);
+  return code == CURLE_ABORTED_BY_CALLBACK ? CURLE_OPERATION_TIMEDOUT : code;
 }
 
 void LogFailure(const std::string& what, CURLcode code) {
@@ -288,6 +313,7 @@ HttpAnswer HttpSend(const HttpCall& call) {
   HttpAnswer answer;
   AnswerSink sink(&answer);
   CurlOptions options(handle.get());
+  const Deadline deadline(&options);
   SetCommon(&options);
   SetProxy(call.proxy, &options);
   options.Set(CURLOPT_URL, call.url.c_str());
@@ -310,6 +336,7 @@ int HttpTunnel(const ORB_HTTP_PROXY& proxy, const std::string& host, unsigned sh
   HttpAnswer ignored;
   AnswerSink sink(&ignored);
   CurlOptions options(handle.get());
+  const Deadline deadline(&options);
   SetCommon(&options);
   SetProxy(&proxy, &options);
   options.Set(CURLOPT_URL, static_cast<const char*>(url.get()));
