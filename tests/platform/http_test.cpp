@@ -292,7 +292,9 @@ TEST_F(HttpTest, ADeadOriginIsTheProxysAnswerAndADeadProxyIsNone) {
 }
 
 TEST_F(HttpTest, WhatNamesNoHttpPeerIsRefusedBeforeAnythingIsSent) {
-  ScriptedPeer peer([](ScriptedPeer& self) { self.Send("HTTP/1.1 200 OK\r\n\r\n"); });
+  ScriptedPeer peer([](ScriptedPeer& self) {
+    if (self.ReceiveUntil("\r\n\r\n")) self.Send("HTTP/1.1 200 OK\r\n\r\n");
+  });
   const std::string port = std::to_string(peer.Port());
   for (const std::string& url :
        {std::string(), std::string("file:///etc/hostname"), "ftp://127.0.0.1:" + port + "/",
