@@ -29,6 +29,7 @@ void PrintHeading();
 void PrintFigure(const std::string& what, const std::string& figure);
 
 // The benchmarks.
+void BenchLog();
 void BenchMessage();
 void BenchQueue();
 void BenchRing();

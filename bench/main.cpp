@@ -5,6 +5,7 @@
 int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--start") == 0) return bench::StartChild(argv[2]);
   bench::PrintHeading();
+  bench::BenchLog();
   bench::BenchMessage();
   bench::BenchQueue();
   bench::BenchRing();

@@ -9,7 +9,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
 
 readonly build_packages=(g++ cmake make pkg-config ca-certificates libjsoncpp-dev libssl-dev
-  libcurl4-openssl-dev)
+  libcurl4-openssl-dev libspdlog-dev zlib1g-dev)
 readonly test_packages=(libgtest-dev libbenchmark-dev libreaderwriterqueue-dev libsqlite3-dev
   python3 python3-jsonschema python3-yaml clang binutils squid tinyproxy nginx-light coturn openssl)
 

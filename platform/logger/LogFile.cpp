@@ -9,7 +9,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <utility>
+
+#include <spdlog/formatter.h>
+#include <spdlog/sinks/rotating_file_sink.h>
 
 namespace {
 
@@ -17,17 +21,60 @@ constexpr int kDefaultSizeKb = 5120;
 constexpr std::uint64_t kBytesPerKb = 1024;
 constexpr mode_t kLogFileMode = 0640;
 
-// O_NONBLOCK keeps a pipe that lies at the path from blocking the opener.
-int OpenForAppend(const char* path) {
+// Creates the file where there is none, with the mode it is to have; spdlog would make one that
+// everyone may read, and directories too. Only a regular file will do. O_NONBLOCK keeps a pipe that
+// lies at the path from blocking the opener.
+bool MakeUsable(const char* path) noexcept {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   int descriptor;
   do {
     descriptor = ::open(path, kFlags, kLogFileMode);
   } while (descriptor < 0 && errno == EINTR);
-  return descriptor;
+  if (descriptor < 0) return false;
+  struct stat facts;
+  const bool isRegular = ::fstat(descriptor, &facts) == 0 && S_ISREG(facts.st_mode);
+  (void)::close(descriptor);  // nothing was written
+  return isRegular;
 }
 
+// The line as it is; it brings its newline.
+class LineAsIs final : public spdlog::formatter {
+ public:
+  void format(const spdlog::details::log_msg& message, spdlog::memory_buf_t& out) override {
+    out.append(message.payload.begin(), message.payload.end());
+  }
+  std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<LineAsIs>(); }
+};
+
+using RotatingSink = spdlog::sinks::rotating_file_sink_st;
+
 }  // namespace
+
+// The open file. It has no limit of its own: LogFile decides when to rotate.
+struct LogFile::Sink {
+  explicit Sink(const std::string& path);
+
+  int descriptor = -1;  // belongs to `file`
+  RotatingSink file;
+
+ private:
+  spdlog::file_event_handlers Handlers();
+};
+
+LogFile::Sink::Sink(const std::string& path)
+    : file(path, std::numeric_limits<std::size_t>::max(), 0, false, Handlers()) {
+  file.set_formatter(std::make_unique<LineAsIs>());
+}
+
+// Without a buffer each line is one write, at once.
+spdlog::file_event_handlers LogFile::Sink::Handlers() {
+  spdlog::file_event_handlers handlers;
+  handlers.after_open = [this](const std::string& /*path*/, std::FILE* opened) {
+    (void)std::setvbuf(opened, nullptr, _IONBF, 0);  // cannot fail before the first write
+    descriptor = ::fileno(opened);
+  };
+  return handlers;
+}
 
 struct LogFile::Facts {
   dev_t device;
@@ -66,19 +113,16 @@ LogFile::LogFile(std::string path, int sizeKb, int oldFiles)
 
 LogFile::~LogFile() { Close(); }
 
-void LogFile::Close() noexcept {
-  if (m_descriptor >= 0) (void)::close(m_descriptor);  // every line has been handed over
-  m_descriptor = -1;
-}
+void LogFile::Close() noexcept { m_sink.reset(); }
 
-bool LogFile::Open() noexcept {
+bool LogFile::Open() noexcept try {
   Close();
   m_torn = false;
   m_lookedAtMs = -1;
-  m_descriptor = OpenForAppend(m_path.c_str());
-  if (m_descriptor < 0) return false;
+  if (!MakeUsable(m_path.c_str())) return false;
+  m_sink = std::make_unique<Sink>(m_path);
   Facts own;
-  if (!own.Read(m_descriptor) || !S_ISREG(own.mode)) {
+  if (!own.Read(m_sink->descriptor)) {
     Close();
     return false;
   }
@@ -86,20 +130,22 @@ bool LogFile::Open() noexcept {
   m_inode = own.inode;
   m_size = own.size;
   return true;
+} catch (...) {  // no memory, or the file cannot be opened
+  return false;
 }
 
 bool LogFile::Append(std::string_view line, std::int64_t nowMs) noexcept {
-  if (m_descriptor < 0 || (nowMs != m_lookedAtMs && !IsStillAtPath())) {
+  if (m_sink == nullptr || (nowMs != m_lookedAtMs && !IsStillAtPath())) {
     if (!Open()) return false;
   }
   m_lookedAtMs = nowMs;
   if (IsFullFor(line.size())) Rotate(line.size());
-  if (m_descriptor < 0) return false;
+  if (m_sink == nullptr) return false;
   if (m_torn) {
-    if (!WriteAll("\n")) return false;
+    if (!Write("\n")) return false;
     m_torn = false;
   }
-  return WriteAll(line);
+  return Write(line);
 }
 
 bool LogFile::IsStillAtPath() noexcept {
@@ -119,56 +165,47 @@ bool LogFile::IsFullFor(std::size_t length) const noexcept {
 // Where another writer holds the lock it is rotating right now; the line then goes to the
 // old file. A file system without locks leaves rotation unguarded.
 void LogFile::Rotate(std::size_t length) noexcept {
-  if (::flock(m_descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return;
+  const int descriptor = m_sink->descriptor;
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return;
   if (!IsStillAtPath()) {
-    (void)Open();  // rotated by another writer; a failure shows as a closed descriptor
+    (void)Open();  // rotated by another writer; a failure shows as a missing sink
     return;
   }
   if (!IsFullFor(length)) {
-    (void)::flock(m_descriptor, LOCK_UN);  // emptied by another writer
+    (void)::flock(descriptor, LOCK_UN);  // emptied by another writer
     return;
   }
-  if (m_oldFiles > 0 && ShiftOldFiles()) {
+  if (m_oldFiles > 0) ShiftOldFiles();
+  if (m_oldFiles > 0 && !IsStillAtPath()) {
     (void)Open();  // closes the renamed file, which ends the lock
     return;
   }
   // Also where the directory refuses the renaming: the file must not grow for ever.
-  if (::ftruncate(m_descriptor, 0) == 0) m_size = 0;
-  (void)::flock(m_descriptor, LOCK_UN);
+  if (::ftruncate(descriptor, 0) == 0) m_size = 0;
+  (void)::flock(descriptor, LOCK_UN);
 }
 
-// Moves the file aside, and before it every old file up to the first free number.
-bool LogFile::ShiftOldFiles() noexcept {
-  try {
-    int last = 1;
-    while (last < m_oldFiles && ::access(OldName(last).c_str(), F_OK) == 0) ++last;
-    for (int number = last; number > 1; --number) {
-      if (::rename(OldName(number - 1).c_str(), OldName(number).c_str()) != 0) return false;
-    }
-    return ::rename(m_path.c_str(), OldName(1).c_str()) == 0;
-  } catch (...) {  // no memory for the names
-    return false;
-  }
+// A second sink, told to rotate as it opens, does the renaming. It goes on by emptying the
+// file that it makes next, where another writer may have put a line by then; so it is stopped
+// there.
+void LogFile::ShiftOldFiles() const noexcept try {
+  spdlog::file_event_handlers handlers;
+  handlers.before_open = [isOpened = false](const std::string& /*path*/) mutable {
+    if (isOpened) throw spdlog::spdlog_ex("renamed");
+    isOpened = true;
+  };
+  const RotatingSink shifter(m_path, 1, static_cast<std::size_t>(m_oldFiles), true, handlers);
+} catch (...) {  // the path shows whether the renaming was done
 }
 
-std::string LogFile::OldName(int number) const {
-  const std::size_t nameBegin = m_path.rfind('/') + 1;  // npos + 1 is 0
-  std::size_t extension = m_path.rfind('.');
-  if (extension == std::string::npos || extension <= nameBegin) extension = m_path.size();
-  return m_path.substr(0, extension) + "." + std::to_string(number) + m_path.substr(extension);
-}
-
-bool LogFile::WriteAll(std::string_view bytes) noexcept {
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t count = ::write(m_descriptor, bytes.data() + written, bytes.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      m_torn = m_torn || written > 0;
-      return false;
-    }
-    written += static_cast<std::size_t>(count);
-    m_size += static_cast<std::uint64_t>(count);
-  }
+bool LogFile::Write(std::string_view bytes) noexcept try {
+  spdlog::details::log_msg message;
+  message.payload = {bytes.data(), bytes.size()};
+  m_sink->file.log(message);
+  m_size += bytes.size();
   return true;
+} catch (...) {  // no memory, or not all of it fitted on the disk
+  Facts own;
+  m_torn = m_torn || !own.Read(m_sink->descriptor) || own.size > m_size;
+  return false;
 }

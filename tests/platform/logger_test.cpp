@@ -417,6 +417,17 @@ TEST_F(LogFileTest, LooksAtThePathAgainBeforeItRotates) {
   EXPECT_FALSE(std::filesystem::exists(m_dir.File("log.2.txt")));
 }
 
+// It must not grow for ever; the next lines go on in it.
+TEST_F(LogFileTest, EmptiesTheFileWhenItCannotBeRenamed) {
+  std::filesystem::create_directories(m_dir.File("log.1.txt/in the way"));
+  LogFile file(m_path, 1, 1);
+  ASSERT_TRUE(file.Open());
+  ASSERT_TRUE(file.Append(std::string(1000, 'a') + "\n", 1));
+  ASSERT_TRUE(file.Append(std::string(100, 'b') + "\n", 1));
+  ASSERT_TRUE(file.Append("c\n", 2));
+  EXPECT_EQ(LinesOf(m_path), (Strings{std::string(100, 'b'), "c"}));
+}
+
 TEST_F(LogFileTest, LosesNoLineWhenTwoProcessesRotateTheSameFile) {
   constexpr int kLinesEach = 1500;
   const auto writeLines = [&](const std::string& who) {
