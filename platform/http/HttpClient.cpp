@@ -70,6 +70,7 @@ long TimeoutMs(const char* path, int defaultMs) {
 
 void SetCommon(CurlOptions* options) {
   options->Set(CURLOPT_NOSIGNAL, 1L);
+  options->Set(CURLOPT_QUICK_EXIT, 1L);  // a name server that is silent is left to itself
   options->Set(CURLOPT_PROTOCOLS_STR, kSchemes);
   options->Set(CURLOPT_FOLLOWLOCATION, 0L);
   // NTLM and Negotiate authenticate a connection, which HTTP/2 would not keep to itself.

@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include <mutex>
-#include <new>
+#include <string>
 
 #include "http/HttpClient.h"
 #include "http/http_ref.h"
@@ -90,7 +90,7 @@ int orb_http_syn_send_ex(ORB_HTTP_REQUEST* request, int /*flags*/) {
   if (!FillRequestId(request) || !isTerminated || request->method != kGet) return kRefused;
   try {
     return Send(request);
-  } catch (const std::bad_alloc&) {
+  } catch (...) {  // no memory
     return kNoMemory;
   }
 }
@@ -114,7 +114,7 @@ int orb_http_proxy_connect(unsigned int /*id*/, const char* host, unsigned short
   if (*TextOf(host) == '\0' || *proxy.block.address == '\0') return kRefused;
   try {
     return HttpTunnel(proxy.block, host, port);
-  } catch (const std::bad_alloc&) {
+  } catch (...) {  // no memory
     return kNoMemory;
   }
 }

@@ -182,7 +182,7 @@ class HttpTest : public testing::Test {
 TEST_F(HttpTest, AnOriginsAnswerIsHandedOverWhateverItsStatus) {
   const auto nginx = support::StartNginx(support::MakeCertificate());
   const std::vector<std::pair<std::string, unsigned int>> cases = {
-      {"/ok", 200}, {"/missing", 404}, {"/error", 500}, {"/bad-gateway", 502}};
+      {"/ok", 200}, {"/moved", 302}, {"/missing", 404}, {"/error", 500}, {"/bad-gateway", 502}};
   for (const auto& [path, status] : cases) {
     const Outcome outcome = Get(Url(nginx->Port(), path));
     EXPECT_EQ(outcome.result, 0) << path;

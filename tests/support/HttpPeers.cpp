@@ -23,6 +23,7 @@ http {
     ssl_certificate {dir}/certificate.pem;
     ssl_certificate_key {dir}/key.pem;
     location = /ok { return 200 "fine"; }
+    location = /moved { return 302 /ok; }
     location = /missing { return 404; }
     location = /error { return 500; }
     location = /bad-gateway { return 502; }

@@ -12,8 +12,8 @@ namespace support {
 inline constexpr char kProxyUser[] = "user";
 inline constexpr char kProxyPassword[] = "proxy-secret";
 
-// nginx: /ok 200, /missing 404, /error 500, /bad-gateway 502, /closed closes without an answer,
-// /slow sends a few bytes a second for an hour; the same over TLS on TlsPort().
+// nginx: /ok 200, /moved 302 to /ok, /missing 404, /error 500, /bad-gateway 502, /closed closes
+// without an answer, /slow sends a few bytes a second for an hour; the same over TLS on TlsPort().
 std::unique_ptr<Peer> StartNginx(const Certificate& certificate);
 
 enum class ProxyAccess { kOpen, kBasic, kDigest };
