@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the library and plays a session against it: the example, or what is given.
-#   scripts/run.sh [--data DIR] [--timeout SECONDS] [FILE|-]
+#   scripts/run.sh [--data DIR] [--timeout SECONDS] [--no-loopback] [FILE|-]
+# The console serves what sessions of the network side need on loopback, unless told not to.
 # Standard output carries the library's replies and notifications and nothing else.
 set -euo pipefail
 
@@ -23,7 +24,14 @@ lacks_input() {
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" release --target zelctl -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF
 
-arguments=("$@")
+arguments=(--loopback)
+for argument in "$@"; do
+  if [[ $argument == --no-loopback ]]; then
+    arguments=("${arguments[@]:1}")
+  else
+    arguments+=("$argument")
+  fi
+done
 if lacks_input "$@"; then
   arguments+=("$root/examples/first-session.jsonl")
 fi

@@ -84,6 +84,8 @@ Options ParseOptions(int argc, const char* const* argv) {
     } else if (argument == "--help" || argument == "-h") {
       options.help = true;
       return options;
+    } else if (argument == "--loopback") {
+      options.loopback = true;
     } else if (arguments.TakeValue(argument, "--data", value)) {
       options.dataDirectory = value;
     } else if (arguments.TakeValue(argument, "--timeout", value)) {
@@ -97,7 +99,7 @@ Options ParseOptions(int argc, const char* const* argv) {
 }
 
 const char* UsageText() {
-  return R"(usage: zelctl [--data DIR] [--timeout SECONDS] FILE|-
+  return R"(usage: zelctl [--data DIR] [--timeout SECONDS] [--loopback] FILE|-
 
 Plays JSON requests, one a line, against libzel_utils and prints every reply and
 notification as one JSON line. Blank lines and lines that begin with # are skipped.
@@ -106,6 +108,10 @@ notification as one JSON line. Blank lines and lines that begin with # are skipp
   --data DIR         data directory, made when missing (default ./zel-data);
                      ${DATA} in a request stands for its absolute path
   --timeout SECONDS  how long to wait for the reply to each request (default 10)
+  --loopback         serve an HTTP origin, an HTTP proxy and a STUN responder on
+                     loopback, whose places stand for ${ORIGIN}, ${PROXY_HOST},
+                     ${PROXY_PORT}, ${PROXY_USER}, ${PROXY_PASSWORD} and ${STUN};
+                     without it ${NAME:-text} stands for the text
   --help             print this text
 
 Exit status: 0 when every request that is due a reply got one in time, 1 otherwise,

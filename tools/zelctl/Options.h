@@ -17,7 +17,8 @@ struct Options {
   bool help = false;
   std::string dataDirectory = "./zel-data";
   std::chrono::nanoseconds timeout = std::chrono::seconds(10);  // per request
-  std::string input;                                            // a path, or "-" for standard input
+  bool loopback = false;
+  std::string input;  // a path, or "-" for standard input
 };
 
 // Throws UsageError.

@@ -8,19 +8,19 @@
 namespace zelctl {
 namespace {
 
-enum class Reply { kNow, kNotYet, kNever };
+enum class Reply { kYes, kNever };
 
 struct Command {
   unsigned number;
   Reply reply;
+  bool startsDetection = false;
 };
 
-// kNotYet: the command is defined, but this version of the library does not serve it.
 constexpr Command kCommands[] = {
-    {1, Reply::kNow},     {2, Reply::kNotYet}, {3, Reply::kNotYet},  {4, Reply::kNotYet},
-    {5, Reply::kNotYet},  {6, Reply::kNotYet}, {7, Reply::kNotYet},  {8, Reply::kNotYet},
-    {9, Reply::kNotYet},  {11, Reply::kNow},   {12, Reply::kNow},    {13, Reply::kNow},
-    {14, Reply::kNotYet}, {15, Reply::kNever}, {16, Reply::kNotYet}, {18, Reply::kNever},
+    {1, Reply::kYes},  {2, Reply::kYes},    {3, Reply::kYes},        {4, Reply::kYes},
+    {5, Reply::kYes},  {6, Reply::kYes},    {7, Reply::kYes},        {8, Reply::kYes},
+    {9, Reply::kYes},  {11, Reply::kYes},   {12, Reply::kYes},       {13, Reply::kYes},
+    {14, Reply::kYes}, {15, Reply::kNever}, {16, Reply::kYes, true}, {18, Reply::kNever},
 };
 // The bits of "cmd" that select the command.
 constexpr unsigned kCommandMask = 0x2FFFF;
@@ -65,12 +65,10 @@ Request ReadRequest(const std::string& text) {
   if (command == nullptr) return NoReply("unknown command " + std::to_string(*sent));
 
   Request request;
-  request.isDueReply = command->reply == Reply::kNow;
+  request.isDueReply = command->reply == Reply::kYes;
+  request.startsDetection = command->startsDetection;
   request.command = *sent;
   request.sno = UnsignedMember(root, "sno");
-  if (command->reply == Reply::kNotYet) {
-    request.remark = "command " + std::to_string(*sent) + " is not served by this version";
-  }
   return request;
 }
 

@@ -10,9 +10,10 @@ namespace zelctl {
 
 struct Request {
   bool isDueReply = false;
-  unsigned command = 0;         // as sent, which is what the reply's "rsp" echoes
-  std::optional<unsigned> sno;  // when the reply echoes one
-  std::string remark;           // why no reply is awaited; empty where that is the rule
+  bool startsDetection = false;  // a good reply is followed by notifications
+  unsigned command = 0;          // as sent, which is what the reply's "rsp" echoes
+  std::optional<unsigned> sno;   // when the reply echoes one
+  std::string remark;            // why no reply is awaited; empty where that is the rule
 };
 
 // Reads `text` as the library will: only the part before a NUL counts.

@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -17,9 +18,11 @@
 namespace zelctl {
 namespace {
 
+constexpr unsigned int kAwaitMs = 20;
 constexpr auto kPoll = std::chrono::milliseconds(1);
 constexpr auto kCloseTimeout = std::chrono::seconds(30);
 constexpr int kStored = 1;
+constexpr int kNetDetectEvent = 3;
 // An error reply holds its whole request, which may itself be nested as deeply as the
 // library's own reader allows.
 constexpr int kReplyDepth = 4000;
@@ -41,6 +44,9 @@ Message TakeMessage() {
   char* message = nullptr;
   return Message(CommonUtilSendMsgExport(&message) == kStored ? message : nullptr);
 }
+
+// Until a message is there, for a moment at most: signals and deadlines are looked at in between.
+void AwaitMessage() { (void)CommonUtilWaitExportMsg(kAwaitMs); }
 
 bool Parse(const std::string& text, Json::Value& root) {
   Json::CharReaderBuilder builder;
@@ -76,6 +82,7 @@ Session::Session(std::chrono::nanoseconds timeout, const std::atomic<bool>& inte
     : m_timeout(timeout), m_interrupted(interrupted) {}
 
 bool Session::Start() {
+  CommonUtilServiceSetEager(1);
   const int rc = CommonUtilServiceStartup();
   if (rc != 0) Fail("the service does not start, code " + std::to_string(rc));
   return rc == 0;
@@ -84,18 +91,23 @@ bool Session::Start() {
 void Session::Play(const std::string& text, std::size_t lineNumber) {
   const Request request = ReadRequest(text);
   const Clock::time_point deadline = Clock::now() + m_timeout;
-  if (request.isDueReply) m_open.push_back({request.command, request.sno, lineNumber});
+  if (request.isDueReply) {
+    m_open.push_back({request.command, request.sno, lineNumber, request.startsDetection});
+  }
   if (!Send(text, deadline)) return Fail(LineRemark(lineNumber, "the library takes no request"));
   if (!request.remark.empty()) {
     Complain(LineRemark(lineNumber, request.remark + ", no reply is awaited"));
   }
-  for (PrintArrived(); IsOpen(lineNumber); PrintArrived()) {
+  for (PrintArrived(); IsAwaited(lineNumber); PrintArrived()) {
     if (m_interrupted) return Fail(LineRemark(lineNumber, "interrupted before the reply"));
     if (Clock::now() >= deadline) {
+      if (std::exchange(m_detections, 0) > 0) {
+        return Fail(LineRemark(lineNumber, "the detection did not end in " + InSeconds(m_timeout)));
+      }
       return Fail(LineRemark(lineNumber, "no reply to command " + std::to_string(request.command) +
                                              " within " + InSeconds(m_timeout)));
     }
-    std::this_thread::sleep_for(kPoll);
+    AwaitMessage();
   }
 }
 
@@ -109,7 +121,7 @@ void Session::Finish() {
   const bool sent = Send(CloseRequest(), deadline);
   while (sent && !m_closeAnswered && Clock::now() < deadline) {
     PrintArrived();
-    std::this_thread::sleep_for(kPoll);
+    AwaitMessage();
   }
   // A shut-down would wait for the stuck thread without end.
   if (!m_closeAnswered) return Fail("the service no longer answers, it is left running");
@@ -139,7 +151,7 @@ void Session::Handle(const char* text) {
     m_closeAnswered = true;
     return;
   }
-  if (!message.isMember("notify")) CloseAnswered(message);
+  message.isMember("notify") ? NoteDetection(message) : CloseAnswered(message);
   Print(message);
 }
 
@@ -149,7 +161,15 @@ void Session::CloseAnswered(const Json::Value& reply) {
   const auto answered = std::find_if(m_open.begin(), m_open.end(), [&](const OpenRequest& open) {
     return command == open.command && sno == open.sno;
   });
-  if (answered != m_open.end()) m_open.erase(answered);
+  if (answered == m_open.end()) return;
+  if (answered->startsDetection && reply["result"] == 0) ++m_detections;
+  m_open.erase(answered);
+}
+
+void Session::NoteDetection(const Json::Value& notification) {
+  if (notification["notify"] != kNetDetectEvent) return;
+  const Json::Value& param = notification["param"];
+  if (param["current_level"] == param["total_level"]) --m_detections;
 }
 
 void Session::Print(const Json::Value& message) {

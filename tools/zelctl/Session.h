@@ -45,12 +45,15 @@ class Session {
     unsigned command;
     std::optional<unsigned> sno;
     std::size_t lineNumber;
+    bool startsDetection;
   };
 
   bool Send(const std::string& text, Clock::time_point deadline);
   bool IsOpen(std::size_t lineNumber) const;
   void Handle(const char* text);
   void CloseAnswered(const Json::Value& reply);
+  void NoteDetection(const Json::Value& notification);
+  bool IsAwaited(std::size_t lineNumber) const { return IsOpen(lineNumber) || m_detections > 0; }
   void Print(const Json::Value& message);
   void Fail(const std::string& remark);
 
@@ -59,6 +62,8 @@ class Session {
   // Requests without their reply, in the order of sending. One whose time is over stays, so
   // that its late reply is not taken for that of a later request.
   std::deque<OpenRequest> m_open;
+  // Detections whose last notification has not come; it may come before the reply.
+  int m_detections = 0;
   bool m_closing = false;  // the closing request is on its way
   bool m_closeAnswered = false;
   bool m_canPrint = true;

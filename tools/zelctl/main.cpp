@@ -5,10 +5,13 @@
 #include <atomic>
 #include <exception>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <string>
 
 #include "DataDirectory.h"
 #include "LineReader.h"
+#include "Loopback.h"
 #include "Options.h"
 #include "Session.h"
 #include "Text.h"
@@ -18,6 +21,8 @@ namespace {
 constexpr int kExitAnswered = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
+
+const std::map<std::string, std::string> kNoPlaces;
 
 std::atomic<bool> g_interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "written by a signal handler");
@@ -41,7 +46,7 @@ bool IsSkipped(const std::string& line) {
 
 // Plays line after line; false when the input could not be read to its end.
 bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
-             zelctl::Session& session) {
+             const std::map<std::string, std::string>& places, zelctl::Session& session) {
   using Result = zelctl::LineReader::Result;
   std::string line;
   while (!g_interrupted && session.CanPrint()) {
@@ -50,7 +55,7 @@ bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
     if (result == Result::kEnd) return true;
     if (result == Result::kError) return false;
     if (result == Result::kNothingYet || IsSkipped(line)) continue;
-    session.Play(data.Expand(line), input.LineNumber());
+    session.Play(zelctl::FillPlaces(data.Expand(line), places), input.LineNumber());
   }
   if (g_interrupted) zelctl::Complain("interrupted");
   return false;
@@ -65,9 +70,11 @@ int Run(int argc, const char* const* argv) {
   HandleSignals();
   zelctl::LineReader input(options.input);
   const zelctl::DataDirectory data(options.dataDirectory);
+  std::unique_ptr<zelctl::Loopback> loopback;
+  if (options.loopback) loopback = std::make_unique<zelctl::Loopback>();
   zelctl::Session session(options.timeout, g_interrupted);
   if (!session.Start()) return kExitFailed;
-  const bool playedAll = PlayAll(input, data, session);
+  const bool playedAll = PlayAll(input, data, loopback ? loopback->Places() : kNoPlaces, session);
   session.Finish();
   return playedAll && session.Succeeded() ? kExitAnswered : kExitFailed;
 }

@@ -1,0 +1,207 @@
+// Audit requests against a server that answers as each case wants.
+#include "zel_platform/login.h"
+
+#include <sys/socket.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include "LoopbackServer.h"
+#include "config/config_ref.h"
+#include "config/settings.h"
+#include "login/login_ref.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using zelctl::LoopbackRequest;
+
+// One answer of the library, in a line.
+class Answers {
+ public:
+  static Answers& Instance() {
+    static Answers* const instance = new Answers;
+    return *instance;
+  }
+  static void Upload(unsigned int, int code, void* user, const void* result) {
+    const auto& r = *static_cast<const tagLOGIN_AUDIT_UPLOAD_RESULT*>(result);
+    EXPECT_EQ(code, r.code);
+    Instance().Add(user, std::to_string(r.code) + " " + r.text1 + " " + r.text2);
+  }
+  static void Report(unsigned int id, void* user, const void* result) {
+    const auto& r = *static_cast<const tagLOGIN_AUDIT_REPORT_RESULT*>(result);
+    Instance().Add(user, std::to_string(id) + " " + std::to_string(r.value) + " " + r.text);
+  }
+  static void Query(unsigned int id, void* user, const void* result) {
+    const auto& r = *static_cast<const tagLOGIN_AUDIT_QUERY_RESULT*>(result);
+    std::string text = std::to_string(id);
+    for (std::uint32_t i = 0; i < r.count; ++i) {
+      text += " " + std::to_string(r.entries[i].value) + r.entries[i].text +
+              std::to_string(r.entries[i].value8);
+    }
+    Instance().Add(user, text);
+  }
+
+  std::string Await() {
+    std::unique_lock<std::mutex> hold(m_lock);
+    m_added.wait(hold, [this] { return !m_texts.empty(); });
+    const std::string first = m_texts.front();
+    m_texts.erase(m_texts.begin());
+    return first;
+  }
+
+  int mark = 0;  // its address is the requests' `user`
+
+ private:
+  void Add(void* user, const std::string& text) {
+    EXPECT_EQ(user, &mark);
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_texts.push_back(text);
+    m_added.notify_all();
+  }
+
+  std::mutex m_lock;
+  std::condition_variable m_added;
+  std::vector<std::string> m_texts;
+};
+
+class LoginTest : public testing::Test {
+ protected:
+  LoginTest() {
+    orb_login_reg_audit_callbacks(&Answers::Upload, &Answers::Report, &Answers::Query);
+  }
+  ~LoginTest() override {
+    orb_login_reg_audit_callbacks(nullptr, nullptr, nullptr);
+    orb_config_ref_clear();
+  }
+
+  void SetBase(const std::string& base) {
+    support::WriteWholeFile(
+        m_dir.File("platform.json"),
+        R"({"http":{"totalTimeoutMs":500},"audit":{"baseAddress":")" + base + "\"}}");
+    orb_config_set_directory(m_dir.Path());
+  }
+  void SetBase(const zelctl::LoopbackServer& server) {
+    SetBase("http://127.0.0.1:" + std::to_string(server.Port()) + "/");
+  }
+
+  static std::string Ask(const tagLOGIN_AUDIT_REPORT& record) {
+    EXPECT_EQ(orb_login_report_audit_task(&record), 0);
+    return Answers::Instance().Await();
+  }
+  static std::string Ask(const tagLOGIN_AUDIT_UPLOAD& record) {
+    EXPECT_EQ(orb_login_upload_audit_file(&record), 0);
+    return Answers::Instance().Await();
+  }
+
+  const support::TempDir m_dir;
+};
+
+TEST_F(LoginTest, RefusesWithoutAServerOrWithTextsThatHaveNoEnd) {
+  SetBase("");
+  tagLOGIN_AUDIT_UPLOAD upload = {};
+  tagLOGIN_AUDIT_REPORT report = {};
+  tagLOGIN_AUDIT_QUERY query = {};
+  EXPECT_EQ(orb_login_upload_audit_file(&upload), kLoginNoBaseAddress);
+  EXPECT_EQ(orb_login_report_audit_task(&report), kLoginNoBaseAddress);
+  EXPECT_EQ(orb_login_query_audit_task(&query), kLoginNoBaseAddress);
+  EXPECT_EQ(orb_login_upload_audit_file(nullptr), kLoginBadArgument);
+  std::memset(query.text, 'x', sizeof(query.text));
+  EXPECT_EQ(orb_login_query_audit_task(&query), kLoginBadArgument);
+  EXPECT_EQ(orb_login_set_smartroom_param(nullptr), kLoginBadArgument);
+  const char room[32] = "room";
+  EXPECT_EQ(orb_login_set_smartroom_param(room), 0);
+
+  tagCONFCTRL_TERMINAL_PUBLIC_SDK terminal = {"uuid", "account", "gantry", "sbc"};
+  EXPECT_EQ(orb_confctrl_set_terminal_public_sdk_param(&terminal), 0);
+  std::memset(terminal.account, 'x', sizeof(terminal.account));
+  EXPECT_EQ(orb_confctrl_set_terminal_public_sdk_param(&terminal), kLoginBadArgument);
+  EXPECT_STREQ(orb_login_ref_terminal_param().account, "account");
+}
+
+TEST_F(LoginTest, SendsTheThreeRequestsAndHandsTheAnswersBack) {
+  std::vector<LoopbackRequest> seen;  // written before the answer goes out
+  zelctl::LoopbackServer server(SOCK_STREAM, [&seen](int client) {
+    LoopbackRequest request;
+    ASSERT_TRUE(zelctl::ReadRequest(client, &request));
+    seen.push_back(request);
+    zelctl::SendAnswer(client, "200 OK", "",
+                       R"({"code":7,"fileId":"f","message":"m","value":-8,"text":"t","entries":[)"
+                       R"({"value":1,"text":"a","value8":1099511627776},{"value":"no"},5]})");
+  });
+  SetBase(server);
+  support::WriteWholeFile(m_dir.File("audit.txt"), "the content");
+  tagLOGIN_AUDIT_UPLOAD upload = {};
+  std::strcpy(upload.path, m_dir.File("audit.txt").c_str());
+  std::strcpy(upload.name, "task.txt");
+  upload.user = &Answers::Instance().mark;
+  EXPECT_EQ(Ask(upload), "7 f m");
+  EXPECT_EQ(seen[0].target, "/audit/files");
+  EXPECT_NE(seen[0].body.find("filename=\"task.txt\""), std::string::npos);
+  EXPECT_NE(seen[0].body.find("the content"), std::string::npos);
+
+  EXPECT_EQ(Ask(tagLOGIN_AUDIT_REPORT{4000000000U, 1, "done \"1\"", upload.user}),
+            "4000000000 -8 t");
+  Json::Value body;
+  ASSERT_TRUE(Json::Reader().parse(seen[1].body, body));
+  EXPECT_EQ(seen[1].target, "/audit/reports");
+  EXPECT_EQ(body["id"].asUInt(), 4000000000U);
+  EXPECT_EQ(body["text"].asString(), "done \"1\"");
+
+  tagLOGIN_AUDIT_QUERY query = {5, "which", upload.user};
+  EXPECT_EQ(orb_login_query_audit_task(&query), 0);
+  EXPECT_EQ(Answers::Instance().Await(), "5 1a1099511627776 00");
+  EXPECT_EQ(seen[2].target, "/audit/queries");
+}
+
+TEST_F(LoginTest, AServerThatDoesNotBehaveCostsACode) {
+  struct Case {
+    std::function<void(int client)> answer;
+    int code;
+  };
+  const auto answer = [](const char* status, const std::string& body) {
+    return [=](int client) { zelctl::SendAnswer(client, status, "", body); };
+  };
+  for (const Case& c :
+       {Case{answer("500 Broken", "{}"), kAuditRefused},
+        Case{answer("302 Found", "{}"), kAuditRefused},
+        Case{answer("200 OK", "["), kAuditBadAnswer},
+        Case{answer("200 OK", "[1]"), kAuditBadAnswer},
+        Case{answer("200 OK", std::string(5000, '[')), kAuditBadAnswer},
+        Case{answer("200 OK", R"({"value":0,"text":")" + std::string(100000, 'x') + "\"}"),
+             kAuditBadAnswer},
+        Case{[](int client) {
+               zelctl::SendAll(client, "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{");
+             },
+             kAuditNoAnswer},
+        Case{[](int client) { zelctl::SendAll(client, "nonsense\r\n\r\n"); }, kAuditNoAnswer},
+        Case{[](int client) {
+               LoopbackRequest more;  // silent until the other side gives up
+               (void)zelctl::ReadRequest(client, &more);
+             },
+             kAuditNoAnswer}}) {
+    zelctl::LoopbackServer server(SOCK_STREAM, [&c](int client) {
+      LoopbackRequest request;
+      if (zelctl::ReadRequest(client, &request)) c.answer(client);
+    });
+    SetBase(server);
+    EXPECT_EQ(Ask(tagLOGIN_AUDIT_REPORT{1, 0, "", &Answers::Instance().mark}),
+              "1 " + std::to_string(c.code) + " ");
+  }
+  SetBase("http://127.0.0.1:1");
+  for (const char* path : {"/no/such/file", "/dev/zero", "/tmp"}) {
+    tagLOGIN_AUDIT_UPLOAD upload = {};
+    std::strcpy(upload.path, path);
+    upload.user = &Answers::Instance().mark;
+    EXPECT_EQ(Ask(upload), std::to_string(kAuditFile) + "  ") << path;
+  }
+}
+
+}  // namespace
