@@ -4,7 +4,7 @@
 #include <threads.h>
 #include <time.h>
 
-#include "publicInc/CommonUtilEntry.h"
+#include <zel_utils/publicInc/CommonUtilEntry.h>
 
 static const char kRequest[] = "{\"cmd\": 11, \"sno\": 1, \"description\": \"hello\"}";
 enum { kPolls = 5000, kPollNs = 1000000 }; /* 5 s in all */
