@@ -14,6 +14,7 @@
 #include "Loopback.h"
 #include "Options.h"
 #include "Session.h"
+#include "Subcommands.h"
 #include "Text.h"
 
 namespace {
@@ -62,12 +63,15 @@ bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
 }
 
 int Run(int argc, const char* const* argv) {
+  HandleSignals();
+  if (const auto succeeded = zelctl::RunSubcommand(argc, argv, g_interrupted)) {
+    return *succeeded ? kExitAnswered : kExitFailed;
+  }
   const zelctl::Options options = zelctl::ParseOptions(argc, argv);
   if (options.help) {
-    std::cout << zelctl::UsageText() << std::flush;
+    std::cout << zelctl::UsageText() << zelctl::SubcommandUsage() << std::flush;
     return std::cout ? kExitAnswered : kExitFailed;
   }
-  HandleSignals();
   zelctl::LineReader input(options.input);
   const zelctl::DataDirectory data(options.dataDirectory);
   std::unique_ptr<zelctl::Loopback> loopback;

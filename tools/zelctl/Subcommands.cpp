@@ -1,0 +1,65 @@
+#include "Subcommands.h"
+
+#include <cstddef>
+
+#include "LogsCommand.h"
+#include "Options.h"
+#include "Text.h"
+
+namespace zelctl {
+namespace {
+
+constexpr Subcommand kSubcommands[] = {
+    {"logs clean", CleanLogs,
+     "  zelctl logs clean DIR --days N        remove what was last written more than N days ago\n"
+     "                                        (3 to 30 count as given, less as 3, more as 30)\n"},
+    {"logs watch", WatchLogs,
+     "  zelctl logs watch DIR [--seconds N]   print new lines of DIR's module logs\n"},
+};
+
+std::vector<std::string> WordsOf(const std::string& name) {
+  std::vector<std::string> words;
+  std::size_t begin = 0;
+  for (std::size_t blank; (blank = name.find(' ', begin)) != std::string::npos; begin = blank + 1) {
+    words.push_back(name.substr(begin, blank - begin));
+  }
+  words.push_back(name.substr(begin));
+  return words;
+}
+
+// How many of `words` the arguments begin with.
+std::size_t Matching(const std::vector<std::string>& words,
+                     const std::vector<std::string>& arguments) {
+  std::size_t count = 0;
+  while (count < words.size() && count < arguments.size() && words[count] == arguments[count]) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+std::optional<bool> RunSubcommand(int argc, const char* const* argv,
+                                  const std::atomic<bool>& interrupted) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  bool hasBeginning = false;
+  for (const Subcommand& subcommand : kSubcommands) {
+    const std::vector<std::string> words = WordsOf(subcommand.name);
+    const std::size_t matching = Matching(words, arguments);
+    if (matching == words.size()) {
+      const auto rest = arguments.begin() + static_cast<std::ptrdiff_t>(matching);
+      return subcommand.run({rest, arguments.end()}, interrupted);
+    }
+    hasBeginning = hasBeginning || matching > 0;
+  }
+  if (!hasBeginning) return std::nullopt;
+  throw UsageError(Quoted(arguments[0]) + " needs the word for what to do; see zelctl --help");
+}
+
+std::string SubcommandUsage() {
+  std::string usage = "\nBeside playing requests:\n";
+  for (const Subcommand& subcommand : kSubcommands) usage += subcommand.usage;
+  return usage;
+}
+
+}  // namespace zelctl
