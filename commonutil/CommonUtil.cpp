@@ -56,4 +56,8 @@ void CommonUtil::SetDeviceGuid(const char* guid) {
 
 std::string CommonUtil::GetDBPath() { return CommonUtilManager::GetInstance().GetDBPath(); }
 
+tagSDKERR CommonUtil::GetGlobalErrorCode(int code) {
+  return ZelGlobalErrorCode::GetGlobalErrorCode(code);
+}
+
 }  // namespace commonutil

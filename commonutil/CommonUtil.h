@@ -9,6 +9,7 @@
 
 #include "publicInc/CommonUtilCallbacks.h"
 #include "publicInc/CommonUtilData.h"
+#include "publicInc/CommonUtilGlobalErrorCode.h"
 #include "publicInc/CommonUtilTrackData.h"
 #include "publicInc/ZelExport.h"
 #include "zel_platform/logger.h"
@@ -40,6 +41,9 @@ class ZEL_API CommonUtil {
   void SetDeviceGuid(const char* guid);
   // As given at initialisation; empty before.
   std::string GetDBPath();
+
+  // The global error code that stands for a library's code; see ZelGlobalErrorCode.
+  tagSDKERR GetGlobalErrorCode(int code);
 
   // --- Proxy ------------------------------------------------------------------
 

@@ -36,6 +36,20 @@ struct tagZelUtilProxyInfo {
   char password[128];
 };
 
+// What the conference terminal reports of itself. The first four are also kept by conference
+// control: uuid and account up to 128 characters there, the two addresses up to 127.
+struct tagZelUtilPublicSdkParam {
+  char uuid[256];
+  char account[256];
+  char gantryIp[256];
+  char sbcIp[256];
+  char further[6][256];  // for the tracking library only
+};
+
+struct tagZelUtilsSmartRoomParam {
+  char room[32];
+};
+
 // What the user of the facade is told without asking. Calls come on the threads of the
 // events, and must not call the facade's initialisation.
 class GlobalCallback {
