@@ -34,6 +34,7 @@ void BenchMessage();
 void BenchQueue();
 void BenchRing();
 void BenchWorker();
+void BenchCache();
 void BenchStart();
 // A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
 int StartChild(const std::string& dir);

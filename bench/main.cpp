@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
   bench::BenchQueue();
   bench::BenchRing();
   bench::BenchWorker();
+  bench::BenchCache();
   bench::BenchStart();
   return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "ConfigCommand.h"
 #include "LogsCommand.h"
 #include "Options.h"
 #include "Text.h"
@@ -10,6 +11,8 @@ namespace zelctl {
 namespace {
 
 constexpr Subcommand kSubcommands[] = {
+    {"config", ShowConfig,
+     "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"},
     {"logs clean", CleanLogs,
      "  zelctl logs clean DIR --days N        remove what was last written more than N days ago\n"
      "                                        (3 to 30 count as given, less as 3, more as 30)\n"},
