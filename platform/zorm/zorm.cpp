@@ -1,5 +1,6 @@
 #include "zel_platform/zorm.h"
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <deque>
@@ -8,6 +9,7 @@
 
 #include "zorm/zorm_cipher.h"
 #include "zorm/zorm_ref.h"
+#include "zorm/zorm_started.h"
 #include "zorm/zorm_store.h"
 
 namespace {
@@ -88,6 +90,8 @@ class KeyService {
   std::deque<ZormCall> m_calls;
 };
 
+std::atomic<void (*)()> g_onStarted{nullptr};
+
 int TakeCode(std::deque<int>* codes) {
   if (codes->empty()) return kOk;
   const int code = codes->front();
@@ -114,7 +118,10 @@ int KeyService::Recorded(const char* function, Body&& body) noexcept {
 }
 
 int KeyService::Start(const char* logFile, const char* storeFile, const char* backupFile) {
-  return Recorded("start", [&] { return StartLocked(logFile, storeFile, backupFile); });
+  const int code = Recorded("start", [&] { return StartLocked(logFile, storeFile, backupFile); });
+  const auto onStarted = g_onStarted.load();
+  if (code == kOk && onStarted != nullptr) onStarted();
+  return code;
 }
 
 int KeyService::StartLocked(const char* logFile, const char* storeFile, const char* backupFile) {
@@ -225,6 +232,8 @@ int orb_zorm_decrypt(const unsigned char* cipher, unsigned int cipherLength, uns
                      unsigned int* plainLength) {
   return KeyService::Instance().Decrypt(cipher, cipherLength, plain, plainLength);
 }
+
+void orb_zorm_on_started(void (*onStarted)()) { g_onStarted.store(onStarted); }
 
 void zorm_ref_set_start_codes(const std::vector<int>& codes) {
   KeyService::Instance().SetStartCodes(codes);
