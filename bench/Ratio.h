@@ -36,6 +36,7 @@ void BenchRing();
 void BenchWorker();
 void BenchCache();
 void BenchStart();
+void BenchTrack();
 // A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
 int StartChild(const std::string& dir);
 

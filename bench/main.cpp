@@ -12,5 +12,6 @@ int main(int argc, char** argv) {
   bench::BenchWorker();
   bench::BenchCache();
   bench::BenchStart();
+  bench::BenchTrack();
   return 0;
 }

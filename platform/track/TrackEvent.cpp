@@ -141,9 +141,10 @@ std::string ValidUtf8(const std::string& text) {
 std::string TrackSessionText(const TrackSession& session) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
-  for (const unsigned char byte : session) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
+  for (std::size_t i = 0; i < session.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += kDigits[session[i] >> 4];
+    text += kDigits[session[i] & 15];
   }
   return text;
 }

@@ -66,7 +66,8 @@ constexpr TrackField operator+(TrackField first, std::size_t step) {
 constexpr std::size_t kLongestTrackRecord = 256 * 1024;
 
 using TrackSession = std::array<unsigned char, 16>;
-std::string TrackSessionText(const TrackSession& session);  // 32 hex digits
+constexpr std::size_t kTrackSessionLength = 36;
+std::string TrackSessionText(const TrackSession& session);  // as a UUID is written
 
 // Fields on their way into a record. Not thread-safe.
 class TrackFields {

@@ -1,10 +1,7 @@
 #include "track/TrackSpool.h"
 
 #include <dirent.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,187 +9,21 @@
 #include <memory>
 #include <utility>
 
-#include <openssl/hmac.h>
-
 #include "zel_platform/crypto.h"
 
 namespace {
 
 constexpr char kLockName[] = "lock";
 constexpr char kPositionName[] = "position";
-constexpr char kFileSuffix[] = ".spool";
-constexpr mode_t kFileMode = 0600;
-constexpr std::size_t kNumberDigits = 16;
-constexpr std::size_t kSaltDigits = 32;
-constexpr std::size_t kLengthBytes = 4;
-constexpr std::size_t kFrameHeadBytes = 2 * kLengthBytes;
-constexpr std::size_t kTagBytes = 16;
-constexpr std::size_t kNonceBytes = 12;
-constexpr std::uint32_t kLengthCheck = 0x7a54726bU;
 constexpr std::int64_t kLongestFileMs = std::int64_t{24} * 3600 * 1000;
 constexpr std::size_t kMostFiles = 1000;  // each start may leave one
 constexpr std::size_t kPositionCapacity = 128;
-
-static_assert(TrackSpool::kOverheadBytes == kFrameHeadBytes + kTagBytes);
-
-template <class Call>
-auto Retried(Call call) {
-  auto result = call();
-  while (result == -1 && errno == EINTR) result = call();
-  return result;
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_descriptor >= 0) (void)::close(m_descriptor);
-  }
-  int Get() const { return m_descriptor; }
-
- private:
-  const int m_descriptor;
-};
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { (void)::closedir(directory); }
 };
 
-std::uint32_t CheckOf(std::uint32_t length) { return (length ^ kLengthCheck) * 2654435761U; }
-
-void PutNumber(std::uint32_t number, unsigned char* out) {
-  for (std::size_t i = 0; i < kLengthBytes; ++i)
-    out[i] = static_cast<unsigned char>(number >> (8 * i));
-}
-
-std::uint32_t NumberAt(std::string_view bytes, std::size_t offset) {
-  std::uint32_t number = 0;
-  for (std::size_t i = kLengthBytes; i > 0; --i) {
-    number = number << 8 | static_cast<unsigned char>(bytes[offset + i - 1]);
-  }
-  return number;
-}
-
-// Steps `*offset` to the next frame and returns the size of it, 0 when there is none. Behind a
-// damaged head the next one that makes sense is searched for.
-std::size_t FindFrame(std::string_view bytes, std::size_t* offset) {
-  for (; bytes.size() - *offset >= kFrameHeadBytes; ++*offset) {
-    const std::uint32_t length = NumberAt(bytes, *offset);
-    if (NumberAt(bytes, *offset + kLengthBytes) != CheckOf(length)) continue;
-    const std::size_t size = kFrameHeadBytes + length + kTagBytes;
-    if (size <= bytes.size() - *offset) return size;
-  }
-  return 0;
-}
-
-// The bytes [begin, end) of a file, fewer when it is shorter. 0 or the errno of what failed.
-int ReadBytes(const std::string& path, std::uint64_t begin, std::uint64_t end, std::string* bytes) {
-  const Descriptor file(
-      Retried([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
-  if (file.Get() < 0) return errno;
-  bytes->resize(end - begin);
-  std::size_t length = 0;
-  while (length < bytes->size()) {
-    const ssize_t got = Retried([&] {
-      return ::pread(file.Get(), bytes->data() + length, bytes->size() - length,
-                     static_cast<off_t>(begin + length));
-    });
-    if (got < 0) return errno;
-    if (got == 0) break;
-    length += static_cast<std::size_t>(got);
-  }
-  bytes->resize(length);
-  return 0;
-}
-
-std::string Hex(const unsigned char* bytes, std::size_t length) {
-  std::string text(2 * length + 1, '\0');
-  (void)orb_cvt_hex(bytes, static_cast<unsigned int>(length), text.data(),
-                    static_cast<unsigned int>(text.size()));  // room for all of it
-  text.pop_back();
-  return text;
-}
-
-// "<number>-<salt>.spool"
-std::string NameOf(std::uint64_t number, const TrackFileCipher::Salt& salt) {
-  char digits[kNumberDigits + 1] = "";
-  (void)::snprintf(digits, sizeof(digits), "%016llx", static_cast<unsigned long long>(number));
-  return std::string(digits) + "-" + Hex(salt.data(), salt.size()) + kFileSuffix;
-}
-
-bool ReadName(const std::string& name, std::uint64_t* number, TrackFileCipher::Salt* salt) {
-  if (name.size() != kNumberDigits + 1 + kSaltDigits + strlen(kFileSuffix)) return false;
-  unsigned char bytes[kNumberDigits / 2];
-  if (orb_cvt_bin(name.data(), kNumberDigits, bytes, sizeof(bytes)) != 0 ||
-      orb_cvt_bin(name.data() + kNumberDigits + 1, kSaltDigits, salt->data(),
-                  static_cast<unsigned int>(salt->size())) != 0) {
-    return false;
-  }
-  *number = 0;
-  for (const unsigned char byte : bytes) *number = *number << 8 | byte;
-  return name == NameOf(*number, *salt);
-}
-
-void NonceOf(std::uint64_t offset, unsigned char* nonce) {
-  ::memset(nonce, 0, kNonceBytes);
-  for (std::size_t i = 0; i < sizeof(offset); ++i) {
-    nonce[i] = static_cast<unsigned char>(offset >> (8 * i));
-  }
-}
-
 }  // namespace
-
-bool TrackFileCipher::Start(const TrackKey& key, std::uint64_t file, const Salt& salt) {
-  const OpenSslScope scope;
-  const std::string name = NameOf(file, salt);
-  unsigned int length = 0;
-  if (::HMAC(::EVP_sha256(), key.data(), static_cast<int>(key.size()),
-             reinterpret_cast<const unsigned char*>(name.data()), name.size(), m_key.data(),
-             &length) == nullptr) {
-    return false;
-  }
-  m_sealing.reset(::EVP_CIPHER_CTX_new());
-  m_unsealing.reset(::EVP_CIPHER_CTX_new());
-  return m_sealing && m_unsealing &&
-         ::EVP_EncryptInit_ex(m_sealing.get(), ::EVP_aes_256_gcm(), nullptr, m_key.data(),
-                              nullptr) == 1 &&
-         ::EVP_DecryptInit_ex(m_unsealing.get(), ::EVP_aes_256_gcm(), nullptr, m_key.data(),
-                              nullptr) == 1;
-}
-
-bool TrackFileCipher::Seal(std::uint64_t offset, std::string_view plain, unsigned char* out) {
-  const OpenSslScope scope;
-  unsigned char nonce[kNonceBytes];
-  NonceOf(offset, nonce);
-  int written = 0;
-  return ::EVP_EncryptInit_ex(m_sealing.get(), nullptr, nullptr, nullptr, nonce) == 1 &&
-         ::EVP_EncryptUpdate(m_sealing.get(), out, &written,
-                             reinterpret_cast<const unsigned char*>(plain.data()),
-                             static_cast<int>(plain.size())) == 1 &&
-         ::EVP_EncryptFinal_ex(m_sealing.get(), out + written, &written) == 1 &&
-         ::EVP_CIPHER_CTX_ctrl(m_sealing.get(), EVP_CTRL_AEAD_GET_TAG, kTagBytes,
-                               out + plain.size()) == 1;
-}
-
-bool TrackFileCipher::Unseal(std::uint64_t offset, std::string_view sealed, std::string* plain) {
-  const OpenSslScope scope;
-  unsigned char nonce[kNonceBytes];
-  NonceOf(offset, nonce);
-  const std::size_t length = sealed.size() - kTagBytes;
-  unsigned char tag[kTagBytes];  // the interface of the tag takes no constant
-  ::memcpy(tag, sealed.data() + length, sizeof(tag));
-  plain->resize(length);
-  auto* const out = reinterpret_cast<unsigned char*>(plain->data());
-  int written = 0;
-  return ::EVP_DecryptInit_ex(m_unsealing.get(), nullptr, nullptr, nullptr, nonce) == 1 &&
-         ::EVP_DecryptUpdate(m_unsealing.get(), out, &written,
-                             reinterpret_cast<const unsigned char*>(sealed.data()),
-                             static_cast<int>(length)) == 1 &&
-         ::EVP_CIPHER_CTX_ctrl(m_unsealing.get(), EVP_CTRL_AEAD_SET_TAG, kTagBytes, tag) == 1 &&
-         ::EVP_DecryptFinal_ex(m_unsealing.get(), out + written, &written) == 1;
-}
 
 TrackSpool::TrackSpool(std::string directory, const TrackKey& key, const TrackLimits& limits)
     : m_directory(std::move(directory)), m_key(key), m_limits(limits) {}
@@ -235,7 +66,7 @@ bool TrackSpool::ScanLocked() {
   if (!directory) return false;
   while (const dirent* const entry = ::readdir(directory.get())) {
     File file = {};
-    if (!ReadName(entry->d_name, &file.number, &file.salt)) continue;
+    if (!ReadTrackFileName(entry->d_name, &file.number, &file.salt)) continue;
     file.path = m_directory + entry->d_name;
     if (ScanFileLocked(&file)) m_files.push_back(std::move(file));
   }
@@ -259,9 +90,9 @@ bool TrackSpool::ScanFileLocked(File* file) {
   const auto size = std::min<std::uint64_t>(static_cast<std::uint64_t>(found.st_size),
                                             m_limits.bytes + m_limits.fileBytes);
   std::string bytes;
-  if (ReadBytes(file->path, 0, size, &bytes) != 0) return false;
+  if (ReadTrackFile(file->path, 0, size, &bytes) != 0) return false;
   std::size_t offset = 0;
-  while (const std::size_t frame = FindFrame(bytes, &offset)) {
+  while (const std::size_t frame = FindTrackFrame(bytes, &offset)) {
     offset += frame;
     file->bytes = offset;
     ++file->records;
@@ -271,7 +102,7 @@ bool TrackSpool::ScanFileLocked(File* file) {
 
 bool TrackSpool::Append(std::string_view record, std::int64_t nowMs, std::uint64_t* pending) {
   const std::lock_guard<std::mutex> hold(m_lock);
-  const std::uint64_t size = record.size() + kOverheadBytes;
+  const std::uint64_t size = record.size() + kTrackFrameOverhead;
   if (size > m_limits.bytes || record.size() > INT32_MAX) return false;
   MakeRoomLocked(size, nowMs);
   if (m_descriptor >= 0 && (m_files.back().bytes + size > m_limits.fileBytes ||
@@ -303,12 +134,9 @@ bool TrackSpool::BeginFileLocked(std::int64_t nowMs) {
       !m_cipher.Start(m_key, file.number, file.salt)) {
     return false;
   }
-  file.path = m_directory + NameOf(file.number, file.salt);
+  file.path = m_directory + TrackFileName(file.number, file.salt);
   file.firstMs = file.lastMs = nowMs;
-  const int descriptor = Retried([&] {
-    return ::open(file.path.c_str(),
-                  O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-  });
+  const int descriptor = MakeTrackFile(file.path);
   if (descriptor < 0) return false;
   m_files.push_back(std::move(file));
   m_descriptor = descriptor;
@@ -323,14 +151,10 @@ void TrackSpool::EndFileLocked() {
 // After a write that failed the file takes no more: its place would be written twice.
 bool TrackSpool::WriteLocked(std::string_view record) {
   File& file = m_files.back();
-  const std::size_t size = record.size() + kOverheadBytes;
+  const std::size_t size = record.size() + kTrackFrameOverhead;
   if (m_frame.size() < size) m_frame.resize(size);
-  const auto length = static_cast<std::uint32_t>(record.size());
-  PutNumber(length, m_frame.data());
-  PutNumber(CheckOf(length), m_frame.data() + kLengthBytes);
-  if (!m_cipher.Seal(file.bytes, record, m_frame.data() + kFrameHeadBytes)) return false;
-  const ssize_t written = Retried([&] { return ::write(m_descriptor, m_frame.data(), size); });
-  if (written == static_cast<ssize_t>(size)) {
+  if (!m_cipher.Seal(file.bytes, record, m_frame.data())) return false;
+  if (AppendToTrackFile(m_descriptor, m_frame.data(), size)) {
     file.bytes += size;
     ++file.records;
     m_bytes += size;
@@ -420,46 +244,3 @@ bool TrackSpool::FindFile(TrackPosition* position, File* file) const {
   }
   return false;
 }
-
-TrackReader::TrackReader(const TrackSpool& spool)
-    : m_spool(spool), m_position(spool.AcceptedPosition()) {
-  const std::lock_guard<std::mutex> hold(spool.m_lock);
-  if (!spool.m_files.empty()) m_end = {spool.m_files.back().number, spool.m_files.back().bytes, 0};
-}
-
-bool TrackReader::LoadFile() {
-  for (TrackSpool::File file; m_spool.FindFile(&m_position, &file);) {
-    if (file.number > m_end.file) return false;
-    const std::uint64_t end = file.number == m_end.file ? m_end.offset : file.bytes;
-    if (end <= m_position.offset) return false;
-    const int error = ReadBytes(file.path, m_position.offset, end, &m_bytes);
-    m_begin = m_position.offset;
-    if (error == 0) return m_cipher.Start(m_spool.m_key, file.number, file.salt);
-    if (error != ENOENT) return false;     // it may be readable later
-    m_position = {file.number + 1, 0, 0};  // it made room meanwhile
-  }
-  return false;
-}
-
-bool TrackReader::Next(std::string* record) {
-  for (;;) {
-    m_loaded = m_loaded || LoadFile();
-    if (!m_loaded) return false;
-    std::size_t offset = m_position.offset - m_begin;
-    const std::size_t size = FindFrame(m_bytes, &offset);
-    if (size == 0) {
-      if (m_position.file >= m_end.file) return false;  // that file may still grow
-      m_position = {m_position.file + 1, 0, 0};
-      m_loaded = false;
-      continue;
-    }
-    const std::uint64_t place = m_begin + offset;
-    m_position = {m_position.file, place + size, m_position.record + 1};
-    const std::string_view sealed(m_bytes.data() + offset + kFrameHeadBytes,
-                                  size - kFrameHeadBytes);
-    if (m_cipher.Unseal(place, sealed, record)) return true;
-    ++m_damaged;
-  }
-}
-
-std::uint64_t TrackReader::TakeDamaged() { return std::exchange(m_damaged, 0); }

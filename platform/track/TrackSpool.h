@@ -10,7 +10,6 @@
 // directory.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -19,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "track/TrackFile.h"
 #include "track/TrackKey.h"
 #include "zorm/zorm_file.h"
 
@@ -36,28 +36,8 @@ struct TrackPosition {
   std::uint64_t record = 0;
 };
 
-// Encrypts the records of one file, with a key derived from the spool's and the file's name.
-// Not thread-safe.
-class TrackFileCipher {
- public:
-  using Salt = std::array<unsigned char, 16>;
-
-  [[nodiscard]] bool Start(const TrackKey& key, std::uint64_t file, const Salt& salt);
-  // The record's place in its file is the nonce: no place of a file is ever written twice.
-  [[nodiscard]] bool Seal(std::uint64_t offset, std::string_view plain, unsigned char* out);
-  [[nodiscard]] bool Unseal(std::uint64_t offset, std::string_view sealed, std::string* plain);
-
- private:
-  TrackKey m_key;
-  CipherCtx m_sealing;
-  CipherCtx m_unsealing;
-};
-
 class TrackSpool {
  public:
-  // What a record takes beside its own bytes.
-  static constexpr std::size_t kOverheadBytes = 8 + 16;
-
   TrackSpool(std::string directory, const TrackKey& key, const TrackLimits& limits);
   TrackSpool(const TrackSpool&) = delete;
   TrackSpool& operator=(const TrackSpool&) = delete;
@@ -90,7 +70,7 @@ class TrackSpool {
 
   struct File {
     std::uint64_t number;
-    TrackFileCipher::Salt salt;
+    TrackSalt salt;
     std::string path;
     std::uint64_t bytes;    // up to the end of the last whole record
     std::uint64_t records;  // accepted ones too

@@ -8,12 +8,13 @@
 #include <thread>
 #include <utility>
 
+#include "track/TrackEvent.h"
+
 namespace {
 
 constexpr char kThreadName[] = "zel_track_state";
 constexpr char kStateKey[] = "zel_track_state";
 constexpr std::chrono::seconds kInterval(60);
-constexpr std::size_t kSessionDigits = 32;
 
 // What the cache functions take arrays of; see setAddCacheFun.
 struct CacheRecord {
@@ -23,11 +24,11 @@ struct CacheRecord {
 };
 
 bool ReadMark(const std::string& text, TrackMark* mark) {
-  char session[kSessionDigits + 1] = "";
+  char session[kTrackSessionLength + 1] = "";
   unsigned long long sequence = 0;
-  if (std::sscanf(text.c_str(), "%32[0-9a-f] %llu", session, &sequence) != 2) return false;
+  if (std::sscanf(text.c_str(), "%36[0-9a-f-] %llu", session, &sequence) != 2) return false;
   *mark = {session, sequence};
-  return mark->session.size() == kSessionDigits;
+  return mark->session.size() == kTrackSessionLength;
 }
 
 bool Load(const TrackCacheFunctions& functions, TrackMark* mark) {

@@ -19,7 +19,7 @@ struct TrackCacheFunctions {
 
 // A session and the sequence number that it had reached.
 struct TrackMark {
-  std::string session;  // 32 hex digits
+  std::string session;  // as TrackSessionText gives it
   std::uint64_t sequence = 0;
 };
 

@@ -106,7 +106,7 @@ TEST_F(TrackSpoolTest, KeepsEveryWholeRecordOfAFileThatIsCutAtAnyByte) {
   const std::string whole = support::ReadWholeFile(file);
   std::vector<std::size_t> ends;
   for (const std::string& record : kThree) {
-    ends.push_back((ends.empty() ? 0 : ends.back()) + record.size() + TrackSpool::kOverheadBytes);
+    ends.push_back((ends.empty() ? 0 : ends.back()) + record.size() + kTrackFrameOverhead);
   }
   ASSERT_EQ(ends.back(), whole.size());
   for (std::size_t cut = 0; cut <= whole.size(); ++cut) {
@@ -129,8 +129,8 @@ TEST_F(TrackSpoolTest, LosesOneRecordAtMostToADamagedByte) {
   m_spool.reset();
   const std::string file = Files().at(0);
   const std::string whole = support::ReadWholeFile(file);
-  const std::size_t firstEnd = kThree[0].size() + TrackSpool::kOverheadBytes;
-  const std::size_t secondEnd = firstEnd + kThree[1].size() + TrackSpool::kOverheadBytes;
+  const std::size_t firstEnd = kThree[0].size() + kTrackFrameOverhead;
+  const std::size_t secondEnd = firstEnd + kThree[1].size() + kTrackFrameOverhead;
   for (std::size_t i = 0; i < whole.size(); ++i) {
     std::string damaged = whole;
     damaged[i] = static_cast<char>(damaged[i] ^ 0x10);

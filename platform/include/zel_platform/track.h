@@ -1,10 +1,17 @@
 // User tracking: analytics events and their context, kept and uploaded by this library.
 //
-// Any thread may call any function, also before InitUnifiedTrack and after Track_Uninit
-// (the call then succeeds without effect). Records and texts are copied before the call
-// returns; text pointers of a record may be null. No lock is held while a registered
-// function is called, and cache functions are called from this library's own thread
-// only, never before the library that registered them has ended its initialisation.
+// Any thread may call any function, also before InitUnifiedTrack and after Track_Uninit:
+// events then succeed without effect, parameters and consent are kept. Records and texts
+// are copied before the call returns; text pointers of a record may be null. No lock is
+// held while a registered function is called, and cache functions are called from this
+// library's own thread only, never before the library that registered them has ended its
+// initialisation.
+//
+// An event is complete and stored when its call returns, with the time, the session, a
+// number that counts up within the session, and the parameters configured last. Functions
+// that add events return 0 when the event is kept or not wanted, and 1, with one log line,
+// when it was dropped: a null record, or more than 256 KB of texts. Bytes that are no
+// UTF-8 are kept as they came and replaced by U+FFFD in what leaves the library.
 #pragma once
 
 #include <cstdint>
@@ -41,23 +48,34 @@ static_assert(sizeof(UTContextRecord) == 608, "thirteen fixed texts");
 extern "C" {
 // Log level, size of one log file in KB, number of log files kept, log directory and
 // database directory. Opens the module log "native_sdk" in the log directory when no
-// module is open yet. Non-zero when a directory cannot be used.
+// module is open yet. Non-zero when a directory cannot be used; tracking then goes on
+// without it. While it runs already, only the log directory is taken.
 ZEL_PLATFORM_API int InitUnifiedTrack(int logLevel, int logSize, int fileCount, const char* logPath,
                                       const char* dbPath);
 // Ends tracking. Neither calls a cache function nor waits for a thread that may be in one.
+// Sends what waits, for two seconds at most; the rest is sent after the next start.
 ZEL_PLATFORM_API int Track_Uninit(void);
 ZEL_PLATFORM_API int Track_UpdateLogPath(int logLevel, int logSize, int fileCount,
                                          const char* path);
 
 ZEL_PLATFORM_API int Track_AddUserTrack(const UTEventRecord* record);
+// A timed event lasts from its start to its finish, which adds it with its duration. The
+// index is its first `length` bytes, or fewer up to a NUL; empty ones and more than 256
+// bytes are dropped, and so are starts beyond 256 events under way. Starting an index that
+// is under way drops the first start, with a log line, and returns 0. Finishing, or adding
+// to, an index that is not under way - never started, finished already - is dropped.
 ZEL_PLATFORM_API int Track_StartEvent(const char* index, unsigned long length);
 ZEL_PLATFORM_API int Track_FinishEvent(const char* index, const UTEventRecord* record,
                                        unsigned long length);
 ZEL_PLATFORM_API int Track_AddSubEvent(const char* index, const UTSubEventRecord* record,
                                        unsigned long length);
 ZEL_PLATFORM_API int Track_AddMediaTrack(const UTEventRecord* record, bool flag);
+// Asks for sending what waits, and returns at once.
 ZEL_PLATFORM_API int Track_UploadUserTrack(void);
-// `param` is the caller's whole record, `first` its first integer.
+// `param` is the caller's whole record, `first` its first integer: the user's consent. 0
+// withdraws it: nothing is stored or sent any more, what is stored is removed and what is
+// being timed forgotten. Any other value gives it. A process starts with consent given, so
+// a host whose user has not consented says so before it initialises, at every start.
 ZEL_PLATFORM_API int Track_ConfigCustomParam(int first, const void* param);
 ZEL_PLATFORM_API int Track_ConfigTanloContextPublicParam(const UTContextRecord* record);
 ZEL_PLATFORM_API int Track_ConfigPublicSdkParam(const UTPublicSdkRecord* record);
@@ -74,7 +92,10 @@ __attribute__((format(printf, 3, 4))) ZEL_PLATFORM_API void Track_AddTraceApiLog
 // Registers the receiver of this library's own error texts; null unregisters.
 ZEL_PLATFORM_API void SetErrTrackCallback(void (*onError)(const char* text));
 // Registers where this library keeps its own small state: `entries` and `out` are arrays
-// of the registering library's cache records, `*count` is capacity in and rows out.
+// of the registering library's cache records, `*count` is capacity in and rows out. A
+// cache record is a std::int32_t, the row's number or 0 for a new one, and two std::string,
+// key and value. The initialisation has ended with the first message of category 4 that is
+// counted after the registration.
 ZEL_PLATFORM_API void setAddCacheFun(int (*batchAdd)(const void* entries, int count),
                                      int (*query)(const char* key, void* out, int* count));
 __attribute__((format(printf, 5, 6))) ZEL_PLATFORM_API void IntelligentAnalyseDoStubToLog(

@@ -1,0 +1,167 @@
+#include <chrono>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "logger/logger_ref.h"
+#include "support/Collector.h"
+#include "support/TempDir.h"
+#include "track/OtlpTransport.h"
+#include "track/TrackUploader.h"
+#include "zel_platform/logger.h"
+
+namespace {
+
+using support::Collector;
+
+constexpr std::int64_t kNowMs = 1700000000123;
+constexpr std::chrono::seconds kDeadline(60);  // only a hang takes that long
+
+std::string RecordOf(const TrackFields& fields, std::uint64_t sequence = 1) {
+  std::string record;
+  AppendTrackHead({TrackKind::kUserTrack, kNowMs, sequence, {}}, &record);
+  return record + fields.Bytes();
+}
+
+std::string Encoded(const OtlpTransport& transport, const TrackFields& fields) {
+  const std::string record = RecordOf(fields);
+  TrackEvent event;
+  EXPECT_TRUE(ReadTrackEvent(record, &event));
+  return transport.Encode(event);
+}
+
+Json::Value Parsed(const std::string& text) {
+  Json::Value value;
+  std::string errors;
+  std::istringstream stream(text);
+  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors)) << errors;
+  return value;
+}
+
+std::string Answer(const std::string& status, const std::string& header = "") {
+  return "HTTP/1.1 " + status + " x\r\n" + header + "Content-Length: 0\r\n\r\n";
+}
+
+TEST(OtlpTest, PostsPackedLogRecordsToTheLogsPath) {
+  logger_ref_reset();
+  LogStream::AddSensitiveWord("s3cret");
+  for (const char* end : {"", "/", "//"}) {
+    Collector collector;
+    OtlpTransport transport(collector.Url() + end);
+    TrackFields fields;
+    fields.Text(TrackField::kEventId, "17")
+        .Text(TrackField::kArgs, "s3cret \xff \xe2\x82\xac")
+        .Number(TrackField::kParam, -5);
+    const std::string record = Encoded(transport, fields);
+    EXPECT_EQ(transport.Send({record, record}).outcome, TrackOutcome::kAccepted);
+    const Collector::Request request = collector.WaitForRequests(1).at(0);
+    EXPECT_EQ(request.head.rfind("POST /v1/logs HTTP/1.1\r\n", 0), 0U) << request.head;
+    EXPECT_NE(request.head.find("Content-Type: application/json"), std::string::npos);
+    const Json::Value scope = Parsed(request.body)["resourceLogs"][0]["scopeLogs"][0];
+    ASSERT_EQ(scope["logRecords"].size(), 2U);
+    const Json::Value& log = scope["logRecords"][1];
+    EXPECT_EQ(log["timeUnixNano"], "1700000000123000000");
+    EXPECT_EQ(log["body"]["stringValue"], "17");
+    const std::string text = Json::FastWriter().write(log["attributes"]);
+    EXPECT_NE(request.body.find("*** \xef\xbf\xbd \xe2\x82\xac"), std::string::npos);
+    EXPECT_NE(text.find(R"({"key":"param","value":{"intValue":"-5"}})"), std::string::npos);
+  }
+  logger_ref_reset();
+}
+
+TEST(OtlpTest, TellsWhatToRepeatFromWhatToGiveUp) {
+  constexpr std::int64_t kAny = -1;
+  const struct {
+    std::string answer;
+    TrackOutcome outcome;
+    std::int64_t retryAfterMs;
+  } cases[] = {
+      {Collector::kAccepted, TrackOutcome::kAccepted, 0},
+      {Answer("202"), TrackOutcome::kAccepted, 0},
+      {Answer("400"), TrackOutcome::kRefused, 0},
+      {Answer("404"), TrackOutcome::kRefused, 0},
+      {Answer("413"), TrackOutcome::kRefused, 0},
+      {Answer("500"), TrackOutcome::kRefused, 0},
+      {Answer("302", "Location: http://127.0.0.1:9/\r\n"), TrackOutcome::kRetry, 0},
+      {Answer("502"), TrackOutcome::kRetry, 0},
+      {Answer("503"), TrackOutcome::kRetry, 0},
+      {Answer("504", "Retry-After: 2\r\n"), TrackOutcome::kRetry, 2000},
+      {Answer("429", "Retry-After: 7\r\n"), TrackOutcome::kRetry, 7000},
+      {Answer("429", "Retry-After: Fri, 31 Dec 2199 23:59:59 GMT\r\n"), TrackOutcome::kRetry,
+       3600000},
+      {Answer("503", "Retry-After: 99999999999999999999\r\n"), TrackOutcome::kRetry, kAny},
+      {Answer("503", "Retry-After: -7\r\n"), TrackOutcome::kRetry, kAny},
+      {"", TrackOutcome::kRetry, 0},                                               // closed at once
+      {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{", TrackOutcome::kRetry, 0},  // half-way
+      {"nonsense", TrackOutcome::kRetry, 0},
+  };
+  for (const auto& each : cases) {
+    Collector collector({each.answer});
+    OtlpTransport transport(collector.Url());
+    const TrackAnswer answer = transport.Send({"{}"});
+    EXPECT_EQ(answer.outcome, each.outcome) << each.answer;
+    EXPECT_GE(answer.retryAfterMs, 0) << each.answer;
+    EXPECT_LE(answer.retryAfterMs, 3600000) << each.answer;
+    if (each.retryAfterMs != kAny) {
+      EXPECT_EQ(answer.retryAfterMs, each.retryAfterMs) << each.answer;
+    }
+    EXPECT_EQ(answer.reason.empty(), each.outcome == TrackOutcome::kAccepted) << each.answer;
+  }
+  OtlpTransport nobody("http://127.0.0.1:9");
+  EXPECT_EQ(nobody.Send({"{}"}).outcome, TrackOutcome::kRetry);
+}
+
+TEST(OtlpTest, LogsWhatACollectorDidNotUse) {
+  support::TempDir dir;
+  logger_ref_reset();
+  ASSERT_EQ(LogStream::InitLog("native_sdk", dir.File("log.txt").c_str(), 0, 0, 2), 0);
+  const auto send = [](const std::string& body) {
+    Collector collector(
+        {"HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body});
+    EXPECT_EQ(OtlpTransport(collector.Url()).Send({"{}"}).outcome, TrackOutcome::kAccepted);
+  };
+  for (const char* body :
+       {"{}", "[]", "{\"partialSuccess\":7}", "{\"partialSuccess\":{\"rejectedLogRecords\":\"0\"}}",
+        "{\"partialSuccess\":{\"rejectedLogRecords\":{}}}", "no JSON", ""}) {
+    send(body);
+  }
+  EXPECT_EQ(support::ReadWholeFile(dir.File("log.txt")), "");
+  send("{\"partialSuccess\":{\"rejectedLogRecords\":\"3\"}}");
+  EXPECT_NE(support::ReadWholeFile(dir.File("log.txt")).find("did not use 3 events"),
+            std::string::npos);
+  logger_ref_reset();
+}
+
+TEST(OtlpTest, KeepsWhatAHangingCollectorWasSentAndWaitsForItNoLongerThanAsked) {
+  support::TempDir dir;
+  const auto spool = std::make_shared<TrackSpool>(dir.Path() + "/", TrackKey(), TrackLimits());
+  ASSERT_TRUE(spool->Open(kNowMs));
+  TrackFields fields;
+  fields.Text(TrackField::kEventId, "kept");
+  ASSERT_TRUE(spool->Append(RecordOf(fields), kNowMs));
+  TrackUploadOptions options;
+  options.firstBackOff = options.longestWait = std::chrono::hours(1);
+  auto collector = std::make_unique<Collector>(std::deque<std::string>{Collector::kHang});
+  TrackUploader uploader(spool, std::make_shared<OtlpTransport>(collector->Url()), options);
+  uploader.Request();
+  (void)collector->WaitForRequests(1);
+  EXPECT_FALSE(uploader.Stop(std::chrono::milliseconds(1)));
+  collector.reset();
+  EXPECT_TRUE(uploader.Stop(kDeadline));
+  EXPECT_EQ(spool->Pending(), 1U);
+}
+
+TEST(OtlpTest, TakesWebAddressesOnly) {
+  for (const char* address : {"http://collector:4318", "https://collector/base"}) {
+    EXPECT_TRUE(OtlpTransport::Takes(address)) << address;
+  }
+  for (const char* address : {"", "collector:4318", "file:///etc/passwd", "grpc://collector"}) {
+    EXPECT_FALSE(OtlpTransport::Takes(address)) << address;
+  }
+}
+
+}  // namespace
