@@ -4,13 +4,13 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "publicInc/CommonUtilManager.h"
 #include "publicInc/ResultCode.h"
 #include "util/FixedText.h"
 #include "util/Log.h"
 #include "util/MsgMgr.h"
-#include "util/PublicUtil.h"
 #include "zel_platform/cache.h"
 #include "zel_platform/login.h"
 #include "zel_platform/securec.h"
@@ -112,10 +112,10 @@ CommonUtilPrivateManager& CommonUtilPrivateManager::getInst() {
 
 int CommonUtilPrivateManager::SingleAddConfigCache(const ZelConfigCache& row) {
   ZEL_LOG_DATA(kInfo) << "start, key = " << row.key;
-  const std::function<void()> command = [row] {
+  std::function<void()> command = [row] {
     SqliteInterfaceManager::GetInst().SingleAddConfigCache(row);
   };
-  MsgMainThreadMgrHandler::GetInst().PushCmd(command, kSingleAddName);
+  MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), kSingleAddName);
   return StoreInMemory(row);
 }
 
@@ -193,6 +193,10 @@ int CommonUtilPrivateManager::Base64DecodeThenDecrypt(const std::string& text, c
 
 std::string CommonUtilPrivateManager::Base64DecodeThenDecrypt(const std::string& text) {
   return PublicUtil::getEncryptUtilsInst().Base64DecodeThenDecrypt(text);
+}
+
+std::string CommonUtilPrivateManager::FilterWord(const std::string& text, FILTER_WORD_TYPE type) {
+  return PublicUtil::filterWord(text, type);
 }
 
 int CommonUtilPrivateManager::ConfigPublicSdkParam(const tagZelUtilPublicSdkParam& param) {

@@ -1,8 +1,9 @@
 // The config cache and a few small services for the SDK's other libraries.
 //
 // An entry is kept twice: in the platform's memory cache, under "db__" + its key, and in the
-// encrypted database, which the command worker alone works on. A text may hold any byte, NUL
-// included. Values are in clear in memory; at rest the database encrypts them.
+// encrypted database, which the command worker alone works on. In the database key and value end at
+// their first NUL byte, so that keys which differ behind one are one entry there. Values are in
+// clear in memory; at rest the database encrypts them.
 //
 // Any thread may call any operation; there is no state. What needs the worker blocks until it
 // has got round to it; once the worker is stopped the first such call throws
@@ -15,6 +16,7 @@
 #include "cacheDB/CommonUtilDBInterface.h"
 #include "publicInc/CommonUtilData.h"
 #include "publicInc/ZelExport.h"
+#include "util/PublicUtil.h"
 
 namespace commonutil {
 
@@ -76,6 +78,11 @@ class ZEL_API CommonUtilPrivateManager {
   int Base64DecodeThenDecrypt(const std::string& text, char* out, int outLength);
   // The empty text on any failure.
   std::string Base64DecodeThenDecrypt(const std::string& text);
+
+  // --- Masking ---------------------------------------------------------------
+
+  // As PublicUtil::filterWord.
+  std::string FilterWord(const std::string& text, FILTER_WORD_TYPE type);
 
   // --- Terminal --------------------------------------------------------------
 

@@ -253,6 +253,28 @@ class Interactive(ZelctlTest):
             self.assertEqual(console.wait(DEADLINE), 1)
 
 
+class Config(ZelctlTest):
+    def test_settings_are_shown_as_the_library_reads_them(self):
+        (self.folder / "config.txt").write_bytes(b"b=2 \nno sign\na=1=1\nb=3\nempty=")
+        result = self.run_console("config", self.folder)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertEqual(result.stdout, b"a=1=1\nb=2 \nempty=\n")
+        self.assertEqual(self.run_console("config", self.folder, "a").stdout, b"1=1\n")
+        self.assertEqual(self.run_console("config", self.folder, "empty").returncode, 0)
+        result = self.run_console("config", self.folder, "c")
+        self.assertEqual((result.returncode, result.stdout), (1, b""))
+        self.assert_diagnostic(result, "no setting", '"c"')
+
+    def test_a_missing_file_is_made_and_anything_but_a_directory_refused(self):
+        result = self.run_console("config", self.folder)
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+        self.assertEqual(os.listdir(self.folder), ["config.txt"])
+        for arguments in [[], [""], ["missing"], ["config.txt"], [self.folder, "a", "b"]]:
+            result = self.run_console("config", *arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+            self.assert_diagnostic(result, "config needs")
+
+
 class Usage(ZelctlTest):
     def refused(self, *arguments):
         result = self.run_console(*arguments)

@@ -101,6 +101,22 @@ TEST_F(MemoryCacheTest, ThreadsFindOnlyValuesOfTheirKeyAndAReadValueOutlivesItsR
   EXPECT_EQ(wrong, 0);
 }
 
+TEST_F(MemoryCacheTest, WhatOneThreadStoresOrRemovesEveryOtherSees) {
+  for (const char* text : {"first", "second"}) {
+    ASSERT_EQ(m_cache.Put("key", Text(text)), 0);
+    RunTogether(9, [&](int) {
+      Value found;
+      EXPECT_EQ(m_cache.Get("key", found), 0);
+      EXPECT_EQ(*found, text);
+    });
+  }
+  ASSERT_EQ(m_cache.Remove("key"), 0);
+  RunTogether(9, [&](int) {
+    Value found;
+    EXPECT_NE(m_cache.Get("key", found), 0);
+  });
+}
+
 TEST(ConfigTest, AnUnsetNumberIsTheDefaultAndASetOneIsItsValueAlsoWhenZero) {
   orb_config_ref_clear();
   EXPECT_EQ(OrbGetGlobalInt32CfgWithDefVal(69, -5), -5);
