@@ -12,6 +12,7 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include "CommonUtil.h"
 #include "Text.h"
 #include "publicInc/CommonUtilEntry.h"
 
@@ -126,6 +127,8 @@ void Session::Finish() {
   // A shut-down would wait for the stuck thread without end.
   if (!m_closeAnswered) return Fail("the service no longer answers, it is left running");
   CommonUtilServiceShutDown();
+  // Delivers the tracking events that still wait.
+  (void)commonutil::CommonUtil::getInst().UninitCommonUtil();
 }
 
 // A full ring is no failure yet, the service thread is emptying it.
