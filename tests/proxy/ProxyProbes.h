@@ -7,8 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "CommonUtil.h"
-#include "publicInc/CommonUtilManager.h"
+#include "proxy/ProxyRecorder.h"
 #include "support/PlatformDouble.h"
 #include "zel_platform/http.h"
 
@@ -61,39 +60,6 @@ class ProxyProbes {
   std::condition_variable m_changed;
   std::map<Kind, std::vector<Result>> m_results;
   int m_begun = 0;
-};
-
-// Collects proxies, as a receiver of one result and as the facade's user.
-class ProxyRecorder : public commonutil::GetProxyCompletedCallback,
-                      public commonutil::GlobalCallback {
- public:
-  ~ProxyRecorder() override {
-    commonutil::CommonUtilManager::GetInstance().ForgetGlobalCallback(this);
-  }
-  void onResult(const commonutil::ProxyInfo& proxy) override { Add(proxy); }
-  void onUsingProxyChange(const commonutil::ProxyInfo& proxy) override { Add(proxy); }
-
-  // The servers of the first `count` proxies, which it waits for.
-  std::vector<std::string> Await(std::size_t count) {
-    std::unique_lock<std::mutex> hold(m_lock);
-    m_changed.wait(hold, [&] { return m_servers.size() >= count; });
-    return m_servers;
-  }
-  std::size_t Count() {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    return m_servers.size();
-  }
-
- private:
-  void Add(const commonutil::ProxyInfo& proxy) {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    m_servers.push_back(proxy.getProxyServer());
-    m_changed.notify_all();
-  }
-
-  std::mutex m_lock;
-  std::condition_variable m_changed;
-  std::vector<std::string> m_servers;
 };
 
 }  // namespace support
