@@ -30,7 +30,9 @@ void PrintFigure(const std::string& what, const std::string& figure);
 
 // The benchmarks.
 void BenchLog();
+void BenchDetect();
 void BenchMessage();
+void BenchProxy();
 void BenchQueue();
 void BenchRing();
 void BenchWorker();

@@ -11,6 +11,8 @@ int main(int argc, char** argv) {
   bench::BenchRing();
   bench::BenchWorker();
   bench::BenchCache();
+  bench::BenchProxy();
+  bench::BenchDetect();
   bench::BenchStart();
   bench::BenchTrack();
   return 0;

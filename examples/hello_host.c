@@ -1,22 +1,18 @@
 /* The smallest host: starts the service, posts one request, prints the reply. */
 #include <stdio.h>
 #include <string.h>
-#include <threads.h>
-#include <time.h>
 
 #include <zel_utils/publicInc/CommonUtilEntry.h>
 
 static const char kRequest[] = "{\"cmd\": 11, \"sno\": 1, \"description\": \"hello\"}";
-enum { kPolls = 5000, kPollNs = 1000000 }; /* 5 s in all */
+enum { kPatienceMs = 5000 };
 
 /* The next message of the library, or NULL when none came in time. The caller gives it
  * back with CommonUtilFreeExportMsg. */
 static char* WaitForMessage(void) {
-  const struct timespec pause = {0, kPollNs};
   char* message = NULL;
-  for (int poll = 0; poll < kPolls; ++poll) {
-    if (CommonUtilSendMsgExport(&message) == 1) return message;
-    thrd_sleep(&pause, NULL);
+  if (CommonUtilWaitExportMsg(kPatienceMs) == 1 && CommonUtilSendMsgExport(&message) == 1) {
+    return message;
   }
   return NULL;
 }

@@ -253,6 +253,34 @@ class Interactive(ZelctlTest):
             self.assertEqual(console.wait(DEADLINE), 1)
 
 
+class Network(ZelctlTest):
+    def play_example(self, name, *arguments):
+        return self.run_console("--data", self.data, *arguments, EXAMPLES / name)
+
+    def test_the_network_session_is_answered_by_servers_on_loopback(self):
+        result = self.play_example("network-session.jsonl", "--loopback")
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        answers = [a for a in self.answers(result) if a[0] is not None]
+        self.assertEqual(answers, [(1, 1, 0), (6, 2, 0), (7, 3, 0), (7, 4, 0), (8, 5, 0),
+                                   (14, 7, 0), (16, 8, 0)])
+        events = [m for m in self.replies(result) if "notify" in m]
+        reports = [m["param"] for m in events if m["notify"] == 3]
+        self.assertEqual([(r["current_level"], r["total_level"]) for r in reports], [(1, 2), (2, 2)])
+        self.assertEqual({(r["result"], r["discard"]) for r in reports}, {(0, 0)})
+        for line in (self.data / "log/native_sdk.txt").read_text().splitlines():
+            self.assertNotIn("secret", line)
+
+    def test_places_without_loopback_are_what_the_file_says(self):
+        result = self.play('{"cmd": ${NOWHERE:-11}, "sno": ${PROXY_PORT:-7}}\n{"cmd":11,"x":"${A}"}')
+        self.assertEqual(self.answers(result), [(11, 7, 0), (11, None, 0)])
+
+    def test_the_tracking_session_leaves_its_events_in_a_file(self):
+        self.assertEqual(self.play_example("tracking-session.jsonl").returncode, 0)
+        lines = (self.data / "log/ut_events.jsonl").read_text().splitlines()
+        events = [json.loads(line)["eventId"] for line in lines]
+        self.assertEqual(events, ["1", "join", "share", "call"])
+
+
 class Config(ZelctlTest):
     def test_settings_are_shown_as_the_library_reads_them(self):
         (self.folder / "config.txt").write_bytes(b"b=2 \nno sign\na=1=1\nb=3\nempty=")
