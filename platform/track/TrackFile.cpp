@@ -108,6 +108,14 @@ bool AppendToTrackFile(int descriptor, const unsigned char* bytes, std::size_t l
          static_cast<ssize_t>(length);
 }
 
+bool WriteTrackFileStart(const std::string& path, std::string_view bytes) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
+  const Descriptor file(Retried([&] { return ::open(path.c_str(), kFlags, kFileMode); }));
+  return file.Get() >= 0 && Retried([&] {
+                              return ::write(file.Get(), bytes.data(), bytes.size());
+                            }) == static_cast<ssize_t>(bytes.size());
+}
+
 int ReadTrackFile(const std::string& path, std::uint64_t begin, std::uint64_t end,
                   std::string* bytes) {
   const Descriptor file(

@@ -25,6 +25,8 @@ std::string TrackFileName(std::uint64_t number, const TrackSalt& salt);
 // In one write call; false when not all of it was written.
 [[nodiscard]] bool AppendToTrackFile(int descriptor, const unsigned char* bytes,
                                      std::size_t length);
+// Puts `bytes` in the place of the file's beginning, in one write call. Does not wait for the disk.
+[[nodiscard]] bool WriteTrackFileStart(const std::string& path, std::string_view bytes);
 // The bytes [begin, end), fewer when the file is shorter. 0 or the errno of what failed.
 [[nodiscard]] int ReadTrackFile(const std::string& path, std::uint64_t begin, std::uint64_t end,
                                 std::string* bytes);

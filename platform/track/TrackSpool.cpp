@@ -19,6 +19,16 @@ constexpr std::int64_t kLongestFileMs = std::int64_t{24} * 3600 * 1000;
 constexpr std::size_t kMostFiles = 1000;  // each start may leave one
 constexpr std::size_t kPositionCapacity = 128;
 
+// Always of the same length, so that each covers the one before.
+std::string PositionText(const TrackPosition& position) {
+  char text[kPositionCapacity] = "";
+  (void)::snprintf(text, sizeof(text), "%016llx %016llx %016llx\n",
+                   static_cast<unsigned long long>(position.file),
+                   static_cast<unsigned long long>(position.offset),
+                   static_cast<unsigned long long>(position.record));
+  return text;
+}
+
 struct CloseDirectory {
   void operator()(DIR* directory) const { (void)::closedir(directory); }
 };
@@ -52,8 +62,8 @@ void TrackSpool::ReadPositionLocked() {
   unsigned long long offset = 0;
   unsigned long long record = 0;
   char end = '\0';
-  if (::sscanf(reinterpret_cast<const char*>(bytes), "%llu %llu %llu%c", &file, &offset, &record,
-               &end) != 4 ||
+  if (::sscanf(reinterpret_cast<const char*>(bytes), "%16llx %16llx %16llx%c", &file, &offset,
+               &record, &end) != 4 ||
       end != '\n') {
     return;
   }
@@ -210,12 +220,9 @@ void TrackSpool::RemoveAcceptedLocked() {
   }
 }
 
-// The position reaches the disk before a file goes, and outside the lock, since that takes long.
+// The position is written before a file goes, so that none is read twice after a kill.
 bool TrackSpool::Accept(const TrackPosition& position, std::uint64_t damaged) {
-  const std::string text = std::to_string(position.file) + " " + std::to_string(position.offset) +
-                           " " + std::to_string(position.record) + "\n";
-  const int error = ReplaceFile(m_directory + kPositionName,
-                                reinterpret_cast<const unsigned char*>(text.data()), text.size());
+  const bool written = WriteTrackFileStart(m_directory + kPositionName, PositionText(position));
   const std::lock_guard<std::mutex> hold(m_lock);
   std::uint64_t before = 0;
   std::uint64_t after = 0;
@@ -225,7 +232,7 @@ bool TrackSpool::Accept(const TrackPosition& position, std::uint64_t damaged) {
   m_pending.fetch_sub(before - after);
   m_dropped.fetch_add(damaged);
   RemoveAcceptedLocked();
-  return error == 0;
+  return written;
 }
 
 TrackPosition TrackSpool::AcceptedPosition() const {

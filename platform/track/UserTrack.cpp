@@ -1,8 +1,8 @@
 #include "track/UserTrack.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -37,7 +37,7 @@ constexpr std::chrono::milliseconds kExitPatience(2000);
 constexpr char kEndpointSetting[] = "track.endpoint";
 constexpr char kEndpointVariable[] = "OTEL_EXPORTER_OTLP_ENDPOINT";
 constexpr int kCollectorIntervalMs = 60000;
-constexpr int kFileIntervalMs = 1000;
+constexpr int kFileIntervalMs = 20;
 constexpr int kMaxKb = 10240;
 constexpr int kMaxEvents = 100000;
 constexpr int kMaxDays = 7;
@@ -143,9 +143,9 @@ int UserTrack::Move(const TrackOutput& output) {
     if (!m_running) return kOk;
   }
   if (output.directory.empty()) return kFailed;
-  (void)::mkdir(output.directory.c_str(), kLogDirectoryMode);  // the opening below tells
+  (void)::mkdir(output.directory.c_str(), kLogDirectoryMode);  // the uses below tell
   const bool logUsable = OpenModuleLog(output);
-  const bool eventsUsable = OpenEventFile(output);
+  const bool eventsUsable = UseEventFile(output);
   return logUsable && eventsUsable ? kOk : kFailed;
 }
 
@@ -159,12 +159,12 @@ bool UserTrack::OpenModuleLog(const TrackOutput& output) {
                             output.level) == 0;
 }
 
-// Without a usable directory the events stay where they went so far.
-bool UserTrack::OpenEventFile(const TrackOutput& output) {
-  auto file =
-      std::make_unique<LogFile>(output.directory + kEventFileName, output.sizeKb, output.oldFiles);
-  if (!file->Open()) return false;
-  m_eventFile->Use(std::move(file));
+// Without a usable directory the events stay where they went so far. The file itself is made by
+// its first event.
+bool UserTrack::UseEventFile(const TrackOutput& output) {
+  if (::access(output.directory.c_str(), W_OK | X_OK) != 0) return false;
+  m_eventFile->Use(
+      std::make_unique<LogFile>(output.directory + kEventFileName, output.sizeKb, output.oldFiles));
   return true;
 }
 

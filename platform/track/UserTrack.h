@@ -71,7 +71,7 @@ class UserTrack {
 
   UserTrack();
   bool OpenModuleLog(const TrackOutput& output);
-  bool OpenEventFile(const TrackOutput& output);
+  bool UseEventFile(const TrackOutput& output);
   Sender MakeSender() const;
   void OpenSpool();
   std::shared_ptr<TrackSpool> MakeSpool(const std::string& directory);

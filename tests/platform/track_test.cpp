@@ -114,7 +114,10 @@ class TrackTest : public testing::Test {
   }
 
   const char* Dir() const { return m_dir.Path().c_str(); }
-  std::string EventText() const { return support::ReadWholeFile(m_dir.File("ut_events.jsonl")); }
+  std::string EventText() const {
+    const std::string path = m_dir.File("ut_events.jsonl");
+    return std::filesystem::exists(path) ? support::ReadWholeFile(path) : "";
+  }
   std::string LogText() const { return support::ReadWholeFile(m_dir.File("native_sdk.txt")); }
 
   // The lines of the event file once it has `count`; each must be one JSON object.

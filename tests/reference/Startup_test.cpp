@@ -22,6 +22,7 @@
 #include "cacheDB/CommonUtilDBInterface.h"
 #include "prax/prax_ref.h"
 #include "support/TempDir.h"
+#include "zel_platform/track.h"
 
 namespace commonutil {
 namespace {
@@ -74,10 +75,14 @@ int WaitFor(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// One start in a child of its own.
+// One start in a child of its own, which ends tracking so that its events are in their file.
 int StartOnce(const std::string& dir) {
   const pid_t child = fork();
-  if (child == 0) _exit(Start(dir));
+  if (child == 0) {
+    const Outcome outcome = Start(dir);
+    (void)Track_Uninit();
+    _exit(outcome);
+  }
   return WaitFor(child);
 }
 
