@@ -1,5 +1,5 @@
-// A host in C++: initialises the library in a directory, and lets a message that was posted
-// be dispatched on the queue's thread.
+// A host in C++: initialises the library in a directory, keeps a value in its encrypted cache, and
+// lets a message that was posted be dispatched on the queue's thread.
 //   facade_host DIRECTORY
 #include <cstdio>
 #include <cstring>
@@ -7,6 +7,7 @@
 #include <string>
 
 #include <zel_utils/CommonUtil.h>
+#include <zel_utils/publicInc/CommonUtilPrivateManager.h>
 #include <zel_utils/util/Message.h>
 #include <zel_utils/util/PublicUtil.h>
 
@@ -15,6 +16,7 @@ namespace {
 using commonutil::BuffMessageObject;
 using commonutil::CommonMessageQueue;
 using commonutil::CommonUtil;
+using commonutil::CommonUtilPrivateManager;
 using commonutil::MessageObject;
 using commonutil::PublicUtil;
 
@@ -59,6 +61,13 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::printf("ready in %s\n", CommonUtil::getInst().GetDBPath().c_str());
+
+  CommonUtilPrivateManager& cache = CommonUtilPrivateManager::getInst();
+  std::string value;
+  if (!cache.addConfigInfo("greeting", "hello") || !cache.queryConfigInfoByKey("greeting", value)) {
+    return 1;
+  }
+  std::printf("greeting: %s\n", value.c_str());
 
   std::promise<void> dispatched;
   const std::string text = "from the host";

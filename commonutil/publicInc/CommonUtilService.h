@@ -10,6 +10,7 @@
 #include "publicInc/CommonUtilData.h"
 #include "publicInc/CommonUtilNotify.h"
 #include "publicInc/CommonUtilTrackData.h"
+#include "publicInc/ZelExport.h"
 
 struct tagNET_DETECT_PROCESS_RESULT;
 struct tagFW_MULTI_DETECT_INFO;
@@ -34,19 +35,20 @@ class CommonUtilService : public CommonUtilNotify,
 
   // What the network tools call with their results (records of zel_platform/nettools.h), on their
   // threads. Each becomes one notification of the process's service; without a service it is
-  // dropped.
-  static void onNotifyNetDetectResult(const tagNET_DETECT_PROCESS_RESULT* result);
+  // dropped. Exported, so that a host can register them.
+  ZEL_API static void onNotifyNetDetectResult(const tagNET_DETECT_PROCESS_RESULT* result);
   // `report` is a tagPORT_DETECT_RESULT.
-  static void onNotifyPortDetectResult(const void* report);
+  ZEL_API static void onNotifyPortDetectResult(const void* report);
   // Of seven entries; any other number is ignored.
-  static void onNotifyFwDetect(unsigned int id, unsigned int result, unsigned int flag,
-                               std::vector<tagFW_MULTI_DETECT_INFO> entries);
+  ZEL_API static void onNotifyFwDetect(unsigned int id, unsigned int result, unsigned int flag,
+                                       std::vector<tagFW_MULTI_DETECT_INFO> entries);
   // A non-zero `result` is sent as it is and alone.
-  static void onNotifySiteDetect(unsigned int id, unsigned int result, unsigned int flag,
-                                 std::vector<tagBW_MULTI_SITE_DETECT_RESULT> sites);
+  ZEL_API static void onNotifySiteDetect(unsigned int id, unsigned int result, unsigned int flag,
+                                         std::vector<tagBW_MULTI_SITE_DETECT_RESULT> sites);
   // `preference` 0: the sites are the preferred ones.
-  static void onNotifyOptSiteDetect(unsigned int id, unsigned int result, unsigned int preference,
-                                    std::vector<tagOPT_MULTI_DETECT_INFO> sites);
+  ZEL_API static void onNotifyOptSiteDetect(unsigned int id, unsigned int result,
+                                            unsigned int preference,
+                                            std::vector<tagOPT_MULTI_DETECT_INFO> sites);
   // The index of a site of the highest rank. The list is not empty.
   static unsigned short getPrioritySite(std::vector<tagBW_MULTI_SITE_DETECT_RESULT>& sites);
 

@@ -267,6 +267,7 @@ class Network(ZelctlTest):
         reports = [m["param"] for m in events if m["notify"] == 3]
         self.assertEqual([(r["current_level"], r["total_level"]) for r in reports], [(1, 2), (2, 2)])
         self.assertEqual({(r["result"], r["discard"]) for r in reports}, {(0, 0)})
+        self.assertEqual([m["notify"] for m in events if m["notify"] > 3], [4, 5, 6, 7])
         for line in (self.data / "log/native_sdk.txt").read_text().splitlines():
             self.assertNotIn("secret", line)
 

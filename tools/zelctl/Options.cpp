@@ -102,7 +102,9 @@ const char* UsageText() {
   return R"(usage: zelctl [--data DIR] [--timeout SECONDS] [--loopback] FILE|-
 
 Plays JSON requests, one a line, against libzel_utils and prints every reply and
-notification as one JSON line. Blank lines and lines that begin with # are skipped.
+notification as one JSON line. Blank lines and lines that begin with # are skipped; the
+line !reports lets the network tools report made-up results of detections that no
+message starts.
 "-" reads standard input, line by line as it arrives.
 
   --data DIR         data directory, made when missing (default ./zel-data);

@@ -13,6 +13,7 @@
 #include "LineReader.h"
 #include "Loopback.h"
 #include "Options.h"
+#include "SampleReports.h"
 #include "Session.h"
 #include "Subcommands.h"
 #include "Text.h"
@@ -45,6 +46,8 @@ bool IsSkipped(const std::string& line) {
   return line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#';
 }
 
+constexpr char kSampleReports[] = "!reports";
+
 // Plays line after line; false when the input could not be read to its end.
 bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
              const std::map<std::string, std::string>& places, zelctl::Session& session) {
@@ -56,6 +59,10 @@ bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
     if (result == Result::kEnd) return true;
     if (result == Result::kError) return false;
     if (result == Result::kNothingYet || IsSkipped(line)) continue;
+    if (line == kSampleReports) {
+      zelctl::SendSampleReports();
+      continue;
+    }
     session.Play(zelctl::FillPlaces(data.Expand(line), places), input.LineNumber());
   }
   if (g_interrupted) zelctl::Complain("interrupted");
