@@ -1,6 +1,7 @@
 #include "login/AuditRequest.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <exception>
 #include <memory>
@@ -28,7 +29,9 @@ std::string Join(std::string base, const char* path) {
 }
 
 bool Parse(const std::string& text, Json::Value* out) {
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
     return reader->parse(text.data(), text.data() + text.size(), out, nullptr) && out->isObject();
   } catch (const std::exception&) {  // nested too deeply
@@ -36,8 +39,8 @@ bool Parse(const std::string& text, Json::Value* out) {
   }
 }
 
-// 0 with the server's answer, or an AuditFailure.
-int Ask(const HttpCall& call, Json::Value* answer) {
+// 0 with the server's answer, an object that has `dueMember`, or an AuditFailure.
+int Ask(const HttpCall& call, const char* dueMember, Json::Value* answer) {
   const HttpAnswer received = HttpSend(call);
   if (received.curlCode != 0) return kAuditNoAnswer;  // logged where it happened
   if (received.status < 200 || received.status > 299) {
@@ -45,8 +48,11 @@ int Ask(const HttpCall& call, Json::Value* answer) {
                       << received.status;
     return kAuditRefused;
   }
-  if (Parse(received.body, answer)) return 0;
-  Warning(__LINE__) << "audit: " << HttpMaskedUrl(call.url) << " answered with no JSON object";
+  // An answer that fills what is kept was cut, even where what is left can be read.
+  const bool isWhole = received.headers.size() + received.body.size() < kHttpKeptBytes;
+  if (isWhole && Parse(received.body, answer) && answer->isMember(dueMember)) return 0;
+  Warning(__LINE__) << "audit: " << HttpMaskedUrl(call.url)
+                    << " answered with no JSON object with \"" << dueMember << "\"";
   return kAuditBadAnswer;
 }
 
@@ -74,7 +80,8 @@ std::string TextMember(const Json::Value& object, const char* name) {
 
 bool IsSendable(const char* path) {
   struct stat status = {};
-  return ::stat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kLargestFile;
+  return ::stat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kLargestFile &&
+         ::access(path, R_OK) == 0;
 }
 
 }  // namespace
@@ -89,7 +96,7 @@ AuditUploadAnswer UploadAuditFile(const std::string& base, const tagLOGIN_AUDIT_
   call.url = Join(base, "/audit/files");
   call.parts = {{"name", record.name, "", ""}, {"file", "", record.path, record.name}};
   Json::Value received;
-  const int failure = Ask(call, &received);
+  const int failure = Ask(call, "code", &received);
   if (failure != 0) return {failure, "", ""};
   const Json::Value& answer = received;
   return {IntMember(answer, "code"), TextMember(answer, "fileId"), TextMember(answer, "message")};
@@ -101,7 +108,7 @@ AuditReportAnswer ReportAuditTask(const std::string& base, const tagLOGIN_AUDIT_
   body["state"] = record.state;
   body["text"] = record.text;
   Json::Value received;
-  const int failure = Ask(JsonCall(Join(base, "/audit/reports"), body), &received);
+  const int failure = Ask(JsonCall(Join(base, "/audit/reports"), body), "value", &received);
   if (failure != 0) return {failure, ""};
   const Json::Value& answer = received;
   return {IntMember(answer, "value"), TextMember(answer, "text")};
@@ -112,7 +119,7 @@ AuditQueryAnswer QueryAuditTask(const std::string& base, const tagLOGIN_AUDIT_QU
   body["id"] = record.id;
   body["text"] = record.text;
   Json::Value received;
-  if (Ask(JsonCall(Join(base, "/audit/queries"), body), &received) != 0) return {};
+  if (Ask(JsonCall(Join(base, "/audit/queries"), body), "entries", &received) != 0) return {};
   AuditQueryAnswer answer;
   const Json::Value& entries = received["entries"];
   if (!entries.isArray()) return answer;

@@ -1,6 +1,8 @@
 // Audit requests one after the other on a thread of this library, and terminal parameters.
 #include "zel_platform/login.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <string.h>
 
 #include <atomic>
@@ -9,8 +11,11 @@
 #include <exception>
 #include <functional>
 #include <mutex>
+#include <new>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "config/settings.h"
 #include "login/AuditRequest.h"
@@ -21,6 +26,8 @@ namespace {
 
 constexpr std::size_t kMostWaiting = 256;
 constexpr char kBaseAddress[] = "audit.baseAddress";
+constexpr char kThreadName[] = "zel_audit";
+constexpr std::size_t kSmartroomBytes = 32;
 
 struct Login {
   std::mutex lock;
@@ -28,6 +35,7 @@ struct Login {
   std::deque<std::function<void()>> tasks;
   bool hasThread = false;
   unsigned int uploads = 0;
+  char smartroom[kSmartroomBytes] = {};
   tagCONFCTRL_TERMINAL_PUBLIC_SDK terminal{};
 
   std::atomic<AuditUploadReceiver> upload{nullptr};
@@ -46,8 +54,17 @@ bool IsTerminated(const char (&text)[N]) {
   return ::strnlen(text, N) < N;
 }
 
+// The host's signals are for its own threads.
+void BlockSignals() {
+  sigset_t all;
+  (void)::sigfillset(&all);
+  (void)::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
 void Serve() {
   Login& login = TheLogin();
+  (void)::pthread_setname_np(::pthread_self(), kThreadName);  // works without a name as well
+  BlockSignals();
   for (;;) {
     std::function<void()> task;
     {
@@ -65,11 +82,11 @@ void Serve() {
 
 // `make` is called with the lock held and gives the task.
 template <class Make>
-int Enqueue(Make make) {
+int TryEnqueue(Make make) {
   const std::string base = orb_config_text(kBaseAddress, "");
   if (base.empty()) {
     LogStream::GetLogStream("native_sdk", LOGGER_LEVEL_WARNING, 0, "platform/login/login",
-                            "Enqueue", __LINE__)
+                            "TryEnqueue", __LINE__)
         << "audit: no base address is set, nothing is sent";
     return kLoginNoBaseAddress;
   }
@@ -77,16 +94,24 @@ int Enqueue(Make make) {
   const std::lock_guard<std::mutex> hold(login.lock);
   if (login.tasks.size() >= kMostWaiting) return kLoginQueueFull;
   if (!login.hasThread) {
-    try {
-      std::thread(&Serve).detach();
-    } catch (const std::system_error&) {
-      return kLoginNoThread;
-    }
+    std::thread(&Serve).detach();
     login.hasThread = true;
   }
   login.tasks.push_back(make(login, base));
   login.added.notify_one();
   return 0;
+}
+
+// The callers have C linkage: no exception gets to them.
+template <class Make>
+int Enqueue(Make make) {
+  try {
+    return TryEnqueue(make);
+  } catch (const std::system_error&) {
+    return kLoginNoThread;
+  } catch (const std::bad_alloc&) {
+    return kLoginNoMemory;
+  }
 }
 
 void AnswerUpload(unsigned int id, void* user, const AuditUploadAnswer& answer) {
@@ -144,10 +169,15 @@ int orb_login_query_audit_task(const tagLOGIN_AUDIT_QUERY* record) {
   });
 }
 
-// There is no smart room here: the parameter is looked at and forgotten.
+// There is no smart room here: the text is only kept.
 int orb_login_set_smartroom_param(const char* text) {
-  constexpr std::size_t kArrayBytes = 32;
-  return text != nullptr && ::strnlen(text, kArrayBytes) < kArrayBytes ? 0 : kLoginBadArgument;
+  if (text == nullptr) return kLoginBadArgument;
+  const std::size_t length = ::strnlen(text, kSmartroomBytes);
+  if (length == kSmartroomBytes) return kLoginBadArgument;
+  Login& login = TheLogin();
+  const std::lock_guard<std::mutex> hold(login.lock);
+  ::memcpy(login.smartroom, text, length + 1);
+  return 0;
 }
 
 int orb_confctrl_set_terminal_public_sdk_param(const tagCONFCTRL_TERMINAL_PUBLIC_SDK* record) {
@@ -167,6 +197,12 @@ void orb_login_reg_audit_callbacks(AuditUploadReceiver upload, AuditReceiver rep
   login.upload.store(upload);
   login.report.store(report);
   login.query.store(query);
+}
+
+std::string orb_login_ref_smartroom_param() {
+  Login& login = TheLogin();
+  const std::lock_guard<std::mutex> hold(login.lock);
+  return login.smartroom;
 }
 
 tagCONFCTRL_TERMINAL_PUBLIC_SDK orb_login_ref_terminal_param() {
