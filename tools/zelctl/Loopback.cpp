@@ -72,27 +72,34 @@ void ServeProxy(int client) {
   (void)::close(origin);
 }
 
-// Answers one binding request with the client's address (RFC 8489 section 14.2).
+// Answers a binding request with the client's address (RFC 8489); anything else gets no answer.
 void ServeStun(int socket) {
   constexpr std::size_t kHeaderBytes = 20;
-  constexpr unsigned char kAttribute[] = {0x00, 0x20, 0x00, 0x08, 0x00, 0x01};
+  constexpr unsigned char kRequest[] = {0x00, 0x01};
+  constexpr unsigned char kSuccess[] = {0x01, 0x01, 0x00, 0x0c};
+  constexpr unsigned char kCookie[] = {0x21, 0x12, 0xa4, 0x42};
+  constexpr unsigned char kXorMappedAddress[] = {0x00, 0x20, 0x00, 0x08, 0x00, 0x01};
   unsigned char message[kHeaderBytes + 12] = {};
   sockaddr_in from = {};
   socklen_t size = sizeof(from);
   auto* const generic = reinterpret_cast<sockaddr*>(&from);
-  const ssize_t got = ::recvfrom(socket, message, kHeaderBytes, MSG_TRUNC, generic, &size);
-  if (got < static_cast<ssize_t>(kHeaderBytes) || message[0] != 0 || message[1] != 1) return;
-  message[0] = 1;  // a success
-  message[2] = 0;  // of one attribute
-  message[3] = 12;
-  std::copy(std::begin(kAttribute), std::end(kAttribute), message + kHeaderBytes);
+  const ssize_t got =
+      ::recvfrom(socket, message, kHeaderBytes, MSG_TRUNC | MSG_DONTWAIT, generic, &size);
+  const std::size_t attributes = message[2] * 256U + message[3];
+  if (got != static_cast<ssize_t>(kHeaderBytes + attributes) ||
+      !std::equal(std::begin(kRequest), std::end(kRequest), message) ||
+      !std::equal(std::begin(kCookie), std::end(kCookie), message + 4)) {
+    return;
+  }
   unsigned char address[6];
   std::memcpy(address, &from.sin_port, 2);
   std::memcpy(address + 2, &from.sin_addr, 4);
-  const unsigned char* const cookie = message + 4;
-  for (int i = 0; i < 2; ++i) message[26 + i] = address[i] ^ cookie[i];
-  for (int i = 0; i < 4; ++i) message[28 + i] = address[2 + i] ^ cookie[i];
-  (void)::sendto(socket, message, sizeof(message), 0, generic, size);
+  unsigned char* out = std::copy(std::begin(kSuccess), std::end(kSuccess), message);
+  out =
+      std::copy(std::begin(kXorMappedAddress), std::end(kXorMappedAddress), message + kHeaderBytes);
+  for (int i = 0; i < 2; ++i) *out++ = address[i] ^ kCookie[i];
+  for (int i = 0; i < 4; ++i) *out++ = address[2 + i] ^ kCookie[i];
+  (void)::sendto(socket, message, sizeof(message), MSG_DONTWAIT, generic, size);
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +17,8 @@
 namespace zelctl {
 namespace {
 
-constexpr int kPatienceMs = 5000;
+constexpr int kPatienceSeconds = 5;
+constexpr int kPatienceMs = kPatienceSeconds * 1000;
 constexpr std::size_t kHeaderBytes = 64 * 1024;
 constexpr std::size_t kBodyBytes = 64UL * 1024 * 1024;
 constexpr char kEndOfHeaders[] = "\r\n\r\n";
@@ -31,6 +34,19 @@ sockaddr_in LoopbackAddress(std::uint16_t port) {
 
 [[noreturn]] void Throw(const char* what) {
   throw std::system_error(errno, std::generic_category(), what);
+}
+
+// So that a peer that reads nothing holds nobody for long.
+void LimitSending(int socket) {
+  const timeval patience = {kPatienceSeconds, 0};
+  (void)::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+}
+
+// The console's signals are for its main thread.
+void BlockSignals() {
+  sigset_t all;
+  (void)::sigfillset(&all);
+  (void)::pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
 bool IsReadable(int socket) {
@@ -71,6 +87,11 @@ LoopbackServer::LoopbackServer(int type, Serve serve)
 }
 
 LoopbackServer::~LoopbackServer() {
+  {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_isOver = true;
+    if (m_client >= 0) (void)::shutdown(m_client, SHUT_RDWR);
+  }
   const std::uint64_t one = 1;
   (void)!::write(m_stop, &one, sizeof(one));
   m_thread.join();
@@ -78,7 +99,8 @@ LoopbackServer::~LoopbackServer() {
   (void)::close(m_socket);
 }
 
-void LoopbackServer::Run(int type, const Serve& serve) const {
+void LoopbackServer::Run(int type, const Serve& serve) {
+  BlockSignals();
   for (;;) {
     pollfd waited[] = {{m_stop, POLLIN, 0}, {m_socket, POLLIN, 0}};
     if (::poll(waited, 2, kNone) < 0) continue;
@@ -88,10 +110,22 @@ void LoopbackServer::Run(int type, const Serve& serve) const {
       continue;
     }
     const int client = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) continue;
-    serve(client);
-    (void)::close(client);
+    if (client >= 0) ServeClient(client, serve);
   }
+}
+
+void LoopbackServer::ServeClient(int client, const Serve& serve) {
+  LimitSending(client);
+  bool isServed = false;
+  {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    isServed = !m_isOver;
+    if (isServed) m_client = client;
+  }
+  if (isServed) serve(client);
+  const std::lock_guard<std::mutex> hold(m_lock);
+  m_client = kNone;
+  (void)::close(client);
 }
 
 std::string LoopbackRequest::Header(const std::string& name) const {
@@ -164,6 +198,7 @@ int ConnectLoopback(std::uint16_t port) {
   const int connected = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const sockaddr_in address = LoopbackAddress(port);
   if (connected < 0) return kNone;
+  LimitSending(connected);
   if (::connect(connected, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
     return connected;
   }

@@ -4,12 +4,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 
 namespace zelctl {
 
-// Sockets of a server; all calls give up after a few seconds, and at once when the server stops.
+// Serves one client, or one datagram, at a time. A client that keeps silent or reads nothing is
+// left after a few seconds, and at once when the server ends.
 class LoopbackServer {
  public:
   // Takes the client's socket, which is closed after it; for UDP the server's own, once per
@@ -25,11 +27,15 @@ class LoopbackServer {
   std::uint16_t Port() const { return m_port; }
 
  private:
-  void Run(int type, const Serve& serve) const;
+  void Run(int type, const Serve& serve);
+  void ServeClient(int client, const Serve& serve);
 
   int m_socket;
   int m_stop;  // an eventfd, readable once the server is to end
   std::uint16_t m_port = 0;
+  std::mutex m_lock;      // guards the next two
+  int m_client = -1;      // the one being served
+  bool m_isOver = false;  // nobody is served any more
   std::thread m_thread;
 };
 
