@@ -7,7 +7,6 @@
 #include <memory>
 #include <sstream>
 #include <thread>
-#include <utility>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -102,11 +101,10 @@ void Session::Play(const std::string& text, std::size_t lineNumber) {
   for (PrintArrived(); IsAwaited(lineNumber); PrintArrived()) {
     if (m_interrupted) return Fail(LineRemark(lineNumber, "interrupted before the reply"));
     if (Clock::now() >= deadline) {
-      if (std::exchange(m_detections, 0) > 0) {
-        return Fail(LineRemark(lineNumber, "the detection did not end in " + InSeconds(m_timeout)));
-      }
-      return Fail(LineRemark(lineNumber, "no reply to command " + std::to_string(request.command) +
-                                             " within " + InSeconds(m_timeout)));
+      const std::string missing = IsOpen(lineNumber)
+                                      ? "no reply to command " + std::to_string(request.command)
+                                      : "no end of the detection";
+      return Fail(LineRemark(lineNumber, missing + " within " + InSeconds(m_timeout)));
     }
     AwaitMessage();
   }
@@ -146,6 +144,10 @@ bool Session::IsOpen(std::size_t lineNumber) const {
                      [&](const OpenRequest& open) { return open.lineNumber == lineNumber; });
 }
 
+bool Session::IsAwaited(std::size_t lineNumber) const {
+  return IsOpen(lineNumber) || (m_detectionLine == lineNumber && m_detections > 0);
+}
+
 void Session::Handle(const char* text) {
   Json::Value parsed;
   if (!Parse(text, parsed)) return Fail("the library sent something that is no JSON object");
@@ -165,7 +167,10 @@ void Session::CloseAnswered(const Json::Value& reply) {
     return command == open.command && sno == open.sno;
   });
   if (answered == m_open.end()) return;
-  if (answered->startsDetection && reply["result"] == 0) ++m_detections;
+  if (answered->startsDetection && reply["result"] == 0) {
+    ++m_detections;
+    m_detectionLine = answered->lineNumber;
+  }
   m_open.erase(answered);
 }
 

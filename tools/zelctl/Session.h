@@ -53,7 +53,7 @@ class Session {
   void Handle(const char* text);
   void CloseAnswered(const Json::Value& reply);
   void NoteDetection(const Json::Value& notification);
-  bool IsAwaited(std::size_t lineNumber) const { return IsOpen(lineNumber) || m_detections > 0; }
+  bool IsAwaited(std::size_t lineNumber) const;
   void Print(const Json::Value& message);
   void Fail(const std::string& remark);
 
@@ -62,9 +62,11 @@ class Session {
   // Requests without their reply, in the order of sending. One whose time is over stays, so
   // that its late reply is not taken for that of a later request.
   std::deque<OpenRequest> m_open;
-  // Detections whose last notification has not come; it may come before the reply.
+  // Detections whose last notification has not come; it may come before the reply. One whose time
+  // is over still counts, so that its end is not taken for that of a later one.
   int m_detections = 0;
-  bool m_closing = false;  // the closing request is on its way
+  std::size_t m_detectionLine = 0;  // the request that started the last one
+  bool m_closing = false;           // the closing request is on its way
   bool m_closeAnswered = false;
   bool m_canPrint = true;
   bool m_succeeded = true;

@@ -63,7 +63,7 @@ bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
       zelctl::SendSampleReports();
       continue;
     }
-    session.Play(zelctl::FillPlaces(data.Expand(line), places), input.LineNumber());
+    session.Play(data.Expand(zelctl::FillPlaces(line, places)), input.LineNumber());
   }
   if (g_interrupted) zelctl::Complain("interrupted");
   return false;
