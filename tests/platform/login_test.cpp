@@ -3,9 +3,12 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,12 +19,16 @@
 #include "LoopbackServer.h"
 #include "config/config_ref.h"
 #include "config/settings.h"
+#include "logger/logger_ref.h"
 #include "login/login_ref.h"
+#include "support/Peer.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using zelctl::LoopbackRequest;
+
+constexpr int kAmpleMs = 120000;
 
 // One answer of the library, in a line.
 class Answers {
@@ -82,14 +89,14 @@ class LoginTest : public testing::Test {
     orb_config_ref_clear();
   }
 
-  void SetBase(const std::string& base) {
-    support::WriteWholeFile(
-        m_dir.File("platform.json"),
-        R"({"http":{"totalTimeoutMs":500},"audit":{"baseAddress":")" + base + "\"}}");
+  void SetBase(const std::string& base, int totalTimeoutMs = 500) {
+    support::WriteWholeFile(m_dir.File("platform.json"),
+                            R"({"http":{"totalTimeoutMs":)" + std::to_string(totalTimeoutMs) +
+                                R"(},"audit":{"baseAddress":")" + base + "\"}}");
     orb_config_set_directory(m_dir.Path());
   }
-  void SetBase(const zelctl::LoopbackServer& server) {
-    SetBase("http://127.0.0.1:" + std::to_string(server.Port()) + "/");
+  void SetBase(const zelctl::LoopbackServer& server, int totalTimeoutMs = 500) {
+    SetBase("http://127.0.0.1:" + std::to_string(server.Port()) + "/", totalTimeoutMs);
   }
 
   static std::string Ask(const tagLOGIN_AUDIT_REPORT& record) {
@@ -106,18 +113,25 @@ class LoginTest : public testing::Test {
 
 TEST_F(LoginTest, RefusesWithoutAServerOrWithTextsThatHaveNoEnd) {
   SetBase("");
+  std::vector<std::string> lines;
+  logger_ref_set_sink([&lines](const LogSinkLine& line) { lines.push_back(line.text); });
   tagLOGIN_AUDIT_UPLOAD upload = {};
   tagLOGIN_AUDIT_REPORT report = {};
   tagLOGIN_AUDIT_QUERY query = {};
   EXPECT_EQ(orb_login_upload_audit_file(&upload), kLoginNoBaseAddress);
   EXPECT_EQ(orb_login_report_audit_task(&report), kLoginNoBaseAddress);
   EXPECT_EQ(orb_login_query_audit_task(&query), kLoginNoBaseAddress);
+  logger_ref_reset();
+  EXPECT_EQ(lines, std::vector<std::string>(3, "audit: no base address is set, nothing is sent"));
   EXPECT_EQ(orb_login_upload_audit_file(nullptr), kLoginBadArgument);
   std::memset(query.text, 'x', sizeof(query.text));
   EXPECT_EQ(orb_login_query_audit_task(&query), kLoginBadArgument);
   EXPECT_EQ(orb_login_set_smartroom_param(nullptr), kLoginBadArgument);
-  const char room[32] = "room";
+  char room[32] = "room";
   EXPECT_EQ(orb_login_set_smartroom_param(room), 0);
+  std::memset(room, 'x', sizeof(room));
+  EXPECT_EQ(orb_login_set_smartroom_param(room), kLoginBadArgument);
+  EXPECT_EQ(orb_login_ref_smartroom_param(), "room");
 
   tagCONFCTRL_TERMINAL_PUBLIC_SDK terminal = {"uuid", "account", "gantry", "sbc"};
   EXPECT_EQ(orb_confctrl_set_terminal_public_sdk_param(&terminal), 0);
@@ -177,6 +191,15 @@ TEST_F(LoginTest, AServerThatDoesNotBehaveCostsACode) {
         Case{answer("200 OK", std::string(5000, '[')), kAuditBadAnswer},
         Case{answer("200 OK", R"({"value":0,"text":")" + std::string(100000, 'x') + "\"}"),
              kAuditBadAnswer},
+        Case{answer("200 OK", "{}"), kAuditBadAnswer},
+        Case{answer("200 OK", "{\"value\":0} rubbish"), kAuditBadAnswer},
+        Case{[](int client) {
+               zelctl::SendAll(client, "HTTP/1.1 200 OK\r\n\r\n{\"value\":0}");
+               while (zelctl::SendAll(client, std::string(4096, ' '))) {
+               }
+             },
+             kAuditBadAnswer},
+        Case{[](int) {}, kAuditNoAnswer},
         Case{[](int client) {
                zelctl::SendAll(client, "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{");
              },
@@ -195,13 +218,54 @@ TEST_F(LoginTest, AServerThatDoesNotBehaveCostsACode) {
     EXPECT_EQ(Ask(tagLOGIN_AUDIT_REPORT{1, 0, "", &Answers::Instance().mark}),
               "1 " + std::to_string(c.code) + " ");
   }
-  SetBase("http://127.0.0.1:1");
-  for (const char* path : {"/no/such/file", "/dev/zero", "/tmp"}) {
+}
+
+TEST_F(LoginTest, NamesTheReasonWhyNothingWasSent) {
+  const support::LoopbackPort nobody;
+  SetBase("http://127.0.0.1:" + std::to_string(nobody.Number()));
+  EXPECT_EQ(Ask(tagLOGIN_AUDIT_REPORT{1, 0, "", &Answers::Instance().mark}),
+            "1 " + std::to_string(kAuditNoAnswer) + " ");
+  const std::string tooLarge = m_dir.File("large");
+  support::WriteWholeFile(tooLarge, "");
+  std::filesystem::resize_file(tooLarge, 64 * 1024 * 1024 + 1);  // takes no room on the disk
+  for (const std::string& path :
+       {m_dir.File("missing"), std::string("/dev/zero"), m_dir.Path(), tooLarge}) {
     tagLOGIN_AUDIT_UPLOAD upload = {};
-    std::strcpy(upload.path, path);
+    std::strcpy(upload.path, path.c_str());
     upload.user = &Answers::Instance().mark;
     EXPECT_EQ(Ask(upload), std::to_string(kAuditFile) + "  ") << path;
   }
+}
+
+TEST_F(LoginTest, KeepsTheOrderOfAFullQueueAndRefusesWhatDoesNotFit) {
+  constexpr unsigned int kWaiting = 256;
+  std::promise<void> taken, released;
+  std::shared_future<void> release = released.get_future().share();
+  std::atomic<bool> isFirst{true};
+  zelctl::LoopbackServer server(SOCK_STREAM, [&](int client) {
+    LoopbackRequest request;
+    if (!zelctl::ReadRequest(client, &request)) return;
+    if (isFirst.exchange(false)) taken.set_value();
+    release.wait();
+    zelctl::SendAnswer(client, "200 OK", "", R"({"value":0})");
+  });
+  SetBase(server, kAmpleMs);
+  tagLOGIN_AUDIT_REPORT report = {0, 0, "", &Answers::Instance().mark};
+  const auto send = [&report] {
+    const int result = orb_login_report_audit_task(&report);
+    ++report.id;
+    return result;
+  };
+  EXPECT_EQ(send(), 0);
+  taken.get_future().wait();  // on the wire: no longer in the queue
+  for (unsigned int i = 0; i < kWaiting; ++i) ASSERT_EQ(send(), 0) << i;
+  EXPECT_EQ(send(), kLoginQueueFull);
+  released.set_value();
+  for (unsigned int i = 0; i <= kWaiting; ++i) {
+    ASSERT_EQ(Answers::Instance().Await(), std::to_string(i) + " 0 ");
+  }
+  EXPECT_EQ(send(), 0);
+  EXPECT_EQ(Answers::Instance().Await(), std::to_string(kWaiting + 2) + " 0 ");
 }
 
 }  // namespace
