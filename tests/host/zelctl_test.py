@@ -3,11 +3,14 @@
 Needs ZELCTL, the path of the console, and ZEL_EXAMPLES, the folder of the examples.
 """
 
+import base64
 import contextlib
+import http.client
 import json
 import os
 import pathlib
 import signal
+import socket
 import stat
 import subprocess
 import tempfile
@@ -16,6 +19,7 @@ import unittest
 ZELCTL = os.environ["ZELCTL"]
 EXAMPLES = pathlib.Path(os.environ["ZEL_EXAMPLES"])
 DEADLINE = 120  # seconds; only a hang takes that long
+HOST = "127.0.0.1"
 
 INIT = (
     '{"cmd": 1, "sno": %d, "param": {"initParam": {"log_path": "${DATA}/log/", "logLevel": 2,'
@@ -50,14 +54,15 @@ class ZelctlTest(unittest.TestCase):
         return self.run_console("--data", self.data, *arguments, "-", text=text)
 
     @contextlib.contextmanager
-    def interactive(self):
+    def interactive(self, *options, **variables):
         """A running console that reads from a pipe; killed if the test leaves it behind."""
         with subprocess.Popen(
-            [ZELCTL, "--data", str(self.data), "-"],
+            [ZELCTL, "--data", str(self.data), *options, "-"],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.DEVNULL,
             cwd=self.folder,
+            env={**os.environ, **variables},
         ) as console:
             # Turns a console that never answers into an end of its output.
             previous = signal.signal(signal.SIGALRM, lambda *_: console.kill())
@@ -224,6 +229,116 @@ class Requests(ZelctlTest):
         result = self.play(INIT % 1 + "\n" + GET_REG_INFO % 2)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertEqual(self.answers(result), [(1, 1, 1), (11, 2, 0)])
+
+
+class DetectionAndPlaceholders(ZelctlTest):
+    def test_a_detection_that_was_given_up_does_not_count_against_the_next_one(self):
+        settings = self.folder / "settings.json"
+        settings.write_text('{"detect": {"timeoutMs": 4500}}')
+        set_server = '{"cmd": 14, "param": {"internet_server_domain": "%s"}}\n'
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent, self.interactive(
+            "--loopback", "--timeout=3", ZEL_PLATFORM_CONFIG=str(settings)
+        ) as console:
+            silent.bind((HOST, 0))
+            first = set_server % ("%s:%d" % silent.getsockname()) + '{"cmd": 16, "sno": 1}\n'
+            console.stdin.write(first.encode())
+            console.stdin.flush()
+            printed = [json.loads(console.stdout.readline()) for _ in range(3)]
+            self.assertEqual([m.get("rsp") for m in printed], [14, 16, None])
+            self.assertEqual(printed[2]["param"]["discard"], 100)
+            # The input ends at once: what comes is what the console waits for.
+            second = set_server % "${STUN}" + '{"cmd": 16, "sno": 2}\n'
+            rest, _ = console.communicate(second.encode())
+            printed = [json.loads(line) for line in rest.splitlines()]
+            self.assertEqual([m.get("rsp") for m in printed], [14, 16, None])
+            self.assertEqual(printed[2]["param"]["discard"], 0)
+
+    def test_placeholders_without_loopback_are_the_texts_of_the_file(self):
+        self.data = self.folder / "${STUN:-x}"  # a directory's own name is none
+        text = "${ORIGIN:-http://example.com/} ${STUN:-} ${STUN} ${DATA} ${ }"
+        result = self.play(json.dumps({"cmd": 11, "description": text}))
+        self.assertEqual(
+            [m["description"] for m in self.replies(result)],
+            [f"http://example.com/  ${{STUN}} {self.data} ${{ }}"],
+        )
+
+
+class LoopbackServers(ZelctlTest):
+    """What --loopback serves, asked by Python's HTTP client and with raw STUN messages."""
+
+    PLACES = "${ORIGIN} ${PROXY_HOST}:${PROXY_PORT} ${PROXY_USER}:${PROXY_PASSWORD} ${STUN}"
+
+    @contextlib.contextmanager
+    def places(self):
+        with self.interactive("--loopback") as console:
+            request = json.dumps({"cmd": 11, "description": self.PLACES}) + "\n"
+            console.stdin.write(request.encode())
+            console.stdin.flush()
+            yield json.loads(console.stdout.readline())["description"].split()
+            # Ends although a client stays connected and silent.
+            idle = [socket.create_connection((HOST, self.proxy[1])) for _ in range(2)]
+            console.stdin.close()
+            self.assertEqual(console.wait(DEADLINE), 0)
+            for client in idle:
+                client.close()
+
+    def ask(self, connection, *request, **headers):
+        connection.request(*request, headers={k.replace("_", "-"): v for k, v in headers.items()})
+        response = connection.getresponse()
+        return response.status, response.read()
+
+    def test_origin_proxy_and_audit_endpoints(self):
+        with self.places() as (origin, proxy, account, _):
+            host, port = origin.split("/")[2].split(":")
+            self.proxy = (HOST, int(proxy.split(":")[1]))
+            login = "Basic " + base64.b64encode(account.encode()).decode()
+
+            def at_origin():
+                return http.client.HTTPConnection(host, int(port), timeout=DEADLINE)
+
+            def at_proxy():
+                return http.client.HTTPConnection(*self.proxy, timeout=DEADLINE)
+
+            direct = self.ask(at_origin(), "GET", "/")
+            self.assertEqual(direct[0], 200)
+            for path, key in ("files", "code"), ("reports", "value"), ("queries", "entries"):
+                status, body = self.ask(at_origin(), "POST", "/audit/" + path, b"{}")
+                self.assertEqual((status, key in json.loads(body)), (200, True), path)
+
+            wrong = "Basic " + base64.b64encode(b"user:wrong").decode()
+            self.assertEqual(self.ask(at_proxy(), "GET", origin)[0], 407)
+            self.assertEqual(self.ask(at_proxy(), "GET", origin, Proxy_Authorization=wrong)[0], 407)
+            through = self.ask(at_proxy(), "GET", origin, Proxy_Authorization=login)
+            self.assertEqual(through, direct)
+            elsewhere = self.ask(at_proxy(), "GET", "http://192.0.2.1/", Proxy_Authorization=login)
+            self.assertEqual(elsewhere[0], 403)
+            tunnel = at_proxy()
+            tunnel.set_tunnel(host, int(port), {"Proxy-Authorization": login})
+            self.assertEqual(self.ask(tunnel, "GET", "/"), direct)
+            tunnel = at_proxy()
+            tunnel.set_tunnel(host, int(port))
+            with self.assertRaisesRegex(OSError, "407"):
+                tunnel.connect()
+
+    def test_stun_answers_binding_requests_with_the_address_and_nothing_else(self):
+        cookie = bytes.fromhex("2112a442")
+        request = b"\0\1\0\0" + cookie + b"transaction1"
+        software = b"\x80\x22\0\4test"
+        with self.places() as (_, proxy, _, stun):
+            self.proxy = (HOST, int(proxy.split(":")[1]))
+            host, port = stun.split(":")
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+                client.settimeout(DEADLINE)
+                client.connect((host, int(port)))
+                ignored = [b"", b"x" * 2000, request[:19], request + b"more"]
+                ignored += [b"\0\1\0\0" + b"\0" * 16, b"\1\1" + request[2:]]
+                for datagram in [*ignored, request, b"\0\1\0\x08" + request[4:] + software]:
+                    client.send(datagram)
+                own = client.getsockname()
+                address = own[1].to_bytes(2, "big") + socket.inet_aton(own[0])
+                masked = bytes(a ^ b for a, b in zip(address, cookie[:2] + cookie))
+                answer = b"\1\1\0\x0c" + request[4:] + b"\0\x20\0\x08\0\1" + masked
+                self.assertEqual([client.recv(999), client.recv(999)], [answer, answer])
 
 
 class Interactive(ZelctlTest):
