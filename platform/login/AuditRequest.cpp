@@ -39,8 +39,14 @@ bool Parse(const std::string& text, Json::Value* out) {
   }
 }
 
-// 0 with the server's answer, an object that has `dueMember`, or an AuditFailure.
-int Ask(const HttpCall& call, const char* dueMember, Json::Value* answer) {
+// What an answer has to have.
+struct Due {
+  const char* member;
+  bool (Json::Value::*isOfType)() const;
+};
+
+// 0 with the server's answer, or an AuditFailure.
+int Ask(const HttpCall& call, const Due& due, Json::Value* answer) {
   const HttpAnswer received = HttpSend(call);
   if (received.curlCode != 0) return kAuditNoAnswer;  // logged where it happened
   if (received.status < 200 || received.status > 299) {
@@ -50,9 +56,10 @@ int Ask(const HttpCall& call, const char* dueMember, Json::Value* answer) {
   }
   // An answer that fills what is kept was cut, even where what is left can be read.
   const bool isWhole = received.headers.size() + received.body.size() < kHttpKeptBytes;
-  if (isWhole && Parse(received.body, answer) && answer->isMember(dueMember)) return 0;
+  if (isWhole && Parse(received.body, answer) && ((*answer)[due.member].*due.isOfType)()) return 0;
   Warning(__LINE__) << "audit: " << HttpMaskedUrl(call.url)
-                    << " answered with no JSON object with \"" << dueMember << "\"";
+                    << " answered with something other than an object with \"" << due.member
+                    << "\"";
   return kAuditBadAnswer;
 }
 
@@ -96,7 +103,7 @@ AuditUploadAnswer UploadAuditFile(const std::string& base, const tagLOGIN_AUDIT_
   call.url = Join(base, "/audit/files");
   call.parts = {{"name", record.name, "", ""}, {"file", "", record.path, record.name}};
   Json::Value received;
-  const int failure = Ask(call, "code", &received);
+  const int failure = Ask(call, {"code", &Json::Value::isInt}, &received);
   if (failure != 0) return {failure, "", ""};
   const Json::Value& answer = received;
   return {IntMember(answer, "code"), TextMember(answer, "fileId"), TextMember(answer, "message")};
@@ -108,7 +115,8 @@ AuditReportAnswer ReportAuditTask(const std::string& base, const tagLOGIN_AUDIT_
   body["state"] = record.state;
   body["text"] = record.text;
   Json::Value received;
-  const int failure = Ask(JsonCall(Join(base, "/audit/reports"), body), "value", &received);
+  const int failure =
+      Ask(JsonCall(Join(base, "/audit/reports"), body), {"value", &Json::Value::isInt}, &received);
   if (failure != 0) return {failure, ""};
   const Json::Value& answer = received;
   return {IntMember(answer, "value"), TextMember(answer, "text")};
@@ -119,11 +127,11 @@ AuditQueryAnswer QueryAuditTask(const std::string& base, const tagLOGIN_AUDIT_QU
   body["id"] = record.id;
   body["text"] = record.text;
   Json::Value received;
-  if (Ask(JsonCall(Join(base, "/audit/queries"), body), "entries", &received) != 0) return {};
+  const int failure = Ask(JsonCall(Join(base, "/audit/queries"), body),
+                          {"entries", &Json::Value::isArray}, &received);
+  if (failure != 0) return {};
   AuditQueryAnswer answer;
-  const Json::Value& entries = received["entries"];
-  if (!entries.isArray()) return answer;
-  for (const Json::Value& entry : entries) {
+  for (const Json::Value& entry : received["entries"]) {
     if (!entry.isObject()) continue;
     answer.entries.push_back(
         {IntMember(entry, "value"), TextMember(entry, "text"), Int64Member(entry, "value8")});

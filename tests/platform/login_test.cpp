@@ -192,6 +192,7 @@ TEST_F(LoginTest, AServerThatDoesNotBehaveCostsACode) {
         Case{answer("200 OK", R"({"value":0,"text":")" + std::string(100000, 'x') + "\"}"),
              kAuditBadAnswer},
         Case{answer("200 OK", "{}"), kAuditBadAnswer},
+        Case{answer("200 OK", R"({"value":"0"})"), kAuditBadAnswer},
         Case{answer("200 OK", "{\"value\":0} rubbish"), kAuditBadAnswer},
         Case{[](int client) {
                zelctl::SendAll(client, "HTTP/1.1 200 OK\r\n\r\n{\"value\":0}");
