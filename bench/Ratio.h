@@ -11,7 +11,7 @@ struct Comparison {
   std::string what;
   std::string peer;
   double goal;    // the ratio not to be exceeded; 0: none
-  int rounds;     // at least seven
+  int rounds;     // at least seven, five where each is slow
   double divide;  // a round's nanoseconds by the operations in it
 };
 
@@ -39,6 +39,8 @@ void BenchWorker();
 void BenchCache();
 void BenchStart();
 void BenchTrack();
+void BenchMasking();
+void BenchCleanup();
 // A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
 int StartChild(const std::string& dir);
 

@@ -15,5 +15,7 @@ int main(int argc, char** argv) {
   bench::BenchDetect();
   bench::BenchStart();
   bench::BenchTrack();
+  bench::BenchMasking();
+  bench::BenchCleanup();
   return 0;
 }

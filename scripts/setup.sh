@@ -12,7 +12,7 @@ readonly build_packages=(g++ cmake make pkg-config ca-certificates libjsoncpp-de
   libcurl4-openssl-dev libspdlog-dev zlib1g-dev)
 readonly test_packages=(libgtest-dev libbenchmark-dev libreaderwriterqueue-dev libsqlite3-dev
   python3 python3-jsonschema python3-yaml python3-protobuf clang binutils dpkg-dev file
-  abigail-tools squid tinyproxy nginx-light coturn openssl)
+  abigail-tools findutils squid tinyproxy nginx-light coturn openssl)
 
 # The page-encrypting SQLite amalgamation, as this npm package carries it.
 readonly sqlite_package=better-sqlite3-multiple-ciphers@12.11.1

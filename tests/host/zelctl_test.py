@@ -93,6 +93,84 @@ class ZelctlTest(unittest.TestCase):
             self.assertIn(part, lines[0])
 
 
+class Logs(ZelctlTest):
+    OLD = 40 * 24 * 3600  # seconds
+
+    def logs(self, **files):
+        """A directory of module logs with these contents."""
+        folder = self.folder / "logs"
+        folder.mkdir(exist_ok=True)
+        for module, text in files.items():
+            (folder / f"{module}.txt").write_text(text)
+        return folder
+
+    def test_clean_removes_old_files_and_says_how_many(self):
+        folder = self.logs(old="x", new="x", older="x")
+        for name in ("old.txt", "older.txt"):
+            past = (folder / name).stat().st_mtime - self.OLD
+            os.utime(folder / name, (past, past))
+        result = self.run_console("logs", "clean", folder, "--days", "7")
+        self.assertEqual((result.returncode, result.stdout), (0, b"removed 2 files\n"))
+        self.assertEqual([path.name for path in folder.iterdir()], ["new.txt"])
+
+    def test_watch_prints_new_lines_across_rotation_until_interrupted(self):
+        folder = self.logs(main="before\n")
+        (folder / "main.1.txt").write_text("long before\n")
+        with subprocess.Popen(
+            [ZELCTL, "logs", "watch", str(folder)],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+        ) as console:
+            previous = signal.signal(signal.SIGALRM, lambda *_: console.kill())
+            signal.alarm(DEADLINE)
+            try:
+                self.assertIn("watching", console.stderr.readline())
+                main = folder / "main.txt"
+                with main.open("a") as log:
+                    log.write("one\n")
+                for number in (2, 3):  # more rotations than looks at the directory
+                    (folder / "main.1.txt").rename(folder / "main.2.txt")
+                    main.rename(folder / "main.1.txt")
+                    main.write_text(f"line {number}\n")
+                lines = [console.stdout.readline() for _ in range(3)]
+                self.assertEqual(lines, ["main: one\n", "main: line 2\n", "main: line 3\n"])
+                main.write_text("")  # emptied, as without old files
+                self.logs(other="first\n")
+                self.assertEqual(console.stdout.readline(), "other: first\n")
+                with main.open("a") as log:
+                    log.write("4\nhalf")
+                self.assertEqual(console.stdout.readline(), "main: 4\n")
+                console.send_signal(signal.SIGINT)
+                self.assertEqual(console.stdout.read(), "")
+                self.assertEqual(console.wait(), 0)
+            finally:
+                signal.alarm(0)
+                signal.signal(signal.SIGALRM, previous)
+                console.kill()
+
+    def test_wrong_usage_says_what_to_do(self):
+        folder = self.logs(main="kept")
+        for arguments, hint in (
+            (["logs"], "--help"),
+            (["logs", "burn"], "--help"),
+            (["logs", "clean", "--days", "3"], "DIR"),
+            (["logs", "clean", folder], "--days"),
+            (["logs", "clean", folder, "--days"], "value"),
+            (["logs", "clean", folder, "--days", "0"], "whole number"),
+            (["logs", "clean", folder, "--days=-1"], "whole number"),
+            (["logs", "clean", folder, "--weeks", "1"], "--weeks"),
+            (["logs", "clean", folder, folder, "--days", "3"], "one too many"),
+            (["logs", "watch", self.folder / "none"], "directory"),
+            (["logs", "watch", folder, "--seconds", "soon"], "whole number"),
+        ):
+            with self.subTest(arguments=arguments):
+                result = self.run_console(*arguments)
+                self.assertEqual((result.returncode, result.stdout), (2, b""))
+                self.assert_diagnostic(result, hint)
+        self.assertEqual((folder / "main.txt").read_text(), "kept")
+
+
 class FirstSession(ZelctlTest):
     FILES = {
         "sdkcache.db": 0o640,
