@@ -201,7 +201,8 @@ void BenchErrorCodes() {
     codes.push_back(kGlobalErrorCodeRows[i * kScatter % std::size(kGlobalErrorCodeRows)].code);
   }
   Compare(
-      {"look up an error code (0.015 us)", "binary search by hand", 1.0, kRounds, kLookUps},
+      {"look up 1000 error codes (15 us)", "binary search by hand", 1.0, kRounds,
+       kLookUps / 1000.0},
       [&] {
         LookUpAll(codes,
                   [](std::int32_t code) { return CommonUtil::getInst().GetGlobalErrorCode(code); });

@@ -19,9 +19,11 @@ using Value = std::shared_ptr<std::string>;
 constexpr std::size_t kCopies = 4;
 constexpr std::size_t kCacheLine = 64;
 
-// A stored value as one copy of the table refers to it, with a reference count of its own.
-struct alignas(kCacheLine) Holder {
+// A stored value as one copy of the table refers to it, with a reference count of its own. The
+// counts of two holders lie on different cache lines without the cost of aligned memory.
+struct Holder {
   Value value;
+  char apart[kCacheLine - sizeof(Value)] = {};
 };
 using Holders = std::array<std::shared_ptr<Holder>, kCopies>;
 
@@ -39,7 +41,7 @@ std::size_t CopyOfThisThread() {
 
 Holders Hold(const Value& value) {
   Holders holders;
-  for (auto& holder : holders) holder = std::make_shared<Holder>(Holder{value});
+  for (auto& holder : holders) holder = std::make_shared<Holder>(Holder{value, {}});
   return holders;
 }
 
