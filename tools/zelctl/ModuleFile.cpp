@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kExtension[] = ".txt";
 constexpr std::size_t kExtensionLength = sizeof(kExtension) - 1;
-constexpr std::size_t kReadBytes = 64 * 1024;
+constexpr std::size_t kReadBytes = 65536;
 constexpr int kMostOldFiles = 1000;
 
 bool EndsInNumber(const std::string& stem) {
