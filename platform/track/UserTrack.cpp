@@ -39,6 +39,7 @@ constexpr char kEndpointVariable[] = "OTEL_EXPORTER_OTLP_ENDPOINT";
 constexpr int kCollectorIntervalMs = 60000;
 constexpr int kFileIntervalMs = 20;
 constexpr int kMaxKb = 10240;
+constexpr int kLeastKb = 2048;  // the longest record has room
 constexpr int kMaxEvents = 100000;
 constexpr int kMaxDays = 7;
 constexpr std::uint64_t kBytesPerKb = 1024;
@@ -67,7 +68,7 @@ int PositiveSetting(const char* path, int defaultValue) {
 
 TrackLimits LimitSettings() {
   TrackLimits limits;
-  limits.bytes = PositiveSetting("track.maxKb", kMaxKb) * kBytesPerKb;
+  limits.bytes = std::max(PositiveSetting("track.maxKb", kMaxKb), kLeastKb) * kBytesPerKb;
   limits.records = static_cast<std::uint64_t>(PositiveSetting("track.maxEvents", kMaxEvents));
   limits.ageMs = PositiveSetting("track.maxDays", kMaxDays) * kMsPerDay;
   limits.fileBytes = std::min(limits.fileBytes, std::max<std::uint64_t>(limits.bytes / 8, 1));
@@ -397,9 +398,11 @@ void UserTrack::SetContext(const TrackFields& fields) {
   m_context = fields.Bytes();
 }
 
-void UserTrack::SetSdk(const TrackFields& fields) {
-  const std::lock_guard<std::mutex> hold(m_lock);
+int UserTrack::SetSdk(const TrackFields& fields) {
+  const Locked hold(*this);
+  if (fields.TooLong()) return DropLocked("track: SDK parameters that are too long were dropped");
   m_sdk = fields.Bytes();
+  return kOk;
 }
 
 // The host's function may come back as an event, which waits for the next upload.

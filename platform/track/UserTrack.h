@@ -49,7 +49,7 @@ class UserTrack {
   // These hold for all events that follow, also those of a later start.
   void SetUploadSwitch(int value);
   void SetContext(const TrackFields& fields);
-  void SetSdk(const TrackFields& fields);
+  int SetSdk(const TrackFields& fields);  // 1 when dropped
 
   TrackState& State() { return m_state; }
   void SetErrorFunction(void (*onError)(const char* text)) { m_onError.store(onError); }

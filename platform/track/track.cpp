@@ -180,8 +180,7 @@ int Track_ConfigPublicSdkParam(const UTPublicSdkRecord* record) {
     for (std::size_t i = 0; i < std::size(record->text); ++i) {
       fields.Text(TrackField::kSdk + i, record->text[i]);
     }
-    UserTrack::Instance().SetSdk(fields);
-    return kOk;
+    return UserTrack::Instance().SetSdk(fields);
   });
 }
 

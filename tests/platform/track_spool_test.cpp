@@ -270,21 +270,24 @@ class Killed {
  public:
   Killed(const std::string& directory, const TrackKey& key) : m_directory(directory), m_key(key) {}
 
-  // Returns the last number acknowledged.
-  int Round(int next, std::uint_fast32_t killAfterUs) const {
+  // Kills the child some time after so many acknowledgements. Returns the last number acknowledged.
+  int Round(int next, std::uint_fast32_t acknowledgements, std::uint_fast32_t laterUs) const {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     const pid_t child = fork();
     if (child == 0) Work(next, ends[1]);
     close(ends[1]);
-    std::this_thread::sleep_for(std::chrono::microseconds(killAfterUs));
+    int acknowledged = next - 1;
+    const auto takeOne = [&] {
+      return read(ends[0], &acknowledged, sizeof(acknowledged)) == sizeof(acknowledged);
+    };
+    for (; acknowledgements > 0; --acknowledgements) EXPECT_TRUE(takeOne());
+    std::this_thread::sleep_for(std::chrono::microseconds(laterUs));
     kill(child, SIGKILL);
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status));
-    int acknowledged = next - 1;
-    for (int number = 0; read(ends[0], &number, sizeof(number)) == sizeof(number);) {
-      acknowledged = number;
+    while (takeOne()) {
     }
     close(ends[0]);
     return acknowledged;
@@ -314,7 +317,7 @@ TEST_F(TrackSpoolTest, FindsEachAcknowledgedRecordOnceHoweverOftenItIsKilled) {
   std::minstd_rand random(20240611);
   int next = 1;
   for (int round = 0; round < kKillRounds; ++round) {
-    const int acknowledged = killed.Round(next, random() % 4000);
+    const int acknowledged = killed.Round(next, random() % 30, random() % 500);
     Reopen();
     // One more may be there: stored, but killed before it could be acknowledged.
     Texts records = Read();
