@@ -282,6 +282,12 @@ int SqliteInterfaceManager::QueryConfigCacheOfSharedPtr(
 
 namespace {
 
+// The tracking library hands records of this layout over.
+static_assert(offsetof(commonutil::ZelConfigCache, key) == 8 &&
+                  offsetof(commonutil::ZelConfigCache, value) == 8 + sizeof(std::string) &&
+                  sizeof(commonutil::ZelConfigCache) == 8 + 2 * sizeof(std::string),
+              "one 32-bit integer and two texts");
+
 constexpr char kBatchAddName[] = "int CallBackBatchAddConfigCache(const void *, int)";
 
 int PushBatchAdd(const commonutil::ZelConfigCache* entries, int count) {

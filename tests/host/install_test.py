@@ -48,7 +48,7 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(json.loads(run(hello, **library_path))["rsp"], 11)
         with tempfile.TemporaryDirectory(dir=self.work) as data:
             self.assertEqual(run(facade, data, **library_path),
-                             f"ready in {data}\nmessage 42 of type 7: from%20the%20host\n")
+                             f"ready in {data}\ngreeting: hello\nmessage 42 of type 7: from%20the%20host\n")
 
     def test_each_header_compiles_alone(self):
         flags = ["-Wall", "-Wextra", "-Werror", "-fsyntax-only", *self.pkg_config("--cflags")]
