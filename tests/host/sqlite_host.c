@@ -84,6 +84,7 @@ static void CheckUnreadable(const char* path) {
   sqlite3* db = NULL;
   CHECK(access(path, F_OK) == 0);
   CHECK(sqlite3_open_v2(path, &db, SQLITE_OPEN_READONLY, NULL) == SQLITE_OK);
+  sqlite3_busy_timeout(db, 1000 * kDeadlineSeconds); /* the library may be writing to it */
   CHECK(sqlite3_exec(db, "select count(*) from sqlite_master", NULL, NULL, NULL) == SQLITE_NOTADB);
   sqlite3_close(db);
 }
