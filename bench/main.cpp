@@ -5,6 +5,7 @@
 int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--start") == 0) return bench::StartChild(argv[2]);
   bench::PrintHeading();
+  bench::BenchTrack();  // first: it starts tracking its own way
   bench::BenchLog();
   bench::BenchMessage();
   bench::BenchQueue();
@@ -14,7 +15,6 @@ int main(int argc, char** argv) {
   bench::BenchProxy();
   bench::BenchDetect();
   bench::BenchStart();
-  bench::BenchTrack();
   bench::BenchMasking();
   bench::BenchCleanup();
   return 0;

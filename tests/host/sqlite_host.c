@@ -84,8 +84,13 @@ static void CheckUnreadable(const char* path) {
   sqlite3* db = NULL;
   CHECK(access(path, F_OK) == 0);
   CHECK(sqlite3_open_v2(path, &db, SQLITE_OPEN_READONLY, NULL) == SQLITE_OK);
-  sqlite3_busy_timeout(db, 1000 * kDeadlineSeconds); /* the library may be writing to it */
-  CHECK(sqlite3_exec(db, "select count(*) from sqlite_master", NULL, NULL, NULL) == SQLITE_NOTADB);
+  /* A journal beside it tells that the library is writing to it. */
+  const time_t deadline = time(NULL) + kDeadlineSeconds;
+  int result = 0;
+  do {
+    result = sqlite3_exec(db, "select count(*) from sqlite_master", NULL, NULL, NULL);
+  } while ((result == SQLITE_BUSY || result == SQLITE_READONLY) && time(NULL) < deadline);
+  CHECK(result == SQLITE_NOTADB);
   sqlite3_close(db);
 }
 
