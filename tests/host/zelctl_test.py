@@ -6,6 +6,7 @@ Needs ZELCTL, the path of the console, and ZEL_EXAMPLES, the folder of the examp
 import base64
 import contextlib
 import http.client
+import http.server
 import json
 import os
 import pathlib
@@ -14,6 +15,7 @@ import socket
 import stat
 import subprocess
 import tempfile
+import threading
 import unittest
 
 ZELCTL = os.environ["ZELCTL"]
@@ -473,6 +475,83 @@ class Network(ZelctlTest):
         lines = (self.data / "log/ut_events.jsonl").read_text().splitlines()
         events = [json.loads(line)["eventId"] for line in lines]
         self.assertEqual(events, ["1", "join", "share", "call"])
+
+
+class Loopback:
+    """An HTTP server and a STUN responder, on threads that end with the block."""
+
+    def __enter__(self):
+        self._http = http.server.HTTPServer(("127.0.0.1", 0), QuietHandler)
+        self._stun = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._stun.bind(("127.0.0.1", 0))
+        self.http_port = self._http.server_port
+        self.stun_port = self._stun.getsockname()[1]
+        self._threads = [threading.Thread(target=self._http.serve_forever),
+                         threading.Thread(target=self._answer)]
+        for thread in self._threads:
+            thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._http.shutdown()
+        self._http.server_close()
+        self._stun.sendto(b"", ("127.0.0.1", self.stun_port))  # ends the loop
+        for thread in self._threads:
+            thread.join()
+        self._stun.close()
+
+    def _answer(self):
+        while True:
+            request, sender = self._stun.recvfrom(2048)
+            if not request:
+                return
+            self._stun.sendto(b"\x01\x01" + request[2:], sender)
+
+
+class QuietHandler(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        self.send_response(200)
+        self.end_headers()
+
+    def log_message(self, *_):
+        pass
+
+
+class NetworkCommands(ZelctlTest):
+    def setUp(self):
+        super().setUp()
+        self.peers = self.enterContext(Loopback())
+
+    def ask(self, *arguments):
+        result = self.run_console(*arguments, "--json")
+        return result.returncode, json.loads(result.stdout)
+
+    def test_net_tells_who_answers_and_leaves_the_rest_unmeasured(self):
+        stun = f"127.0.0.1:{self.peers.stun_port}"
+        code, (good, bad) = self.ask("net", stun, "name.invalid")
+        self.assertEqual((code, good["result"], good["lostPercent"]), (1, 0, 0))
+        self.assertEqual((bad["text"], bad["averageMs"]), ("name unknown", None))
+        result = self.run_console("net", stun)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertIn(b"answers", result.stdout)
+
+    def test_proxy_tells_the_way_that_the_library_takes(self):
+        url = f"http://127.0.0.1:{self.peers.http_port}/"
+        code, answer = self.ask("proxy", url, "--proxy", "127.0.0.1:1")
+        self.assertEqual((code, answer["decision"], answer["direct"]["status"]), (0, "direct", 200))
+        self.assertNotEqual(answer["proxy"]["result"], 0)
+        code, answer = self.ask("proxy", "http://127.0.0.1:1/", "--proxy", "127.0.0.1:1")
+        self.assertEqual((code, answer["decision"]), (1, None))
+        self.assertIn(b"unknown", self.run_console(
+            "proxy", "http://127.0.0.1:1/", "--proxy", "127.0.0.1:1").stdout)
+
+    def test_wrong_usage_is_one_line(self):
+        for arguments in [["net"], ["net", "--fast", "a"], ["net", *"abcde"], ["proxy"],
+                          ["proxy", "u", "--proxy", "a"], ["proxy", "u", "--proxy", "a:65536"],
+                          ["proxy", "u", "v"], ["proxy", "u", "--user"]]:
+            result = self.run_console(*arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+            self.assert_diagnostic(result)
 
 
 class Config(ZelctlTest):

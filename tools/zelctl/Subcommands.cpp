@@ -4,6 +4,7 @@
 
 #include "ConfigCommand.h"
 #include "LogsCommand.h"
+#include "NetworkCommand.h"
 #include "Options.h"
 #include "Text.h"
 
@@ -18,6 +19,13 @@ constexpr Subcommand kSubcommands[] = {
      "                                        (3 to 30 count as given, less as 3, more as 30)\n"},
     {"logs watch", WatchLogs,
      "  zelctl logs watch DIR [--seconds N]   print new lines of DIR's module logs\n"},
+    {"net", MeasureServers,
+     "  zelctl net SERVER... [--tls] [--json] measure up to four STUN servers, HOST or "
+     "HOST:PORT\n"},
+    {"proxy", TryProxy,
+     "  zelctl proxy URL [--proxy HOST:PORT] [--user NAME] [--json]\n"
+     "                                        try the URL directly and through the proxy, whose\n"
+     "                                        password is in ZEL_PROXY_PASSWORD\n"},
 };
 
 std::vector<std::string> WordsOf(const std::string& name) {

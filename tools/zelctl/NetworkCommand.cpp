@@ -1,0 +1,333 @@
+#include "NetworkCommand.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <iostream>
+#include <mutex>
+#include <optional>
+
+#include <json/writer.h>
+
+#include "CommonUtil.h"
+#include "Options.h"
+#include "Table.h"
+#include "Text.h"
+#include "config/config_ref.h"
+#include "publicInc/CommonUtilCallbacks.h"
+#include "zel_platform/http.h"
+#include "zel_platform/nettools.h"
+#include "zel_platform/prax.h"
+#include "zel_platform/securec.h"
+
+namespace zelctl {
+namespace {
+
+using commonutil::CommonUtil;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kMostServers = 4;
+constexpr int kTlsSetting = 69;
+constexpr auto kLook = milliseconds(50);  // between two looks for an interruption
+constexpr char kPasswordVariable[] = "ZEL_PROXY_PASSWORD";
+
+bool Print(const std::string& text) {
+  std::cout << text << std::flush;
+  if (std::cout) return true;
+  Complain("cannot write to standard output");
+  return false;
+}
+
+std::string Json(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, value) + '\n';
+}
+
+// Waits for something that comes on another thread, until `interrupted`.
+template <class Value>
+class Awaited {
+ public:
+  void Add(const Value& value) {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_values.push_back(value);
+    m_added.notify_all();
+  }
+
+  // True when `count` have come.
+  bool Await(std::size_t count, const std::atomic<bool>& interrupted,
+             Clock::time_point until = Clock::time_point::max()) {
+    std::unique_lock<std::mutex> hold(m_lock);
+    while (m_values.size() < count && !interrupted && Clock::now() < until) {
+      m_added.wait_for(hold, kLook);
+    }
+    return m_values.size() >= count;
+  }
+  std::vector<Value> Values() {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    return m_values;
+  }
+
+ private:
+  std::mutex m_lock;
+  std::condition_variable m_added;
+  std::vector<Value> m_values;
+};
+
+// The receivers outlive what they wait for: never destroyed.
+class DetectReceiver : public commonutil::GetNetDetectCallback,
+                       public Awaited<tagNET_DETECT_PROCESS_RESULT> {
+ public:
+  void onResult(tagNET_DETECT_PROCESS_RESULT& result) override { Add(result); }
+};
+
+class ProxyReceiver : public commonutil::GetProxyCompletedCallback, public Awaited<std::string> {
+ public:
+  void onResult(const commonutil::ProxyInfo& proxy) override { Add(proxy.getProxyServer()); }
+};
+
+struct NetArguments {
+  std::vector<std::string> servers;
+  bool overTls = false;
+  bool asJson = false;
+};
+
+NetArguments ParseNet(const std::vector<std::string>& arguments) {
+  NetArguments parsed;
+  for (const std::string& argument : arguments) {
+    if (argument == "--tls") {
+      parsed.overTls = true;
+    } else if (argument == "--json") {
+      parsed.asJson = true;
+    } else if (argument.empty() || argument[0] == '-') {
+      throw UsageError("net knows no " + Quoted(argument) + "; see zelctl --help");
+    } else {
+      parsed.servers.push_back(argument);
+    }
+  }
+  if (parsed.servers.empty() || parsed.servers.size() > kMostServers) {
+    throw UsageError(
+        "net needs one to four servers, each a host name or address, maybe with :PORT");
+  }
+  return parsed;
+}
+
+// By the code of a report.
+const char* DetectText(std::int32_t result) {
+  constexpr const char* kTexts[] = {"answers", "no server", "name unknown", "no answer",
+                                    "not trusted"};
+  const bool isKnown = result >= 0 && result < static_cast<std::int32_t>(std::size(kTexts));
+  return isKnown ? kTexts[result] : "failed";
+}
+
+std::string DetectTable(const std::vector<std::string>& servers,
+                        const std::vector<tagNET_DETECT_PROCESS_RESULT>& reports) {
+  std::vector<std::vector<std::string>> rows = {
+      {"server", "result", "average", "min", "max", "lost", ""}};
+  std::int32_t slowest = 1;
+  for (const auto& report : reports) slowest = std::max(slowest, report.averageDelay);
+  for (std::size_t i = 0; i < servers.size(); ++i) {
+    if (i >= reports.size()) {
+      rows.push_back({servers[i], "unknown"});
+      continue;
+    }
+    const auto& r = reports[i];
+    const auto ms = [&r](std::int32_t delay) {
+      return r.result == 0 ? std::to_string(delay) + " ms" : "-";
+    };
+    rows.push_back({servers[i], DetectText(r.result), ms(r.averageDelay), ms(r.minDelay),
+                    ms(r.maxDelay), std::to_string(r.discard) + " %",
+                    r.result == 0 ? Bar(r.averageDelay, slowest) : ""});
+  }
+  return TableText(rows);
+}
+
+Json::Value DetectJson(const std::vector<std::string>& servers,
+                       const std::vector<tagNET_DETECT_PROCESS_RESULT>& reports) {
+  Json::Value list(Json::arrayValue);
+  for (std::size_t i = 0; i < reports.size(); ++i) {
+    Json::Value& entry = list.append(Json::Value(Json::objectValue));
+    entry["server"] = servers[i];
+    entry["result"] = reports[i].result;
+    entry["text"] = DetectText(reports[i].result);
+    // What was not measured is null.
+    const auto ms = [&](std::int32_t delay) {
+      return reports[i].result == 0 ? Json::Value(delay) : Json::Value();
+    };
+    entry["averageMs"] = ms(reports[i].averageDelay);
+    entry["minMs"] = ms(reports[i].minDelay);
+    entry["maxMs"] = ms(reports[i].maxDelay);
+    entry["lostPercent"] = reports[i].discard;
+  }
+  return list;
+}
+
+struct ProxyArguments {
+  std::string url;
+  commonutil::tagZelUtilProxyInfo proxy{};
+  bool asJson = false;
+};
+
+void SetText(char* field, std::size_t size, const std::string& text) {
+  if (strcpy_s(field, size, text.c_str()) != 0) throw UsageError(Quoted(text) + " is too long");
+}
+
+void SetProxyAddress(const std::string& text, commonutil::tagZelUtilProxyInfo* proxy) {
+  const std::size_t colon = text.rfind(':');
+  const char* const end = text.data() + text.size();
+  unsigned port = 0;
+  const auto [rest, error] = colon == std::string::npos
+                                 ? std::from_chars_result{end, std::errc::invalid_argument}
+                                 : std::from_chars(text.data() + colon + 1, end, port);
+  if (error != std::errc() || rest != end || colon == 0 || port == 0 || port > 65535) {
+    throw UsageError("--proxy needs HOST:PORT, not " + Quoted(text));
+  }
+  SetText(proxy->server, sizeof(proxy->server), text.substr(0, colon));
+  proxy->port = port;
+}
+
+ProxyArguments ParseProxy(const std::vector<std::string>& arguments) {
+  ProxyArguments parsed;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& argument = arguments[i];
+    const bool hasValue = i + 1 < arguments.size();
+    if (argument == "--json") {
+      parsed.asJson = true;
+    } else if (argument == "--proxy" && hasValue) {
+      SetProxyAddress(arguments[++i], &parsed.proxy);
+    } else if (argument == "--user" && hasValue) {
+      SetText(parsed.proxy.userName, sizeof(parsed.proxy.userName), arguments[++i]);
+    } else if (argument.empty() || argument[0] == '-' || !parsed.url.empty()) {
+      throw UsageError("proxy does not take " + Quoted(argument) + "; see zelctl --help");
+    } else {
+      parsed.url = argument;
+    }
+  }
+  if (parsed.url.empty()) throw UsageError("proxy needs the URL to reach");
+  if (const char* const password = std::getenv(kPasswordVariable)) {
+    SetText(parsed.proxy.password, sizeof(parsed.proxy.password), password);
+  }
+  return parsed;
+}
+
+// One way to the URL.
+struct Way {
+  const char* name;
+  int result;  // of the HTTP library
+  unsigned int status;
+  double ms;
+};
+
+Way TryWay(const ProxyArguments& arguments, bool throughProxy) {
+  ORB_HTTP_REQUEST request = {};
+  ORB_HTTP_PROXY proxy = {};
+  SetText(request.url, sizeof(request.url), arguments.url);
+  if (throughProxy) {
+    SetText(proxy.address, sizeof(proxy.address), arguments.proxy.server);
+    SetText(proxy.user, sizeof(proxy.user), arguments.proxy.userName);
+    SetText(proxy.password, sizeof(proxy.password), arguments.proxy.password);
+    proxy.port = static_cast<std::int32_t>(arguments.proxy.port);
+    request.proxy = &proxy;
+  }
+  const Clock::time_point start = Clock::now();
+  const int result = orb_http_syn_send_ex(&request, 0);
+  const std::chrono::duration<double, std::milli> took = Clock::now() - start;
+  PRAX_MemFreeSetNullD(&request.buffer1);
+  PRAX_MemFreeSetNullD(&request.buffer2);
+  (void)memset_s(&proxy, sizeof(proxy), 0, sizeof(proxy));
+  return {throughProxy ? "proxy" : "direct", result, request.status, took.count()};
+}
+
+std::vector<Way> TryWays(const ProxyArguments& arguments) {
+  std::future<Way> direct = std::async(std::launch::async, TryWay, std::cref(arguments), false);
+  std::vector<Way> ways;
+  if (*arguments.proxy.server != '\0') ways.push_back(TryWay(arguments, true));
+  ways.insert(ways.begin(), direct.get());
+  return ways;
+}
+
+// "direct", "proxy", or nothing when no way is known yet.
+std::optional<std::string> Decide(const ProxyArguments& arguments, bool canBeReached,
+                                  const std::atomic<bool>& interrupted) {
+  CommonUtil& facade = CommonUtil::getInst();
+  static ProxyReceiver& receiver = *new ProxyReceiver;
+  (void)facade.SetUserInfo(arguments.proxy, arguments.url.c_str(), arguments.url.size());
+  (void)facade.GetProxy(&receiver);
+  // Nothing ends a question that no way answers.
+  const auto until = canBeReached ? Clock::time_point::max() : Clock::now() + kLook;
+  if (!receiver.Await(1, interrupted, until)) return std::nullopt;
+  return receiver.Values().front().empty() ? "direct" : "proxy";
+}
+
+std::string WaysTable(const std::vector<Way>& ways) {
+  std::vector<std::vector<std::string>> rows = {{"way", "result", "status", "time", ""}};
+  double slowest = 1;
+  for (const Way& way : ways) slowest = std::max(slowest, way.ms);
+  for (const Way& way : ways) {
+    const bool isThrough = way.result == 0;
+    rows.push_back({way.name,
+                    isThrough ? "gets through" : "fails, code " + std::to_string(way.result),
+                    isThrough ? std::to_string(way.status) : "-",
+                    std::to_string(static_cast<long>(way.ms + 0.5)) + " ms", Bar(way.ms, slowest)});
+  }
+  return TableText(rows);
+}
+
+}  // namespace
+
+bool MeasureServers(const std::vector<std::string>& arguments,
+                    const std::atomic<bool>& interrupted) {
+  const NetArguments net = ParseNet(arguments);
+  if (net.overTls) orb_config_ref_set(kTlsSetting, 1);
+  const char* servers[kMostServers] = {};
+  for (std::size_t i = 0; i < net.servers.size(); ++i) servers[i] = net.servers[i].c_str();
+  static DetectReceiver& receiver = *new DetectReceiver;
+  CommonUtil& facade = CommonUtil::getInst();
+  const int set = facade.SetNetDetectSrvs(servers[0], servers[1], servers[2], servers[3], nullptr,
+                                          nullptr, false);
+  if (set != 0 || facade.NetDetect(1, &receiver) != 0) {
+    Complain("the detection does not start");
+    return false;
+  }
+  const bool isWhole = receiver.Await(net.servers.size(), interrupted);
+  const auto reports = receiver.Values();
+  const bool isPrinted = Print(net.asJson ? Json(DetectJson(net.servers, reports))
+                                          : DetectTable(net.servers, reports));
+  return isPrinted && isWhole &&
+         std::all_of(reports.begin(), reports.end(), [](const auto& r) { return r.result == 0; });
+}
+
+bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted) {
+  const ProxyArguments parsed = ParseProxy(arguments);
+  const std::vector<Way> ways = TryWays(parsed);
+  const bool hasProxy = *parsed.proxy.server != '\0';
+  const bool canBeReached =
+      std::any_of(ways.begin(), ways.end(), [](const Way& way) { return way.result == 0; });
+  const std::optional<std::string> decision = Decide(parsed, canBeReached, interrupted);
+  if (parsed.asJson) {
+    Json::Value object(Json::objectValue);
+    for (const Way& way : ways) {
+      object[way.name]["result"] = way.result;
+      object[way.name]["status"] = way.status;
+      object[way.name]["ms"] = way.ms;
+    }
+    object["decision"] = decision ? Json::Value(*decision) : Json::Value();
+    return Print(Json(object)) && canBeReached;
+  }
+  std::string text = WaysTable(ways) + "decision: ";
+  if (!decision) {
+    text += "unknown, no way gets through\n";
+  } else if (!hasProxy) {
+    text += "direct, no proxy is set\n";
+  } else {
+    text += *decision + ", it was the first to get through\n";
+  }
+  return Print(text) && canBeReached;
+}
+
+}  // namespace zelctl
