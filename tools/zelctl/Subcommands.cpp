@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "ConfigCommand.h"
+#include "ExplainCommand.h"
 #include "LogsCommand.h"
 #include "NetworkCommand.h"
 #include "Options.h"
@@ -14,6 +15,8 @@ namespace {
 constexpr Subcommand kSubcommands[] = {
     {"config", ShowConfig,
      "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"},
+    {"explain", ExplainCode,
+     "  zelctl explain CODE [--json]          say what a result code means and what to do\n"},
     {"logs clean", CleanLogs,
      "  zelctl logs clean DIR --days N        remove what was last written more than N days ago\n"
      "                                        (3 to 30 count as given, less as 3, more as 30)\n"},
