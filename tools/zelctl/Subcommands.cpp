@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "CacheCommand.h"
 #include "ConfigCommand.h"
 #include "ExplainCommand.h"
 #include "LogsCommand.h"
@@ -13,6 +14,19 @@ namespace zelctl {
 namespace {
 
 constexpr Subcommand kSubcommands[] = {
+    {"cache list", ListCache,
+     "  zelctl cache list DIR                 list the config cache of a client that does not run\n"
+     "                                        (--values: with the values; --json)\n"},
+    {"cache get", GetCache,
+     "  zelctl cache get DIR KEY              show one entry (--values, --json)\n"},
+    {"cache put", PutCache,
+     "  zelctl cache put DIR KEY VALUE        store an entry; VALUE - is read from standard "
+     "input\n"},
+    {"cache delete", DeleteCache, "  zelctl cache delete DIR KEY           remove an entry\n"},
+    {"cache export", ExportCache,
+     "  zelctl cache export DIR FILE          write the list as JSON to a new file (--values)\n"},
+    {"cache verify", VerifyCache,
+     "  zelctl cache verify DIR               check the whole database (--json)\n"},
     {"config", ShowConfig,
      "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"},
     {"explain", ExplainCode,
