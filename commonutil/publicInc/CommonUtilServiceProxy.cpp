@@ -94,7 +94,7 @@ void CommonUtilService::SendProxyReply(const char* logText, const Json::Value& r
 void CommonUtilService::SetHttpProxy(Json::Value& request, const char*) {
   const Json::Value& received = request;
   const Json::Value& param = received[key::kParam];
-  if (!param.isObject() || !param[key::kHttpProxyPort].isInt()) return;
+  if (!param[key::kHttpProxyPort].isInt()) return;
   const int port = param[key::kHttpProxyPort].asInt();
   if (port == 0) return;
   for (const char* text : {key::kHttpProxyDomain, key::kHttpProxyUser, key::kHttpProxyPassword}) {

@@ -103,7 +103,6 @@ TEST_F(CommandsTest, SetHttpProxyTakesThePortFromParamAndTheTextsBesideIt) {
   const std::string texts = R"("proxy_domain":"d","proxy_user_name":"u","proxy_pwd":"p")";
   for (const std::string& request :
        {R"({"cmd":15,"param":{"proxy_port":0},)" + texts + "}", R"({"cmd":15,)" + texts + "}",
-        R"({"cmd":15,"param":[8080],)" + texts + "}",
         R"({"cmd":15,"param":{"proxy_port":8080,)" + texts + "}}",
         std::string(R"({"cmd":15,"param":{"proxy_port":8080},"proxy_domain":"d",)"
                     R"("proxy_user_name":5,"proxy_pwd":"p"})")}) {
@@ -117,6 +116,11 @@ TEST_F(CommandsTest, SetHttpProxyTakesThePortFromParamAndTheTextsBesideIt) {
   EXPECT_EQ(LastOf(support::NetCalls()).numbers, Numbers{0});
   EXPECT_EQ(support::CountLog("proxy_port is no port: 65536"), 1);
   EXPECT_TRUE(Next().isNull());
+  // The only answer there is: to a "param" that has no keys.
+  for (const char* param : {"\"text\"", "[8080]"}) {
+    const std::string request = std::string(R"({"cmd":15,"param":)") + param + "," + texts + "}";
+    EXPECT_EQ(Ask(request)["src_req"], Parse(request));
+  }
 }
 
 TEST_F(CommandsTest, TheDetectionCommandsReplyWithThePlatformsResult) {
