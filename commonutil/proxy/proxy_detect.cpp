@@ -86,8 +86,9 @@ ProxyDetect& ProxyDetect::GetInstance() {
 }
 
 int ProxyDetect::SetUserInfo(ProxyInfo user, std::string serverURL) {
-  ZEL_LOG_DATA(kInfo) << "<in> proxy=" << user.getProxyServer() << " " << user.getProxyPort() << " "
-                      << user.getProxyAccount() << " psdnum=" << PasswordLength(user)
+  ZEL_LOG_DATA(kInfo) << "<in> proxy=" << WithoutCredentials(user.getProxyServer()) << " "
+                      << user.getProxyPort() << " " << user.getProxyAccount()
+                      << " psdnum=" << PasswordLength(user)
                       << " serverURL=" << WithoutCredentials(serverURL);
   ProxyInfo stored;
   {
@@ -123,7 +124,8 @@ unsigned int ProxyDetect::GetProxy(GetProxyCompletedCallback* callback) {
   }
   switch (found) {
     case kDecided:
-      ZEL_LOG_DATA(kInfo) << "GetProxy return: SUCCESS: " << answer.getProxyServer();
+      ZEL_LOG_DATA(kInfo) << "GetProxy return: SUCCESS: "
+                          << WithoutCredentials(answer.getProxyServer());
       break;
     case kNoProxyNeeded:
       ZEL_LOG(kInfo) << "GetProxy return: No need proxy";
@@ -199,9 +201,9 @@ int ProxyDetect::detectURL(ProxyInfo info) {
   IntelligentAnalyseDoStubToLog(kLogModule, "HTTP", kAnalysisLevel, "detectURL",
                                 "[reqid:%s][resp:%s] status = %d.", request.Id(), shownUrl.c_str(),
                                 status);
-  ZEL_LOG_DATA(kInfo) << "detectproxy=" << info.getProxyServer() << ", port=" << info.getProxyPort()
-                      << ", url=" << shownUrl << ", orb_http_syn_send; ret=" << result
-                      << ", statusCode=" << status;
+  ZEL_LOG_DATA(kInfo) << "detectproxy=" << WithoutCredentials(info.getProxyServer())
+                      << ", port=" << info.getProxyPort() << ", url=" << shownUrl
+                      << ", orb_http_syn_send; ret=" << result << ", statusCode=" << status;
   return result == 0 ? kOk : kFailed;
 }
 

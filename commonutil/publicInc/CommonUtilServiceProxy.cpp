@@ -31,8 +31,9 @@ void CommonUtilService::SetUserInfo(Json::Value& request, const char*) {
                       << ", sno:" << UnsignedOrZero(AsConst(request)[key::kSno])
                       << ", description:" << GetJsonString(request, key::kDescription)
                       << ", serverURL:" << commonutil::WithoutCredentials(serverURL)
-                      << ", proxyServer:" << record.server << ", proxyPort:" << record.port
-                      << ", proxyAccount:" << record.userName << ", proxyAccPswd:";
+                      << ", proxyServer:" << commonutil::WithoutCredentials(record.server)
+                      << ", proxyPort:" << record.port << ", proxyAccount:" << record.userName
+                      << ", proxyAccPswd:";
   const int result =
       commonutil::CommonUtil::getInst().SetUserInfo(record, serverURL.c_str(), serverURL.size());
   (void)memset_s(&record, sizeof(record), 0, sizeof(record));
@@ -77,7 +78,7 @@ void CommonUtilService::SendProxyReply(const char* logText, const Json::Value& r
   ZEL_LOG_DATA(kInfo) << logText << UnsignedOrZero(request[key::kCmd])
                       << ", sno:" << UnsignedOrZero(request[key::kSno])
                       << ", description:" << GetJsonString(request, key::kDescription)
-                      << ", proxyServer:" << proxy.getProxyServer()
+                      << ", proxyServer:" << commonutil::WithoutCredentials(proxy.getProxyServer())
                       << ", proxyPort:" << proxy.getProxyPort()
                       << ", proxyAccount:" << proxy.getProxyAccount()
                       << ", proxyAccPswdNum:" << password.size();

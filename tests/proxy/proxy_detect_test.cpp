@@ -180,6 +180,28 @@ TEST_F(ProxyDetectTest, SendsTheSettingsAndKeepsSecretsOutOfTheLog) {
   }
 }
 
+TEST_F(ProxyDetectTest, NoLineShowsWhatWasPastedIntoAnAddress) {
+  int probes = 0;
+  for (const std::string& address :
+       {"word@h", "user:word@h:1/?next=http://x", "http://a@word@h", "http:/user:word@h",
+        "https:///user:word@h/p", "http://user:word@h?q"}) {
+    ProxyRecorder asked;
+    TestDetect& detect = TestDetect::Make();
+    detect.SetUserInfo(Proxy(address), address);
+    EXPECT_EQ(detect.GetProxy(&asked), kUnfinished);
+    m_probes->Finish(ProxyProbes::kProxied, 0);
+    EXPECT_EQ(asked.Await(1), Servers{address});
+    EXPECT_EQ(detect.GetProxy(&asked), 0U);
+    m_probes->Finish(ProxyProbes::kDirect, 7);
+    probes += 2;
+    AwaitLog("detectproxy=", probes);
+  }
+  for (const std::string& line : support::LogTexts()) {
+    EXPECT_EQ(line.find("word@"), std::string::npos) << line;
+  }
+  EXPECT_EQ(support::CountLog("GetProxy return: SUCCESS: https:///***@h/p"), 1);
+}
+
 TEST_F(ProxyDetectTest, TextsThatDoNotFitAreSentEmptyAndReported) {
   std::string url = "unset";
   std::string account = "unset";
