@@ -72,18 +72,19 @@ int CommonUtil::NetDetect(int type, GetNetDetectCallback* callback) {
 
 void CommonUtil::NetDetectNotify(tagNET_DETECT_PROCESS_RESULT& result) {
   auto* const callback = static_cast<GetNetDetectCallback*>(result.callback);
-  if (callback != nullptr) callback->onResult(result);
+  if (callback != nullptr) AtBoundary([&] { callback->onResult(result); });
 }
 
 int CommonUtil::SetNetDetectSrvs(const char* s1, const char* s2, const char* s3, const char* s4,
                                  const char*, const char*, bool flag) {
   NetDetectServers servers;
-  std::vector<std::string> known;
-  if (GetNetDetectIps(known, flag) == 0 && known.size() >= kFirstKnownServer + servers.kCount) {
-    for (std::size_t i = 0; i < servers.kCount; ++i) {
-      servers.Set(i, known[kFirstKnownServer + i].c_str());
+  std::vector<std::string> list;
+  if (GetNetDetectIps(list, flag) == 0 && list.size() >= kFirstKnownServer + servers.kCount) {
+    NetDetectServers known = servers;
+    for (std::size_t i = 0; i < known.kCount; ++i) {
+      known.Set(i, list[kFirstKnownServer + i].c_str());
     }
-    (void)servers.Apply();  // the caller's addresses win
+    (void)known.Apply();  // the caller's addresses win
   }
   const char* const given[servers.kCount] = {s1, s2, s3, s4};
   for (std::size_t i = 0; i < servers.kCount; ++i) servers.Set(i, TextOrEmpty(given[i]));
@@ -121,13 +122,17 @@ int CommonUtil::QueryAuditTask(unsigned int id, const char* text, void* user) {
 void CommonUtil::OnUploadAuditFileCallback(unsigned int, int, void* callback, const void* result) {
   if (callback == nullptr || result == nullptr) return;
   const auto& answer = *static_cast<const tagLOGIN_AUDIT_UPLOAD_RESULT*>(result);
-  static_cast<AuditTaskCallback*>(callback)->onUpload({answer.code, answer.text1, answer.text2});
+  AtBoundary([&] {
+    static_cast<AuditTaskCallback*>(callback)->onUpload({answer.code, answer.text1, answer.text2});
+  });
 }
 
 void CommonUtil::OnReportAuditTaskCallback(unsigned int id, void* callback, const void* result) {
   if (callback == nullptr || result == nullptr) return;
   const auto& answer = *static_cast<const tagLOGIN_AUDIT_REPORT_RESULT*>(result);
-  static_cast<AuditTaskCallback*>(callback)->onReport({answer.value, answer.text, id});
+  AtBoundary([&] {
+    static_cast<AuditTaskCallback*>(callback)->onReport({answer.value, answer.text, id});
+  });
 }
 
 void CommonUtil::OnQueryAuditTaskCallback(unsigned int, void* callback, const void* result) {

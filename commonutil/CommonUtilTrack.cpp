@@ -77,8 +77,8 @@ int CommonUtil::UTConfigPublicParam(const tagZelUtilPublicParam& param) {
   CommonUtilManager& manager = CommonUtilManager::GetInstance();
   manager.SetDeviceGuid(own.deviceId.c_str());
   (void)manager.GetDeviceGuid();  // says so when it is empty
-  ZEL_LOG(kInfo) << "[UT] channelId:" << FixedText(param.channelId) << "access: " << own.access
-                 << ", version: " << own.version;
+  ZEL_LOG_DATA(kInfo) << "[UT] channelId:" << FixedText(param.channelId) << "access: " << own.access
+                      << ", version: " << own.version;
   UTContextRecord record = {};
   const errno_t errors = FillContext(record, own);
   if (errors != 0) ZEL_LOG(kError) << "secure function return err: " << errors;

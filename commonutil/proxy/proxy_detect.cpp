@@ -169,16 +169,14 @@ void ProxyDetect::ClearProxyData() {
   ClearLocked();
 }
 
+// Both passwords are decrypted whatever else differs: the log tells of each that cannot be.
 bool ProxyDetect::CompareProxy(const ProxyInfo& a, const ProxyInfo& b) {
-  if (a.getProxyServer() != b.getProxyServer() || a.getProxyPort() != b.getProxyPort() ||
-      a.getProxyAccount() != b.getProxyAccount()) {
-    return true;
-  }
   std::string one = a.getProxyPassword();
   const WipeGuard wipeOne(one);
   std::string other = b.getProxyPassword();
   const WipeGuard wipeOther(other);
-  return one != other;
+  return a.getProxyServer() != b.getProxyServer() || a.getProxyPort() != b.getProxyPort() ||
+         a.getProxyAccount() != b.getProxyAccount() || one != other;
 }
 
 bool ProxyDetect::IsInUse(const GetProxyCompletedCallback* callback) {

@@ -1,6 +1,7 @@
 // What callers of the facade implement to receive answers of the platform libraries. Calls come on
 // the answering library's threads; the caller owns the objects and keeps them alive until the
-// answer came. Records and references are valid during the call only.
+// answer came. Records and references are valid during the call only. What a call throws is
+// dropped.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "publicInc/ZelExport.h"
 
@@ -90,11 +91,32 @@ class ZEL_API UTUpLoadParam {
 };
 
 struct UTContextPublicParam {
+  UTContextPublicParam(std::string version_, std::string deviceId_, std::string brand_,
+                       std::string deviceModel_, std::string cpu_, std::string resolution_,
+                       std::string appId_, std::string language_, std::string osName_,
+                       std::string osVersion_, std::string carrier_, std::string access_,
+                       std::string accessSubtype_)
+      : version(std::move(version_)),
+        deviceId(std::move(deviceId_)),
+        brand(std::move(brand_)),
+        deviceModel(std::move(deviceModel_)),
+        cpu(std::move(cpu_)),
+        resolution(std::move(resolution_)),
+        appId(std::move(appId_)),
+        language(std::move(language_)),
+        osName(std::move(osName_)),
+        osVersion(std::move(osVersion_)),
+        carrier(std::move(carrier_)),
+        access(std::move(access_)),
+        accessSubtype(std::move(accessSubtype_)) {}
+
   std::string version, deviceId, brand, deviceModel, cpu, resolution, appId, language, osName,
       osVersion, carrier, access, accessSubtype;
 };
 
 struct UTTanloContextPublicParam {
+  explicit UTTanloContextPublicParam(std::string text_) : text(std::move(text_)) {}
+
   std::string text;
 };
 
@@ -114,6 +136,14 @@ class ZEL_API UTPublicSdkParam {
 };
 
 struct UTContextSpecialParam {
+  UTContextSpecialParam(std::string eventId_, std::string arg1_, std::string arg2_,
+                        std::string arg3_, std::string args_)
+      : eventId(std::move(eventId_)),
+        arg1(std::move(arg1_)),
+        arg2(std::move(arg2_)),
+        arg3(std::move(arg3_)),
+        args(std::move(args_)) {}
+
   std::string eventId, arg1, arg2, arg3, args;
 };
 
