@@ -8,7 +8,9 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import signal
+import sqlite3
 import stat
 import subprocess
 import sys
@@ -254,6 +256,188 @@ class Cache(DataTest):
                   ["cache", "put", self.data, "key"], ["cache", "put", self.data, "a", "b", "--json"]]
         for usage in usages:
             self.fail_with(2, *usage)
+
+
+class Doctor(DataTest):
+    KEYS = [f"key {i}" for i in range(8)]
+
+    def setUp(self):
+        super().setUp()
+        for key in self.KEYS:
+            self.succeed("cache", "put", self.data, key, "-", text=b"x" * 2000)
+        self.original = self.folder / "original"
+        shutil.copytree(self.data, self.original)
+        self.database = self.data / "sdkcache.db"
+        self.salt = self.data / "sdkcache_config.db"
+        self.store = self.data / "zorm/zormStore.dat"
+        self.twin = self.data / "zorm/zormStore_bak.dat"
+
+    def diagnose(self, *options):
+        result = self.run_console("doctor", self.data, "--json", *options)
+        self.assertEqual(result.stderr, b"")
+        answer = json.loads(result.stdout)
+        self.assertEqual(result.returncode, 1 if answer["findings"] else 0)
+        for finding in answer["findings"]:
+            for part in ("problem", "cause", "remedy"):
+                self.assertGreater(len(finding[part]), 10, finding)
+        return answer
+
+    def ids(self, *options):
+        return sorted(finding["id"] for finding in self.diagnose(*options)["findings"])
+
+    def restore(self):
+        shutil.rmtree(self.data)
+        shutil.copytree(self.original, self.data)
+
+    def plain_database(self, *statements):
+        self.database.unlink()
+        with contextlib.closing(sqlite3.connect(self.database)) as database:
+            for statement in statements:
+                database.execute(statement)
+            database.commit()
+        self.database.chmod(0o640)
+
+    def test_a_sound_directory_is_left_alone(self):
+        before = self.content()
+        self.assertEqual(self.succeed("doctor", self.data), "nothing found\n")
+        self.assertEqual(self.succeed("doctor", self.data, "--repair"), "nothing found\n")
+        self.assertEqual(self.content(), before)
+
+    def flip(self, path, offset):
+        content = bytearray(path.read_bytes())
+        content[offset] ^= 1
+        path.write_bytes(content)
+
+    def test_each_damage_is_found_backed_up_and_repaired_for_the_client(self):
+        table = ("CREATE TABLE ConfigCacheTab(AUTOID INTEGER PRIMARY KEY AUTOINCREMENT,"
+                 " KEY VARCHAR(256) NOT NULL, VALUE VARCHAR(512))")
+        index = "CREATE UNIQUE INDEX CONFIGCACHE_UNIQUE_INDEX ON ConfigCacheTab(KEY)"
+        row = "INSERT INTO ConfigCacheTab(KEY, VALUE) VALUES('old', '%s')"
+        line = self.salt.read_text()
+        every, none = set(self.KEYS), set()
+        cases = {  # what is done to the directory, what is found, which entries survive
+            "file of the key store missing": (
+                self.store.unlink, ["key-store-file-missing"], every),
+            "file of the key store damaged": (
+                lambda: self.flip(self.twin, 20), ["key-store-file-damaged"], every),
+            "key store missing": (
+                lambda: shutil.rmtree(self.data / "zorm"), ["key-store-missing"], none),
+            "key store damaged": (
+                lambda: (self.flip(self.store, 20), self.twin.unlink()),
+                ["key-store-damaged"], none),
+            "salt line missing": (self.salt.unlink, ["salt-missing"], none),
+            "salt line empty": (lambda: self.salt.write_text(""), ["salt-missing"], none),
+            "salt line without bar": (
+                lambda: self.salt.write_text(line.replace("|", "")), ["salt-malformed"], none),
+            "salt line with other letters": (
+                lambda: self.salt.write_text("xyz" + line[3:]), ["salt-malformed"], none),
+            "salt line of another key store": (
+                lambda: self.flip(self.salt, 60), ["salt-undecryptable"], none),
+            "salt line edited": (
+                lambda: self.salt.write_text(line + "\n"), ["salt-line-break"], every),
+            "other salt": (lambda: self.flip(self.salt, len(line) - 1),
+                           ["database-unreadable"], none),
+            "first page": (lambda: damage(self.database, 1), ["database-unreadable"], none),
+            "page of the index": (
+                lambda: damage(self.database, 4), ["database-page-damaged"], every),
+            "pages of the table": (
+                lambda: (damage(self.database, 6), damage(self.database, 8)),
+                ["database-page-damaged"], None),
+            "end cut off": (
+                lambda: os.truncate(self.database, self.database.stat().st_size - PAGE_BYTES),
+                ["database-cut-off"], None),
+            "unencrypted": (
+                lambda: self.plain_database(table, index, row % "new"),
+                ["database-older-format"], {"old"}),
+            "without index": (
+                lambda: self.plain_database(table, row % "older", row % "new"),
+                ["database-index-missing", "database-older-format"], {"old"}),
+            "without table": (
+                lambda: self.plain_database("CREATE TABLE Other(A)"),
+                ["database-older-format", "database-table-missing"], none),
+            "without a column": (
+                lambda: self.plain_database(table.replace(", VALUE VARCHAR(512)", ""), index),
+                ["database-older-format", "database-older-format"], none),
+            "modes": (
+                lambda: (self.store.chmod(0o644), self.database.chmod(0o666),
+                         self.data.chmod(0o777)), ["mode-too-open"] * 3, every),
+        }
+        for name, (harm, expected, survivors) in cases.items():
+            with self.subTest(name):
+                self.restore()
+                harm()
+                harmed = self.content()
+                self.assertEqual(self.ids(), expected)
+                self.assertEqual(self.content(), harmed)
+                answer = self.diagnose("--repair")
+                self.assertEqual([f["repaired"] for f in answer["findings"]], [True] * len(expected))
+                self.check_backup(pathlib.Path(answer["backup"]), harmed)
+                self.assertEqual(self.play_client(), 0)
+                self.assertEqual(self.ids(), [])
+                left = self.listed("--values")
+                if survivors is None:  # two entries a page
+                    self.assertLessEqual(set(left), every)
+                    self.assertGreaterEqual(len(left), len(every) - 4)
+                else:
+                    self.assertEqual(set(left), survivors)
+                if survivors == {"old"}:
+                    self.assertEqual(left["old"]["value"], "new")
+
+    def check_backup(self, backup, harmed):
+        """What the repair changed or removed is in the backup as it was, with its mode."""
+        after = self.content()
+        self.assertEqual(mode_of(backup), 0o700)
+        modes = dict(reversed(l.split()) for l in (backup / "modes").read_text().splitlines())
+        for name, (content, mode) in harmed.items():
+            if after.get(name) != (content, mode):
+                self.assertEqual((backup / name).read_bytes(), content)
+                self.assertEqual(int(modes[name], 8), mode)
+
+    def test_a_damaged_page_is_named_with_its_place(self):
+        damage(self.database, page=6)
+        text = self.run_console("doctor", self.data).stdout.decode()
+        self.assertIn("sdkcache.db: damaged page 6 (bytes 20480 to 24575)", text)
+        self.assertTrue(text.endswith("\n1 problem\n"), text)
+
+    def test_what_no_program_can_mend_is_said(self):
+        shutil.rmtree(self.data)
+        self.data.mkdir(mode=0o750)
+        missing = ["database-missing", "key-store-missing", "salt-missing"]
+        self.assertEqual(self.ids(), missing)
+        self.assertEqual(self.ids("--repair"), missing)
+        self.assertEqual(os.listdir(self.data), [])
+        self.restore()
+        self.database.unlink()
+        self.database.mkdir()
+        self.assertEqual(self.ids("--repair"), ["database-unusable", "mode-too-open"])
+        self.assertTrue(self.database.is_dir())
+
+    def test_a_full_disk_is_found_and_stops_the_repair_before_it_begins(self):
+        script = ('mount -t tmpfs -o size=60k,mode=750 none "$1" && cp -a "$2"/zorm "$1" && '
+                  'cp "$2"/sdkcache_config.db "$1" && rm "$1"/zorm/zormStore.dat && '
+                  'chmod 666 "$1"/zorm/zormStore_bak.dat && (cat /dev/zero >"$1"/fill; :) 2>&- && '
+                  '"$3" doctor "$1" --json && exit 9; "$3" doctor "$1" --repair && exit 9; '
+                  'stat -c %a "$1"/zorm/zormStore_bak.dat')
+        place = self.folder / "small"
+        place.mkdir()
+        if subprocess.run(["unshare", "-Urm", "true"], stderr=subprocess.DEVNULL).returncode:
+            self.skipTest("no mounts of one's own are allowed here")
+        command = ["unshare", "-Urm", "sh", "-c", script, "sh", place, self.data, ZELCTL]
+        result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                timeout=DEADLINE, check=False)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertIn('"disk-full"', result.stdout.decode())
+        self.assertIn("nothing was changed", result.stderr.decode())
+        self.assertEqual(result.stdout.decode().splitlines()[-1], "666")
+
+    def test_a_running_client_is_not_examined(self):
+        with self.running_client() as client:
+            for options in ([], ["--repair"]):
+                self.fail_with(1, "doctor", self.data, *options, says=f"process {client.pid}")
+
+    def test_wrong_usage_is_one_line(self):
+        for usage in [[], ["nowhere"], [self.data, self.data], [self.data, "--mend"]]:
+            self.fail_with(2, "doctor", *usage)
 
 
 if __name__ == "__main__":

@@ -140,6 +140,7 @@ class CacheCopy {
     if (m_key.state != KeyState::kReady) Refuse(directory, ReasonOf(m_key.state));
     CacheFile file(m_staged.Of(kDatabaseFile), m_key.key);
     if (file.GetState() != CacheFile::State::kOpen) Refuse(directory, ReasonOf(file.GetState()));
+    if (file.IsCutOff()) Refuse(directory, "its database is cut off");
     if (!file.HasTable() || !file.HasColumns()) Refuse(directory, "its table is missing");
   }
 

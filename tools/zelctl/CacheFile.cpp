@@ -17,6 +17,7 @@ namespace fs = std::filesystem;
 
 constexpr char kPlainHeader[] = "SQLite format 3";
 constexpr char kProbeSql[] = "SELECT count(*) FROM sqlite_master";
+constexpr char kTakeWhatThereIsSql[] = "PRAGMA writable_schema = ON";
 constexpr char kCheckSql[] = "PRAGMA integrity_check";
 constexpr char kColumnsSql[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab LIMIT 0";
 constexpr char kRowsSql[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab NOT INDEXED ";
@@ -127,7 +128,11 @@ CacheFile::State CacheFile::Open(const std::string& path, const std::string& key
     return State::kFailed;
   }
   if (!isPlain) SetKey(m_database, key);
-  if (!Run(m_database, kProbeSql)) return State::kUnreadable;
+  if (!Run(m_database, kProbeSql)) {
+    // SQLite refuses a file that lacks pages unless it is told to take what there is.
+    m_isCutOff = Run(m_database, kTakeWhatThereIsSql) && Run(m_database, kProbeSql);
+    if (!m_isCutOff) return State::kUnreadable;
+  }
   return isPlain ? State::kUnencrypted : State::kOpen;
 }
 

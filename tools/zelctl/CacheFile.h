@@ -45,6 +45,9 @@ class CacheFile {
   State GetState() const { return m_state; }
   bool CanRead() const { return m_state == State::kOpen || m_state == State::kUnencrypted; }
 
+  // It can be read, but ends before its last page: no client would open it.
+  bool IsCutOff() const { return m_isCutOff; }
+
   // The rest needs a file that can be read.
   CacheCheck Check();
   bool HasTable();
@@ -65,7 +68,8 @@ class CacheFile {
   bool ReadRows(const std::string& condition, std::vector<CacheRow>* rows);
 
   sqlite3* m_database = nullptr;
-  State m_state;
+  bool m_isCutOff = false;
+  State m_state;  // its initialisation sets the others
 };
 
 }  // namespace zelctl

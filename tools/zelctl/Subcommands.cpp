@@ -4,6 +4,7 @@
 
 #include "CacheCommand.h"
 #include "ConfigCommand.h"
+#include "DoctorCommand.h"
 #include "ExplainCommand.h"
 #include "LogsCommand.h"
 #include "NetworkCommand.h"
@@ -29,6 +30,10 @@ constexpr Subcommand kSubcommands[] = {
      "  zelctl cache verify DIR               check the whole database (--json)\n"},
     {"config", ShowConfig,
      "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"},
+    {"doctor", RunDoctor,
+     "  zelctl doctor DIR [--repair]          say what is wrong with the data of a client that "
+     "does\n"
+     "                                        not run, and mend it (--json)\n"},
     {"explain", ExplainCode,
      "  zelctl explain CODE [--json]          say what a result code means and what to do\n"},
     {"logs clean", CleanLogs,
