@@ -554,6 +554,49 @@ class NetworkCommands(ZelctlTest):
             self.assert_diagnostic(result)
 
 
+class LogView(ZelctlTest):
+    LINE = "2026-11-21 10:00:0%d.000 1 %s [%s] [a b:1] %s"
+
+    def setUp(self):
+        super().setUp()
+        self.logs = self.folder / "log"
+        self.logs.mkdir()
+        (self.logs / "a.txt").write_text("\n".join([
+            self.LINE % (1, "I", "a", "one"), self.LINE % (4, "E", "a", "four"), "  more"]) + "\n")
+        (self.logs / "a.1.txt").write_text(self.LINE % (0, "D", "a", "zero") + "\n")
+        (self.logs / "b.txt").write_text(self.LINE % (2, "W", "b", "two") + "\n")
+        (self.logs / "c.txt").symlink_to("/dev/zero")
+
+    def view(self, *arguments):
+        result = self.run_console("logs", "view", self.logs, *arguments)
+        self.assertEqual((result.returncode, result.stderr), (0, b""), arguments)
+        return [line.split("] ")[-1] for line in result.stdout.decode().splitlines()]
+
+    def test_lines_are_merged_by_time_and_chosen(self):
+        self.assertEqual(self.view(), ["zero", "one", "two", "four", "  more"])
+        self.assertEqual(self.view("--module", "b"), ["two"])
+        self.assertEqual(self.view("--level", "W"), ["two", "four", "  more"])
+        self.assertEqual(self.view("--since", "2026-11-21 10:00:02"), ["two", "four", "  more"])
+        self.assertEqual(self.view("--until", "2026-11-21 10:00:01"), ["zero", "one"])
+
+    def test_wrong_usage_is_one_line(self):
+        for arguments in [[], [self.logs, "x"], ["missing"], [self.logs, "--level", "X"],
+                          [self.logs, "--since", "today"], [self.logs, "--module"]]:
+            result = self.run_console("logs", "view", *arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+            self.assert_diagnostic(result)
+
+    def test_following_shows_what_comes(self):
+        command = [ZELCTL, "logs", "view", str(self.logs), "-f", "--module", "b"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as console:
+            self.assertIn("two", console.stdout.readline())
+            with open(self.logs / "b.txt", "a") as log:
+                log.write(self.LINE % (5, "I", "b", "five") + "\n")
+            self.assertIn("five", console.stdout.readline())
+            console.send_signal(signal.SIGINT)
+            self.assertEqual(console.wait(DEADLINE), 0)
+
+
 class Config(ZelctlTest):
     def test_settings_are_shown_as_the_library_reads_them(self):
         (self.folder / "config.txt").write_bytes(b"b=2 \nno sign\na=1=1\nb=3\nempty=")

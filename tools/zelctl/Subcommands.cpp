@@ -6,6 +6,7 @@
 #include "ConfigCommand.h"
 #include "DoctorCommand.h"
 #include "ExplainCommand.h"
+#include "LogView.h"
 #include "LogsCommand.h"
 #include "NetworkCommand.h"
 #include "Options.h"
@@ -39,6 +40,9 @@ constexpr Subcommand kSubcommands[] = {
     {"logs clean", CleanLogs,
      "  zelctl logs clean DIR --days N        remove what was last written more than N days ago\n"
      "                                        (3 to 30 count as given, less as 3, more as 30)\n"},
+    {"logs view", ViewLogs,
+     "  zelctl logs view DIR [-f] [--module NAME] [--level E|W|I|D] [--since TIME] [--until TIME]\n"
+     "                                        the lines of all modules, merged by their time\n"},
     {"logs watch", WatchLogs,
      "  zelctl logs watch DIR [--seconds N]   print new lines of DIR's module logs\n"},
     {"net", MeasureServers,
