@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <optional>
 #include <system_error>
 
 #include "DataFiles.h"
@@ -40,15 +39,16 @@ bool HasOpen(const fs::path& process, const struct stat& file) {
   return false;
 }
 
-// The id of a process that has the file open, "" without one.
+// The id of another process that has the file open, "" without one.
 std::string ProcessWith(const std::string& path) {
   struct stat file;
   if (::stat(path.c_str(), &file) != 0) return "";
+  const std::string own = std::to_string(::getpid());
   std::error_code error;
   for (fs::directory_iterator entry("/proc", error), end; !error && entry != end;
        entry.increment(error)) {
     const std::string name = entry->path().filename();
-    if (IsNumber(name) && HasOpen(entry->path(), file)) return name;
+    if (IsNumber(name) && name != own && HasOpen(entry->path(), file)) return name;
   }
   return "";
 }
@@ -81,9 +81,7 @@ void DirectoryLock::Acquire(const std::string& directory, const char* name) {
   m_descriptors.push_back(descriptor);
   if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
   const std::string process = ProcessWith(path);
-  Refuse(directory, process.empty() || process == std::to_string(::getpid())
-                        ? "a running client"
-                        : "process " + process);
+  Refuse(directory, process.empty() ? "a running client" : "process " + process);
 }
 
 }  // namespace zelctl
