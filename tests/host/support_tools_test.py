@@ -261,12 +261,20 @@ class Cache(DataTest):
 class Doctor(DataTest):
     KEYS = [f"key {i}" for i in range(8)]
 
+    @classmethod
+    def setUpClass(cls):
+        cls.kept = tempfile.TemporaryDirectory(prefix="support_tools_test.")
+        cls.addClassCleanup(cls.kept.cleanup)
+        cls.original = pathlib.Path(cls.kept.name) / "original"
+
     def setUp(self):
         super().setUp()
-        for key in self.KEYS:
-            self.succeed("cache", "put", self.data, key, "-", text=b"x" * 2000)
-        self.original = self.folder / "original"
-        shutil.copytree(self.data, self.original)
+        if self.original.exists():
+            self.restore()
+        else:
+            for key in self.KEYS:
+                self.succeed("cache", "put", self.data, key, "-", text=b"x" * 2000)
+            shutil.copytree(self.data, self.original)
         self.database = self.data / "sdkcache.db"
         self.salt = self.data / "sdkcache_config.db"
         self.store = self.data / "zorm/zormStore.dat"
