@@ -36,6 +36,10 @@ def damage(database, page):
     database.write_bytes(content)
 
 
+def other_digit(line, place):
+    return line[:place] + ("1" if line[place] == "0" else "0") + line[place + 1:]
+
+
 class SupportTest(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="support_tools_test.")
@@ -340,7 +344,7 @@ class Doctor(DataTest):
             "salt line with other letters": (
                 lambda: self.salt.write_text("xyz" + line[3:]), ["salt-malformed"], none),
             "salt line of another key store": (
-                lambda: self.flip(self.salt, 60), ["salt-undecryptable"], none),
+                lambda: self.salt.write_text(other_digit(line, 60)), ["salt-undecryptable"], none),
             "salt line edited": (
                 lambda: self.salt.write_text(line + "\n"), ["salt-line-break"], every),
             "other salt": (lambda: self.flip(self.salt, len(line) - 1),
