@@ -7,15 +7,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <future>
-#include <iostream>
 #include <mutex>
 #include <optional>
 
-#include <json/writer.h>
+#include <json/value.h>
 
 #include "CommonUtil.h"
 #include "Options.h"
-#include "Table.h"
+#include "Report.h"
 #include "Text.h"
 #include "config/config_ref.h"
 #include "publicInc/CommonUtilCallbacks.h"
@@ -36,17 +35,11 @@ constexpr int kTlsSetting = 69;
 constexpr auto kLook = milliseconds(50);  // between two looks for an interruption
 constexpr char kPasswordVariable[] = "ZEL_PROXY_PASSWORD";
 
-bool Print(const std::string& text) {
-  std::cout << text << std::flush;
-  if (std::cout) return true;
-  Complain("cannot write to standard output");
-  return false;
-}
-
-std::string Json(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value) + '\n';
+// A bar for `value` of `largest`, 20 characters at most; empty for 0.
+std::string Bar(double value, double largest) {
+  constexpr double kWidth = 20;
+  if (value <= 0 || largest <= 0) return "";
+  return std::string(static_cast<std::size_t>(std::max(1.0, kWidth * value / largest)), '#');
 }
 
 // Waits for something that comes on another thread, until `interrupted`.
@@ -127,24 +120,30 @@ const char* DetectText(std::int32_t result) {
 
 std::string DetectTable(const std::vector<std::string>& servers,
                         const std::vector<tagNET_DETECT_PROCESS_RESULT>& reports) {
-  std::vector<std::vector<std::string>> rows = {
-      {"server", "result", "average", "min", "max", "lost", ""}};
+  constexpr auto kRight = Table::Align::kRight;
+  Table table({{"server"},
+               {"result"},
+               {"average", kRight},
+               {"min", kRight},
+               {"max", kRight},
+               {"lost", kRight},
+               {""}});
   std::int32_t slowest = 1;
   for (const auto& report : reports) slowest = std::max(slowest, report.averageDelay);
   for (std::size_t i = 0; i < servers.size(); ++i) {
     if (i >= reports.size()) {
-      rows.push_back({servers[i], "unknown"});
+      table.Add({servers[i], "unknown", "-", "-", "-", "-", ""});
       continue;
     }
     const auto& r = reports[i];
     const auto ms = [&r](std::int32_t delay) {
       return r.result == 0 ? std::to_string(delay) + " ms" : "-";
     };
-    rows.push_back({servers[i], DetectText(r.result), ms(r.averageDelay), ms(r.minDelay),
-                    ms(r.maxDelay), std::to_string(r.discard) + " %",
-                    r.result == 0 ? Bar(r.averageDelay, slowest) : ""});
+    table.Add({servers[i], DetectText(r.result), ms(r.averageDelay), ms(r.minDelay), ms(r.maxDelay),
+               std::to_string(r.discard) + " %",
+               r.result == 0 ? Bar(r.averageDelay, slowest) : ""});
   }
-  return TableText(rows);
+  return table.Text();
 }
 
 Json::Value DetectJson(const std::vector<std::string>& servers,
@@ -265,17 +264,17 @@ std::optional<std::string> Decide(const ProxyArguments& arguments, bool canBeRea
 }
 
 std::string WaysTable(const std::vector<Way>& ways) {
-  std::vector<std::vector<std::string>> rows = {{"way", "result", "status", "time", ""}};
+  constexpr auto kRight = Table::Align::kRight;
+  Table table({{"way"}, {"result"}, {"status", kRight}, {"time", kRight}, {""}});
   double slowest = 1;
   for (const Way& way : ways) slowest = std::max(slowest, way.ms);
   for (const Way& way : ways) {
     const bool isThrough = way.result == 0;
-    rows.push_back({way.name,
-                    isThrough ? "gets through" : "fails, code " + std::to_string(way.result),
-                    isThrough ? std::to_string(way.status) : "-",
-                    std::to_string(static_cast<long>(way.ms + 0.5)) + " ms", Bar(way.ms, slowest)});
+    table.Add({way.name, isThrough ? "gets through" : "fails, code " + std::to_string(way.result),
+               isThrough ? std::to_string(way.status) : "-",
+               std::to_string(static_cast<long>(way.ms + 0.5)) + " ms", Bar(way.ms, slowest)});
   }
-  return TableText(rows);
+  return table.Text();
 }
 
 }  // namespace
@@ -296,7 +295,7 @@ bool MeasureServers(const std::vector<std::string>& arguments,
   }
   const bool isWhole = receiver.Await(net.servers.size(), interrupted);
   const auto reports = receiver.Values();
-  const bool isPrinted = Print(net.asJson ? Json(DetectJson(net.servers, reports))
+  const bool isPrinted = Print(net.asJson ? JsonText(DetectJson(net.servers, reports))
                                           : DetectTable(net.servers, reports));
   return isPrinted && isWhole &&
          std::all_of(reports.begin(), reports.end(), [](const auto& r) { return r.result == 0; });
@@ -317,7 +316,7 @@ bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>
       object[way.name]["ms"] = way.ms;
     }
     object["decision"] = decision ? Json::Value(*decision) : Json::Value();
-    return Print(Json(object)) && canBeReached;
+    return Print(JsonText(object)) && canBeReached;
   }
   std::string text = WaysTable(ways) + "decision: ";
   if (!decision) {
