@@ -24,16 +24,18 @@ lacks_input() {
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" release --target zelctl -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF
 
-arguments=(--loopback)
+loopback=(--loopback)
+arguments=()
 for argument in "$@"; do
   if [[ $argument == --no-loopback ]]; then
-    arguments=("${arguments[@]:1}")
+    loopback=()
   else
     arguments+=("$argument")
   fi
 done
-if lacks_input "$@"; then
+if lacks_input ${arguments[@]+"${arguments[@]}"}; then
   arguments+=("$root/examples/first-session.jsonl")
 fi
+arguments=(${loopback[@]+"${loopback[@]}"} "${arguments[@]}")
 echo "run: zelctl ${arguments[*]}" >&2
 exec "$root/build/release/bin/zelctl" "${arguments[@]}"
