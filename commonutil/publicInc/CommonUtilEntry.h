@@ -61,7 +61,8 @@ ZEL_API int ProcessRecvMsg(char* message);
 
 /*
  * Waits for a reply or notification: 1 when one waits or arrives within `timeoutMs`
- * milliseconds, 0 when not, and at once without a service. Takes nothing. Any thread.
+ * milliseconds, 0 when not, and at once without a service; one that is shut down meanwhile ends
+ * the wait within a moment. Takes nothing. Any thread.
  */
 ZEL_API int CommonUtilWaitExportMsg(unsigned int timeoutMs);
 

@@ -1,5 +1,6 @@
 #include "publicInc/ServiceHost.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -16,6 +17,8 @@ namespace {
 constexpr char kLogFile[] = "commonutil/publicInc/CommonUtilService";
 constexpr char kThreadName[] = "CommonUtilService";
 constexpr unsigned int kIdlePollMs = 5;
+// How soon one who waits for a message notices that the service has gone.
+constexpr long long kLookForServiceMs = 100;
 
 void WipeAndFree(char* message) {
   const std::size_t length = std::strlen(message);
@@ -140,10 +143,11 @@ bool ServiceHost::WaitForExport(unsigned int timeoutMs) {
   for (;;) {
     if (!outbound.IsEmpty()) return true;
     const auto left = until - std::chrono::steady_clock::now();
-    if (left <= left.zero()) return false;
+    if (left <= left.zero() || Pin() != service) return false;
     // Rounded up, so that the last wait is no busy one.
     const auto leftMs = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-    if (!m_signal.Wait(static_cast<unsigned int>(leftMs))) continue;
+    const auto slice = std::min<long long>(leftMs, kLookForServiceMs);
+    if (!m_signal.Wait(static_cast<unsigned int>(slice))) continue;
     if (!outbound.IsEmpty()) return true;
     m_signal.Lower();  // it was up for a message that is gone
     if (!outbound.IsEmpty()) m_signal.KeepUp();

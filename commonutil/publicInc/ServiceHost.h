@@ -38,7 +38,8 @@ class ServiceHost {
 
   // Raised while messages of the service wait for the host.
   ExportSignal& Signal() { return m_signal; }
-  // True when a message waits for the host or comes in time; false at once without a service.
+  // True when a message waits for the host or comes in time; false without a service, also when it
+  // goes meanwhile.
   bool WaitForExport(unsigned int timeoutMs);
 
  private:

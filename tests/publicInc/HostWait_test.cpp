@@ -2,6 +2,7 @@
 #include <poll.h>
 
 #include <atomic>
+#include <climits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -100,6 +101,13 @@ TEST_F(HostWaitTest, NoMessageIsMissedByAWaitingHost) {
     EXPECT_EQ(taken.load(), kMessages);
     importer.join();
   }
+}
+
+// Hangs where the wait outlives the service.
+TEST_F(HostWaitTest, AShutDownEndsTheWait) {
+  std::thread waiting([] { EXPECT_EQ(CommonUtilWaitExportMsg(UINT_MAX), 0); });
+  CommonUtilServiceShutDown();
+  waiting.join();
 }
 
 TEST_F(HostWaitTest, CountsWhatWentThrough) {
