@@ -24,7 +24,7 @@ class TrackUploader::Work {
  public:
   Work(std::shared_ptr<TrackSpool> spool, std::shared_ptr<TrackTransport> transport,
        const TrackUploadOptions& options)
-      : m_options(options), m_spool(std::move(spool)), m_transport(std::move(transport)) {}
+      : m_options(options), m_transport(std::move(transport)), m_spool(std::move(spool)) {}
 
   void Run();
   void Request();
@@ -50,11 +50,11 @@ class TrackUploader::Work {
   void Tell(const std::string& text) const;
 
   const TrackUploadOptions m_options;
-  const std::shared_ptr<TrackSpool> m_spool;
   const std::shared_ptr<TrackTransport> m_transport;
 
   // Owned by the thread.
-  std::string m_carried;  // an encoded event that the batch before had no room for
+  std::shared_ptr<TrackSpool> m_spool;  // let go at the thread's end
+  std::string m_carried;                // an encoded event that the batch before had no room for
   TrackPosition m_carriedEnd;
   std::uint32_t m_failures = 0;
   std::minstd_rand m_random{std::random_device()()};
@@ -100,6 +100,7 @@ bool TrackUploader::Work::WaitForEnd(milliseconds patience) {
 void TrackUploader::Work::Run() {
   (void)::pthread_setname_np(::pthread_self(), kThreadName);  // a name is a help, no more
   while (WaitUntilDue()) DrainSafely();
+  m_spool.reset();  // who waits for the end may open the spool anew
   const std::lock_guard<std::mutex> hold(m_lock);
   m_ended = true;
   m_changed.notify_all();

@@ -517,6 +517,7 @@ TEST_F(TrackTest, LosesNothingWhileThreadsTrackAndTheLibraryRestarts) {
   for (const Json::Value& event : events) {
     EXPECT_TRUE(seen.emplace(event["session"].asString(), event["sequence"].asUInt64()).second);
   }
+  ASSERT_FALSE(events.empty());
   EXPECT_EQ(events.back()["args"], "last");
 }
 
