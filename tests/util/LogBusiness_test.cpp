@@ -88,6 +88,7 @@ TEST_F(LogBusinessTest, TheLevelIsPassedToDnsBeforeTheBridgesAreRegistered) {
   EXPECT_EQ(LogBusiness::GetDnsLogLeveFromLogger(LOGGER_LEVEL_WARNING), 4);
   EXPECT_EQ(LogBusiness::GetDnsLogLeveFromLogger(LOGGER_LEVEL_INFO), 5);
   EXPECT_EQ(LogBusiness::GetDnsLogLeveFromLogger(LOGGER_LEVEL_DEBUG), 5);
+  EXPECT_EQ(LogBusiness::GetDnsLogLeveFromLogger(static_cast<tagLoggerLevel>(-7)), 5);
 
   LogBusiness::SetLogPath("/tmp/b/", LOGGER_LEVEL_WARNING);
   std::string calls;
@@ -144,6 +145,12 @@ TEST_F(LogBusinessTest, BridgesWriteTheTextUnchanged) {
       {[] { OsAdapaterDotLog(PRAX_OS_LOG_3, "100% text"); }, "native_sdk", 0, 0,
        "OsAdapaterDotLog"},
   };
+  for (const int level : {-1, 4, 1000}) {  // levels that nobody knows write nothing
+    support::ClearLog();
+    TimerDotLog(static_cast<_PRAX_E_TimerLogLv>(level), "text");
+    OsAdapaterDotLog(static_cast<_PRAX_OS_LOG_LEVEL>(level), "text");
+    EXPECT_TRUE(support::LogLines().empty()) << level;
+  }
   for (const BridgeRow& row : rows) {
     support::ClearLog();
     row.send();

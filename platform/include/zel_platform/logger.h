@@ -13,7 +13,7 @@
 
 #include "zel_platform/platform_export.h"
 
-enum tagLoggerLevel {
+enum tagLoggerLevel : int {
   LOGGER_LEVEL_ERROR = 0,
   LOGGER_LEVEL_WARNING = 1,
   LOGGER_LEVEL_INFO = 2,

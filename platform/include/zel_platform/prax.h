@@ -23,7 +23,7 @@ typedef sem_t PRAX_SEM;
 typedef void* (*PRAX_ThreadEntry)(void*);
 typedef struct stat PRAX_STAT;
 
-enum _PRAX_E_TimerLogLv {
+enum _PRAX_E_TimerLogLv : int {
   PRAX_TIMER_LOG_ERROR = 0,
   PRAX_TIMER_LOG_1 = 1,
   PRAX_TIMER_LOG_2 = 2,
@@ -31,7 +31,7 @@ enum _PRAX_E_TimerLogLv {
 };
 
 // The higher the value, the more severe.
-enum _PRAX_OS_LOG_LEVEL {
+enum _PRAX_OS_LOG_LEVEL : int {
   PRAX_OS_LOG_0 = 0,
   PRAX_OS_LOG_1 = 1,
   PRAX_OS_LOG_2 = 2,
