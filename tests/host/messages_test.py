@@ -74,7 +74,7 @@ class MessagesTest(unittest.TestCase):
                 env={**os.environ, "ZEL_MESSAGE_LOG": str(log)},
                 stdout=subprocess.DEVNULL,
                 timeout=DEADLINE,
-                check=True,
+                check=False,  # their own run tells whether they pass
             )
             sent = [json.loads(line) for line in log.read_text(encoding="utf-8").splitlines()]
         # The tests compose one reply with a payload of their own.
