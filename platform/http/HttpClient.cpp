@@ -283,7 +283,7 @@ void ReadOutcome(CURL* handle, HttpAnswer* answer) {
   (void)curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);  // 0 when it cannot tell
   (void)curl_easy_getinfo(handle, CURLINFO_RETRY_AFTER, &seconds);
   answer->status = static_cast<std::uint32_t>(status);
-  answer->retryAfterSeconds = seconds;
+  answer->retryAfterSeconds = std::max<std::int64_t>(seconds, 0);  // a date may lie in the past
 }
 
 std::string NameOf(const HttpCall& call) {

@@ -95,7 +95,7 @@ bool ReadTrackFileName(const std::string& name, std::uint64_t* number, TrackSalt
   }
   *number = 0;
   for (const unsigned char byte : bytes) *number = *number << 8 | byte;
-  return name == TrackFileName(*number, *salt);
+  return *number <= kHighestTrackFile && name == TrackFileName(*number, *salt);
 }
 
 int MakeTrackFile(const std::string& path) {

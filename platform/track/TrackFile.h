@@ -15,6 +15,9 @@
 
 using TrackSalt = std::array<unsigned char, 16>;
 
+// Counting never comes this far: a number above it is not this library's.
+constexpr std::uint64_t kHighestTrackFile = UINT64_MAX / 2;
+
 std::string TrackFileName(std::uint64_t number, const TrackSalt& salt);
 // False for a name that TrackFileName does not give.
 [[nodiscard]] bool ReadTrackFileName(const std::string& name, std::uint64_t* number,

@@ -50,7 +50,8 @@ bool TrackSpool::Open(std::int64_t nowMs) {
   return true;
 }
 
-// A position that cannot be read is the beginning: better twice than never.
+// A position that cannot be read is the beginning: better twice than never. So is one that leaves
+// no numbers for the files to come.
 void TrackSpool::ReadPositionLocked() {
   unsigned char bytes[kPositionCapacity + 1] = {};
   std::size_t length = 0;
@@ -64,7 +65,7 @@ void TrackSpool::ReadPositionLocked() {
   char end = '\0';
   if (::sscanf(reinterpret_cast<const char*>(bytes), "%16llx %16llx %16llx%c", &file, &offset,
                &record, &end) != 4 ||
-      end != '\n') {
+      end != '\n' || file > kHighestTrackFile / 2) {
     return;
   }
   m_accepted = {file, offset, record};
