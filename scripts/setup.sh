@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what the build needs and fetches the encrypting SQLite. Does nothing, and needs
 # neither root nor a network, when everything is there.
-#   scripts/setup.sh           to build and run
-#   scripts/setup.sh --tests   to build and run the tests too
+#   scripts/setup.sh              to build and run
+#   scripts/setup.sh --tests      to build and run the tests too
+#   scripts/setup.sh --campaign   to run scripts/campaign.sh too
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -13,6 +14,8 @@ readonly build_packages=(g++ cmake make pkg-config ca-certificates libjsoncpp-de
 readonly test_packages=(libgtest-dev libbenchmark-dev libreaderwriterqueue-dev libsqlite3-dev
   python3 python3-jsonschema python3-yaml python3-protobuf clang binutils dpkg-dev file
   abigail-tools findutils squid tinyproxy nginx-light coturn openssl)
+# The fuzzer's runtime belongs to its version of clang.
+readonly campaign_packages=(clang libclang-rt-14-dev)
 
 # The page-encrypting SQLite amalgamation, as this npm package carries it.
 readonly sqlite_package=better-sqlite3-multiple-ciphers@12.11.1
@@ -99,8 +102,9 @@ fetch_sqlite() {
 case "$#:${1:-}" in
   0:) install_packages "${build_packages[@]}" ;;
   1:--tests) install_packages "${build_packages[@]}" "${test_packages[@]}" ;;
+  1:--campaign) install_packages "${build_packages[@]}" "${test_packages[@]}" "${campaign_packages[@]}" ;;
   *)
-    echo "usage: scripts/setup.sh [--tests]" >&2
+    echo "usage: scripts/setup.sh [--tests | --campaign]" >&2
     exit 2
     ;;
 esac

@@ -326,6 +326,8 @@ HttpAnswer HttpSend(const HttpCall& call) {
   if (code == CURLE_WRITE_ERROR && sink.HasEnough()) code = CURLE_OK;
   if (code != CURLE_OK) return Failed(NameOf(call), code);
   ReadOutcome(handle.get(), &answer);
+  // Interim answers and then something else pass for an answer with libcurl.
+  if (answer.status == 0) return Failed(NameOf(call), CURLE_WEIRD_SERVER_REPLY);
   return answer;
 }
 

@@ -50,8 +50,8 @@ bool TrackSpool::Open(std::int64_t nowMs) {
   return true;
 }
 
-// A position that cannot be read is the beginning: better twice than never. So is one that leaves
-// no numbers for the files to come.
+// A position that cannot be read is the beginning: better twice than never. So is one that counting
+// never reaches, which would leave no numbers for what is to come.
 void TrackSpool::ReadPositionLocked() {
   unsigned char bytes[kPositionCapacity + 1] = {};
   std::size_t length = 0;
@@ -65,7 +65,7 @@ void TrackSpool::ReadPositionLocked() {
   char end = '\0';
   if (::sscanf(reinterpret_cast<const char*>(bytes), "%16llx %16llx %16llx%c", &file, &offset,
                &record, &end) != 4 ||
-      end != '\n' || file > kHighestTrackFile / 2) {
+      end != '\n' || std::max({file, offset, record}) > kHighestTrackFile / 2) {
     return;
   }
   m_accepted = {file, offset, record};
@@ -102,7 +102,13 @@ bool TrackSpool::ScanFileLocked(File* file) {
                                             m_limits.bytes + m_limits.fileBytes);
   std::string bytes;
   if (ReadTrackFile(file->path, 0, size, &bytes) != 0) return false;
+  // Damage before the position is not looked at: it would hide records behind it.
   std::size_t offset = 0;
+  if (file->number == m_accepted.file) {
+    offset = std::min<std::uint64_t>(m_accepted.offset, bytes.size());
+    file->records = m_accepted.record;
+  }
+  file->bytes = offset;
   while (const std::size_t frame = FindTrackFrame(bytes, &offset)) {
     offset += frame;
     file->bytes = offset;
