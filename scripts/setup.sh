@@ -102,7 +102,9 @@ fetch_sqlite() {
 case "$#:${1:-}" in
   0:) install_packages "${build_packages[@]}" ;;
   1:--tests) install_packages "${build_packages[@]}" "${test_packages[@]}" ;;
-  1:--campaign) install_packages "${build_packages[@]}" "${test_packages[@]}" "${campaign_packages[@]}" ;;
+  1:--campaign)
+    install_packages "${build_packages[@]}" "${test_packages[@]}" "${campaign_packages[@]}"
+    ;;
   *)
     echo "usage: scripts/setup.sh [--tests | --campaign]" >&2
     exit 2
