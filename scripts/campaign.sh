@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# Searches for inputs that break the library: every fuzz target in turn, the time shared evenly.
-# Keeps findings in fuzz/findings/<target>, where the ordinary tests replay them, and then ends
-# with 1. What the search learnt stays in build/fuzz/corpus, so the next one goes on from there.
-#   scripts/campaign.sh                an hour
+# Tries what can go wrong: searches for inputs that break the library.
+#   scripts/campaign.sh              an hour
 #   scripts/campaign.sh --minutes N
-#   scripts/campaign.sh --short        a minute
+#   scripts/campaign.sh --short      a minute
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -21,59 +19,4 @@ case "$#:${1:-}" in
     ;;
 esac
 
-readonly limits=(-max_len=4096 -rss_limit_mb=1024 -timeout=20)
-readonly corpora=$root/build/fuzz/corpus
-readonly logs=$root/build/fuzz/campaign
-
-"$root/scripts/setup.sh" --campaign
-"$root/scripts/build.sh" fuzz --target fuzz_targets
-
-# The targets write small files all the time: in memory where that can be.
-memory=/dev/shm
-[[ -w $memory ]] || memory=${TMPDIR:-/tmp}
-work=$(mktemp -d "$memory/zel-campaign-XXXXXX")
-trap 'rm -rf "$work"' EXIT
-
-# The last number behind `name` in the log of a target; "-" without one.
-last_number() {
-  grep -oE "$2 *[0-9]+" "$logs/$1.log" | grep -oE '[0-9]+$' | tail -n 1 || echo -
-}
-
-# Runs one target; its result is not 0 after a finding.
-search() {
-  local target=$1 directory
-  local inputs=("$corpora/$target")
-  for directory in "$root/fuzz/seeds/$target" "$root/fuzz/findings/$target"; do
-    [[ ! -d $directory ]] || inputs+=("$directory")
-  done
-  mkdir -p "$corpora/$target" "$work/found/$target"
-  TMPDIR=$work ASAN_OPTIONS=allocator_may_return_null=1 nice -n 10 \
-    "$root/build/fuzz/bin/fuzz_$target" "${limits[@]}" -max_total_time="$share" \
-    -print_final_stats=1 -artifact_prefix="$work/found/$target/" "${inputs[@]}" \
-    >"$logs/$target.log" 2>&1
-}
-
-mapfile -t targets < <(cd "$root/build/fuzz/bin" && printf '%s\n' fuzz_* | sed 's/^fuzz_//')
-readonly share=$((seconds / ${#targets[@]} > 0 ? seconds / ${#targets[@]} : 1))
-mkdir -p "$logs"
-failed=no
-printf '%-14s %12s %9s %9s %7s %9s\n' target executions coverage features corpus findings
-for target in "${targets[@]}"; do
-  findings=0
-  if ! search "$target"; then
-    failed=yes
-    findings=$(find "$work/found/$target" -type f | wc -l)
-    if [[ $findings -gt 0 ]]; then
-      mkdir -p "$root/fuzz/findings/$target"
-      cp "$work/found/$target"/* "$root/fuzz/findings/$target/"
-    else
-      findings=failed
-    fi
-  fi
-  printf '%-14s %12s %9s %9s %7s %9s\n' "$target" \
-    "$(last_number "$target" number_of_executed_units:)" "$(last_number "$target" cov:)" \
-    "$(last_number "$target" ft:)" "$(last_number "$target" corp:)" "$findings"
-done
-[[ $failed == no ]] && exit
-echo "campaign: the reports are in build/fuzz/campaign, the inputs in fuzz/findings" >&2
-exit 1
+exec "$root/scripts/fuzz.sh" --seconds "$seconds"

@@ -10,12 +10,13 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
 
 readonly build_packages=(g++ cmake make pkg-config ca-certificates libjsoncpp-dev libssl-dev
-  libcurl4-openssl-dev libspdlog-dev zlib1g-dev)
+  libcurl4-openssl-dev libspdlog-dev zlib1g-dev libedit-dev libarchive-dev)
 readonly test_packages=(libgtest-dev libbenchmark-dev libreaderwriterqueue-dev libsqlite3-dev
   python3 python3-jsonschema python3-yaml python3-protobuf clang binutils dpkg-dev file
-  abigail-tools findutils squid tinyproxy nginx-light coturn openssl)
+  abigail-tools findutils squid tinyproxy nginx-light coturn openssl python3-pexpect
+  libleveldb-dev libboost-dev)
 # The fuzzer's runtime belongs to its version of clang.
-readonly campaign_packages=(clang libclang-rt-14-dev)
+readonly campaign_packages=(clang libclang-rt-14-dev clang-tidy cppcheck gnuplot-nox)
 
 # The page-encrypting SQLite amalgamation, as this npm package carries it.
 readonly sqlite_package=better-sqlite3-multiple-ciphers@12.11.1
