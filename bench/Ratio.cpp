@@ -3,11 +3,23 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <vector>
+
+#include <json/json.h>
 
 namespace bench {
 
 namespace {
+
+constexpr int kGrowthRounds = 3;
+
+// What was printed so far.
+Json::Value& Printed() {
+  static Json::Value& printed = *new Json::Value(Json::objectValue);
+  return printed;
+}
 
 double Nanoseconds(const Round& round) {
   const auto start = std::chrono::steady_clock::now();
@@ -15,9 +27,10 @@ double Nanoseconds(const Round& round) {
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
 }
 
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+double MedianOfRounds(const SizedRound& round, int size) {
+  std::vector<double> times;
+  for (int i = 0; i < kGrowthRounds; ++i) times.push_back(round(size));
+  return Median(times);
 }
 
 }  // namespace
@@ -28,6 +41,11 @@ void PrintHeading() {
 
 void PrintFigure(const std::string& what, const std::string& figure) {
   std::printf("%-44s %s\n", what.c_str(), figure.c_str());
+  std::fflush(stdout);
+  Json::Value entry;
+  entry["work"] = what;
+  entry["figure"] = figure;
+  Printed()["figures"].append(entry);
 }
 
 void Compare(const Comparison& comparison, const Round& ours, const Round& peer) {
@@ -50,6 +68,55 @@ void CompareTimes(const Comparison& comparison, const TimedRound& ours, const Ti
               Median(oursNs) / 1000, Median(peerNs) / 1000, Median(ratios), comparison.goal,
               comparison.peer.c_str());
   std::fflush(stdout);
+  Json::Value entry;
+  entry["work"] = comparison.what;
+  entry["peer"] = comparison.peer;
+  entry["oursUs"] = Median(oursNs) / 1000;
+  entry["peerUs"] = Median(peerNs) / 1000;
+  entry["ratio"] = Median(ratios);
+  entry["goal"] = comparison.goal;
+  Printed()["comparisons"].append(entry);
+}
+
+void Grow(const std::string& work, int size, const SizedRound& round) {
+  (void)round(size);  // warm
+  Json::Value entry;
+  entry["work"] = work;
+  std::string line;
+  for (const int times : {1, 10, 100}) {
+    const double eachUs = MedianOfRounds(round, size * times) / (size * times) / 1000;
+    Json::Value point;
+    point["size"] = size * times;
+    point["eachUs"] = eachUs;
+    entry["points"].append(point);
+    char text[64];
+    std::snprintf(text, sizeof(text), "%8d: %7.2f us each", size * times, eachUs);
+    line += text;
+  }
+  std::printf("%-32s %s\n", work.c_str(), line.c_str());
+  std::fflush(stdout);
+  Printed()["growth"].append(entry);
+}
+
+bool WriteJson(const std::string& path) {
+  std::ofstream file(path);
+  file << Printed().toStyledString() << std::flush;
+  return file.good();
+}
+
+std::vector<double> NumbersOf(const std::string& command) {
+  FILE* const pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) std::abort();
+  std::vector<double> numbers;
+  double number = 0;
+  while (fscanf(pipe, "%lf", &number) == 1) numbers.push_back(number);
+  if (pclose(pipe) != 0 || numbers.empty()) std::abort();
+  return numbers;
+}
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
 }
 
 }  // namespace bench

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -28,6 +29,16 @@ void PrintHeading();
 // A line with one figure and nothing beside it.
 void PrintFigure(const std::string& what, const std::string& figure);
 
+// The nanoseconds that `size` pieces of the work took.
+using SizedRound = std::function<double(int size)>;
+
+// Runs the work at 1, 10 and 100 times `size` and prints what a piece costs at each.
+void Grow(const std::string& work, int size, const SizedRound& round);
+
+// All that was printed, as one JSON object: "comparisons", "figures" and "growth"; false where
+// the file cannot be written.
+bool WriteJson(const std::string& path);
+
 // The benchmarks.
 void BenchLog();
 void BenchDetect();
@@ -41,7 +52,12 @@ void BenchStart();
 void BenchTrack();
 void BenchMasking();
 void BenchCleanup();
+void BenchFootprint();
+void BenchGrowth();
 // A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
 int StartChild(const std::string& dir);
+// Runs a command and returns the numbers it prints.
+std::vector<double> NumbersOf(const std::string& command);
+double Median(std::vector<double> values);
 
 }  // namespace bench

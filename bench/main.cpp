@@ -1,6 +1,7 @@
 // Runs all benchmarks, or those named on the command line.
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "Ratio.h"
 
@@ -13,12 +14,13 @@ struct Benchmark {
 
 // Tracking comes first: it starts the tracking library its own way.
 constexpr Benchmark kBenchmarks[] = {
-    {"track", bench::BenchTrack},     {"log", bench::BenchLog},
-    {"message", bench::BenchMessage}, {"queue", bench::BenchQueue},
-    {"ring", bench::BenchRing},       {"worker", bench::BenchWorker},
-    {"cache", bench::BenchCache},     {"proxy", bench::BenchProxy},
-    {"detect", bench::BenchDetect},   {"start", bench::BenchStart},
-    {"masking", bench::BenchMasking}, {"cleanup", bench::BenchCleanup},
+    {"track", bench::BenchTrack},         {"log", bench::BenchLog},
+    {"message", bench::BenchMessage},     {"queue", bench::BenchQueue},
+    {"ring", bench::BenchRing},           {"worker", bench::BenchWorker},
+    {"cache", bench::BenchCache},         {"proxy", bench::BenchProxy},
+    {"detect", bench::BenchDetect},       {"start", bench::BenchStart},
+    {"masking", bench::BenchMasking},     {"cleanup", bench::BenchCleanup},
+    {"footprint", bench::BenchFootprint}, {"growth", bench::BenchGrowth},
 };
 
 const Benchmark* Find(const char* name) {
@@ -28,16 +30,20 @@ const Benchmark* Find(const char* name) {
   return nullptr;
 }
 
-int RunNamed(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (Find(argv[i]) != nullptr) continue;
-    std::fprintf(stderr, "zel_bench: no benchmark \"%s\"; there are:", argv[i]);
+// All, or those named.
+int RunNamed(const std::vector<const char*>& names) {
+  for (const char* const name : names) {
+    if (Find(name) != nullptr) continue;
+    std::fprintf(stderr, "zel_bench: no benchmark \"%s\"; there are:", name);
     for (const Benchmark& benchmark : kBenchmarks) std::fprintf(stderr, " %s", benchmark.name);
     std::fprintf(stderr, "\n");
     return 2;
   }
   bench::PrintHeading();
-  for (int i = 1; i < argc; ++i) Find(argv[i])->run();
+  for (const Benchmark& benchmark : kBenchmarks) {
+    if (names.empty()) benchmark.run();
+  }
+  for (const char* const name : names) Find(name)->run();
   return 0;
 }
 
@@ -45,8 +51,14 @@ int RunNamed(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--start") == 0) return bench::StartChild(argv[2]);
-  if (argc > 1) return RunNamed(argc, argv);
-  bench::PrintHeading();
-  for (const Benchmark& benchmark : kBenchmarks) benchmark.run();
-  return 0;
+  int first = 1;
+  const char* json = nullptr;
+  if (argc >= 3 && std::strcmp(argv[1], "--json") == 0) {
+    json = argv[2];
+    first = 3;
+  }
+  const int result = RunNamed({argv + first, argv + argc});
+  if (result != 0 || json == nullptr || bench::WriteJson(json)) return result;
+  std::fprintf(stderr, "zel_bench: cannot write %s\n", json);
+  return 1;
 }

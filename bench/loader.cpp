@@ -1,0 +1,59 @@
+// Loads the libraries named, as a host does that has nothing of theirs yet, and prints the
+// nanoseconds it took and the kilobytes by which this process grew.
+//   zel_loader [--init DIR] LIBRARY...
+// With --init the last library is libzel_utils, and is initialised in DIR.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+namespace {
+
+long ResidentKb() {
+  long total = 0;
+  long resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// False unless the library answers that it is initialised.
+bool Initialise(void* library, const std::string& dir) {
+  const auto process = reinterpret_cast<int (*)(char*)>(dlsym(library, "CommonUtilProcessRecvMsg"));
+  const auto take = reinterpret_cast<int (*)(char**)>(dlsym(library, "CommonUtilSendMsgExport"));
+  if (process == nullptr || take == nullptr) return false;
+  std::string request = R"({"cmd":1,"sno":1,"description":"","param":{"initParam":{"log_path":")" +
+                        dir + R"(/","logLevel":2,"logSize":5120,"fileCount":2,"dbPath":")" + dir +
+                        R"(/"}}})";
+  char* reply = nullptr;
+  return process(request.data()) == 0 && take(&reply) == 1 &&
+         std::strstr(reply, "\"result\" : 0") != nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool initialises = argc > 3 && std::strcmp(argv[1], "--init") == 0;
+  const long before = ResidentKb();
+  const auto start = std::chrono::steady_clock::now();
+  void* library = nullptr;
+  for (int i = initialises ? 3 : 1; i < argc; ++i) {
+    library = dlopen(argv[i], RTLD_NOW | RTLD_GLOBAL);
+    if (library == nullptr) {
+      std::fprintf(stderr, "zel_loader: %s\n", dlerror());
+      return 1;
+    }
+  }
+  const auto end = std::chrono::steady_clock::now();
+  if (initialises && !Initialise(library, argv[2])) {
+    std::fprintf(stderr, "zel_loader: not initialised\n");
+    return 1;
+  }
+  std::printf("%.0f %ld\n", std::chrono::duration<double, std::nano>(end - start).count(),
+              ResidentKb() - before);
+  std::fflush(stdout);
+  _exit(0);  // what a library does at its end is not measured
+}
