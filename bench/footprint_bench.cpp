@@ -50,6 +50,7 @@ void BenchFootprint() {
   if (mkdtemp(dir.data()) == nullptr) std::abort();
   const std::string all = std::string(kDependencies) + " '" ZEL_LIBRARY "'";
   const std::string initialise = "--init '" + dir + "'" + all;
+  const std::string derive = "--derive -" + std::string(kDependencies);
   (void)Load(initialise);  // the first start makes the files
 
   std::vector<double> time;
@@ -60,12 +61,12 @@ void BenchFootprint() {
     const Loaded ours = Load(all);
     time.push_back(ours.nanoseconds - alone.nanoseconds);
     loaded.push_back(ours.kilobytes - alone.kilobytes);
-    initialised.push_back(Load(initialise).kilobytes - alone.kilobytes);
+    initialised.push_back(Load(initialise).kilobytes - Load(derive).kilobytes);
   }
   PrintFigure("load beyond its dependencies (goal 1 ms)",
               std::to_string(Median(time) / 1e6) + " ms");
   PrintFigure("resident after load, beyond them (goal 3 MB)", MegaBytes(Median(loaded)));
-  PrintFigure("resident after a start, beyond them", MegaBytes(Median(initialised)));
+  PrintFigure("resident after a start, beyond them (goal 3 MB)", MegaBytes(Median(initialised)));
   PrintFigure("the stripped library (goal 2.5 MB)", MegaBytes(StrippedBytes(dir) / 1024));
   fs::remove_all(dir);
 }

@@ -1,7 +1,8 @@
 // Loads the libraries named, as a host does that has nothing of theirs yet, and prints the
 // nanoseconds it took and the kilobytes by which this process grew.
-//   zel_loader [--init DIR] LIBRARY...
-// With --init the last library is libzel_utils, and is initialised in DIR.
+//   zel_loader [--init DIR | --derive -] LIBRARY...
+// With --init the last library is libzel_utils, and is initialised in DIR; with --derive libcrypto
+// alone derives a key, as every start asks of it.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -33,14 +34,29 @@ bool Initialise(void* library, const std::string& dir) {
          std::strstr(reply, "\"result\" : 0") != nullptr;
 }
 
+// False unless the libraries loaded derive a key, and make random bytes.
+bool Derive() {
+  const auto random =
+      reinterpret_cast<int (*)(unsigned char*, int)>(dlsym(RTLD_DEFAULT, "RAND_bytes"));
+  const auto sha = reinterpret_cast<const void* (*)()>(dlsym(RTLD_DEFAULT, "EVP_sha256"));
+  const auto derive =
+      reinterpret_cast<int (*)(const char*, int, const unsigned char*, int, int, const void*, int,
+                               unsigned char*)>(dlsym(RTLD_DEFAULT, "PKCS5_PBKDF2_HMAC"));
+  unsigned char key[32] = {};
+  return random != nullptr && sha != nullptr && derive != nullptr &&
+         random(key, sizeof(key)) == 1 &&
+         derive("text", 4, key, sizeof(key), 10000, sha(), sizeof(key), key) == 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const bool initialises = argc > 3 && std::strcmp(argv[1], "--init") == 0;
+  const bool derives = argc > 3 && std::strcmp(argv[1], "--derive") == 0;
   const long before = ResidentKb();
   const auto start = std::chrono::steady_clock::now();
   void* library = nullptr;
-  for (int i = initialises ? 3 : 1; i < argc; ++i) {
+  for (int i = initialises || derives ? 3 : 1; i < argc; ++i) {
     library = dlopen(argv[i], RTLD_NOW | RTLD_GLOBAL);
     if (library == nullptr) {
       std::fprintf(stderr, "zel_loader: %s\n", dlerror());
@@ -48,7 +64,7 @@ int main(int argc, char** argv) {
     }
   }
   const auto end = std::chrono::steady_clock::now();
-  if (initialises && !Initialise(library, argv[2])) {
+  if ((initialises && !Initialise(library, argv[2])) || (derives && !Derive())) {
     std::fprintf(stderr, "zel_loader: not initialised\n");
     return 1;
   }
