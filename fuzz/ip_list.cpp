@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   // A buffer of its exact size on the heap: a byte beyond it is noticed.
-  const std::string list = text.c_str();
+  const std::string list = text.substr(0, text.find('\0'));
   const std::size_t capacity = list.size() + 1 + spare;
   const std::unique_ptr<char[]> buffer(new char[capacity]());
   std::memcpy(buffer.get(), list.c_str(), list.size() + 1);

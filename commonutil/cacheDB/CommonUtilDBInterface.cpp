@@ -84,6 +84,7 @@ int MakeNewSecret() {
   const std::string random = ecs.GetRealRandom(kSecretBytes);
   const std::string encrypted = ecs.EncryptZorm(random);
   const std::string salt = ecs.GetRealRandom(kSecretBytes);
+  // cppcheck-suppress knownConditionTrueFalse ; two random texts are not one
   if (random.empty() || encrypted.empty() || salt.empty()) {
     ZEL_LOG_MILESTONE(kError) << "generate random or encrypt failed!";
     return kFailed;

@@ -13,6 +13,7 @@ namespace commonutil {
 int ExportSignal::Descriptor() {
   if (!IsInUse()) {
     MutexLock hold(m_lock);
+    // cppcheck-suppress identicalInnerCondition ; another thread may have been faster
     if (!IsInUse()) m_descriptor.store(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   }
   return m_descriptor.load();

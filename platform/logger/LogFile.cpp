@@ -188,14 +188,16 @@ void LogFile::Rotate(std::size_t length) noexcept {
 // A second sink, told to rotate as it opens, does the renaming. It goes on by emptying the
 // file that it makes next, where another writer may have put a line by then; so it is stopped
 // there.
-void LogFile::ShiftOldFiles() const noexcept try {
-  spdlog::file_event_handlers handlers;
-  handlers.before_open = [isOpened = false](const std::string& /*path*/) mutable {
-    if (isOpened) throw spdlog::spdlog_ex("renamed");
-    isOpened = true;
-  };
-  const RotatingSink shifter(m_path, 1, static_cast<std::size_t>(m_oldFiles), true, handlers);
-} catch (...) {  // the path shows whether the renaming was done
+void LogFile::ShiftOldFiles() const noexcept {
+  try {
+    spdlog::file_event_handlers handlers;
+    handlers.before_open = [isOpened = false](const std::string& /*path*/) mutable {
+      if (isOpened) throw spdlog::spdlog_ex("renamed");
+      isOpened = true;
+    };
+    const RotatingSink shifter(m_path, 1, static_cast<std::size_t>(m_oldFiles), true, handlers);
+  } catch (...) {  // the path shows whether the renaming was done
+  }
 }
 
 bool LogFile::Write(std::string_view bytes) noexcept try {

@@ -1,6 +1,7 @@
 #include "DatabaseKey.h"
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -73,7 +74,8 @@ std::string Decrypt(const std::string& hex) {
                        reinterpret_cast<unsigned char*>(secret.data()), &length) != 0) {
     return "";
   }
-  return secret.c_str();
+  secret.resize(std::strlen(secret.c_str()));
+  return secret;
 }
 
 std::string Derive(const std::string& secret, const std::string& salt) {

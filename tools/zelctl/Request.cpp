@@ -57,7 +57,8 @@ std::optional<unsigned> UnsignedMember(const Json::Value& object, const char* ke
 
 Request ReadRequest(const std::string& text) {
   Json::Value root;
-  if (!Parse(text.c_str(), root)) return NoReply("not JSON");
+  // The library reads to the first NUL.
+  if (!Parse(text.substr(0, text.find('\0')), root)) return NoReply("not JSON");
   if (!root.isObject()) return NoReply("not a JSON object");
   const std::optional<unsigned> sent = UnsignedMember(root, "cmd");
   if (!sent) return NoReply("\"cmd\" is not an unsigned number");
