@@ -4,6 +4,7 @@
 #   scripts/setup.sh              to build and run
 #   scripts/setup.sh --tests      to build and run the tests too
 #   scripts/setup.sh --campaign   to run scripts/campaign.sh too
+#   scripts/setup.sh --docs       to build the site of scripts/docs.sh
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -17,6 +18,7 @@ readonly test_packages=(libgtest-dev libbenchmark-dev libreaderwriterqueue-dev l
   libleveldb-dev libboost-dev)
 # The fuzzer's runtime belongs to its version of clang.
 readonly campaign_packages=(clang libclang-rt-14-dev clang-tidy cppcheck gnuplot-nox)
+readonly docs_packages=(doxygen graphviz python3)
 
 # The page-encrypting SQLite amalgamation, as this npm package carries it.
 readonly sqlite_package=better-sqlite3-multiple-ciphers@12.11.1
@@ -106,8 +108,12 @@ case "$#:${1:-}" in
   1:--campaign)
     install_packages "${build_packages[@]}" "${test_packages[@]}" "${campaign_packages[@]}"
     ;;
+  1:--docs)
+    install_packages "${docs_packages[@]}"
+    exit
+    ;;
   *)
-    echo "usage: scripts/setup.sh [--tests | --campaign]" >&2
+    echo "usage: scripts/setup.sh [--tests | --campaign | --docs]" >&2
     exit 2
     ;;
 esac
