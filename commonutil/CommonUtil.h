@@ -16,8 +16,10 @@
 
 namespace commonutil {
 
+// The one facade of the process.
 class ZEL_API CommonUtil {
  public:
+  // Lives to the end of the process.
   static CommonUtil& getInst();
 
   // Sets tracking, the configuration directory and the encrypted cache up, once per process.
@@ -84,13 +86,17 @@ class ZEL_API CommonUtil {
   // `user` is an AuditTaskCallback, or null for no answer. Texts longer than 511, 63, 63 and
   // 399 bytes are sent empty. Return the login library's result; the answer comes on its thread.
   int UploadAuditFile(const char* path, const char* name, void* user);
+  // Tells the state of a task.
   int ReportAuditTask(unsigned int id, bool state, const char* text, void* user);
+  // Asks for the entries of a task.
   int QueryAuditTask(unsigned int id, const char* text, void* user);
   // What the login library calls with its answers, records of zel_platform/login.h. `callback`
   // is the request's `user`.
   static void OnUploadAuditFileCallback(unsigned int id, int code, void* callback,
                                         const void* result);
+  // As above, with a tagLOGIN_AUDIT_REPORT_RESULT.
   static void OnReportAuditTaskCallback(unsigned int id, void* callback, const void* result);
+  // As above, with a tagLOGIN_AUDIT_QUERY_RESULT.
   static void OnQueryAuditTaskCallback(unsigned int id, void* callback, const void* result);
 
   // Nothing on this platform: 0, with the arguments untouched.
@@ -103,15 +109,21 @@ class ZEL_API CommonUtil {
   int UTConfigCustomParam(const tagZelUtilCustomParam& param);
   // Also replaces the device GUID by `deviceId`, an empty one included. Always 0.
   int UTConfigPublicParam(const tagZelUtilPublicParam& param);
+  // Adds one event.
   int UTAddUserTrack(const tagZelUtilSpecialParam& param);
   // A timed event, named by `index` of `length` bytes.
   int UTStartEvent(const char* index, unsigned long length);
+  // Ends a timed event and adds it.
   int UTFinishEvent(const char* index, unsigned long length, const tagZelUtilSpecialParam& param);
+  // Adds a part to a timed event.
   int UTAddSubEvent(const char* index, unsigned long length, const tagZelSubEventParam& param);
   // Asks for an upload of what is kept.
   int UTUploadData();
+  // Adds one event of the media side; `flag` goes with it.
   int UTAddMediaTrack(const tagZelUtilSpecialParam& param, bool flag);
+  // Adds an event with a conference's id and its data, a NUL-terminated text.
   int UTAddConfMediaTrack(unsigned int id, const char* data, bool flag);
+  // Adds an event with a measurement of the machine.
   int UTSetCpuAndMemoryParam(const tagZelCpuAndMemoryParam& param);
 
  private:

@@ -14,25 +14,26 @@ namespace commonutil {
 // One entry. Arrays of it also cross to the tracking library.
 struct ZelConfigCache {
   std::int32_t autoId = 0;  // row id; 0 or less: the database assigns one
-  std::string key;
-  std::string value;
+  std::string key;          // up to its first NUL byte
+  std::string value;        // the same
 };
 
 // ZelMatchInfo::keyType. Any other value is an error.
 enum ZelKeyType : std::int32_t {
-  kMatchNone = -1,
-  kMatchKey = 1,  // exact equality
-  kMatchAll = 2,
+  kMatchNone = -1,  // matches nothing: refused
+  kMatchKey = 1,    // exact equality
+  kMatchAll = 2,    // every entry
 };
 
+// Which entries an operation means.
 struct ZelMatchInfo {
-  std::string matchValue;
-  std::int32_t keyType = kMatchNone;
+  std::string matchValue;             // the key, for kMatchKey
+  std::int32_t keyType = kMatchNone;  // a ZelKeyType
 };
 
 // A query on its way to another thread.
 struct ZelQueryConfigCache {
-  ZelMatchInfo matchInfo;
+  ZelMatchInfo matchInfo;            // which entries
   ZelConfigCache* result = nullptr;  // the caller's array
   std::int32_t count = 0;            // in: its capacity; out: the entries filled
 };
@@ -41,6 +42,7 @@ struct ZelQueryConfigCache {
 // every one refuses until InitDB has succeeded once.
 class SqliteInterfaceManager {
  public:
+  // Lives to the end of the process.
   static SqliteInterfaceManager& GetInst();
   SqliteInterfaceManager(const SqliteInterfaceManager&) = delete;
   SqliteInterfaceManager& operator=(const SqliteInterfaceManager&) = delete;
@@ -54,6 +56,7 @@ class SqliteInterfaceManager {
   // unreadable then. 0 or 1. Needs running key management.
   int CheckDBSaltKey();
 
+  // Stores one entry, replacing an earlier one of its key. What fails is in the log only.
   void SingleAddConfigCache(const ZelConfigCache& entry);
   // 0, or 1 when no row was written. One transaction for two entries and more.
   int BatchAddConfigCache(const ZelConfigCache* entries, int count);
@@ -62,6 +65,7 @@ class SqliteInterfaceManager {
   // `*count` is the capacity of `out` in, the entries filled out. Rows that do not fit are
   // left out without a sign.
   int QueryConfigCache(const ZelMatchInfo& match, ZelConfigCache* out, int* count);
+  // The same with a query that outlives its caller. kBadParameter for null.
   int QueryConfigCacheOfSharedPtr(std::shared_ptr<ZelQueryConfigCache> query);
 
  protected:

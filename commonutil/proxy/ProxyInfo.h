@@ -13,16 +13,18 @@ namespace commonutil {
 class ZEL_API ProxyInfo {
  public:
   const std::string& getProxyServer() const { return m_server; }  // host or IP; empty: no proxy
-  void setProxyServer(const std::string& server) { m_server = server; }
-  std::int32_t getProxyPort() const { return m_port; }
-  void setProxyPort(std::int32_t port) { m_port = port; }
-  const std::string& getProxyAccount() const { return m_account; }
-  void setProxyAccount(const std::string& account) { m_account = account; }
+  void setProxyServer(const std::string& server) { m_server = server; }      // no check
+  std::int32_t getProxyPort() const { return m_port; }                       // 0 without one
+  void setProxyPort(std::int32_t port) { m_port = port; }                    // no check
+  const std::string& getProxyAccount() const { return m_account; }           // empty: none
+  void setProxyAccount(const std::string& account) { m_account = account; }  // no check
 
   // In clear. Empty also when there is none, which the log then reports as a failed decryption.
   std::string getProxyPassword() const;
+  // Keeps it encrypted. `plain` stays the caller's to wipe.
   void setProxyPassword(const std::string& plain);
 
+  // As a new one.
   void clear();
 
  private:
@@ -37,6 +39,7 @@ class ZEL_API ProxyInfo {
 class GetProxyCompletedCallback {
  public:
   virtual ~GetProxyCompletedCallback() = default;
+  // `proxy` is valid during the call; an empty server means the direct way.
   virtual void onResult(const ProxyInfo& proxy) = 0;
 };
 

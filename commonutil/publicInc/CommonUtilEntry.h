@@ -23,6 +23,7 @@ extern "C" {
  * otherwise the errno value of the failed thread creation.
  */
 ZEL_API int CommonUtilServiceStartup(void);
+/* As CommonUtilServiceStartup. */
 ZEL_API int ServiceStartup(void);
 
 /*
@@ -31,6 +32,7 @@ ZEL_API int ServiceStartup(void);
  * stop: wait for a first reply before shutting down, or the call may not return.
  */
 ZEL_API void CommonUtilServiceShutDown(void);
+/* As CommonUtilServiceShutDown. */
 ZEL_API void ServiceShutDown(void);
 
 /*
@@ -38,6 +40,7 @@ ZEL_API void ServiceShutDown(void);
  * 0, 2048 messages waiting, no memory, or a service that was never started.
  */
 ZEL_API int CommonUtilRecvMsgImport(const char* message, unsigned long length);
+/* As CommonUtilRecvMsgImport. */
 ZEL_API int RecvMsgImport(const char* message, unsigned long length);
 
 /*
@@ -45,10 +48,12 @@ ZEL_API int RecvMsgImport(const char* message, unsigned long length);
  * caller owns it until CommonUtilFreeExportMsg. 0 when there is none: `*message` is untouched.
  */
 ZEL_API int CommonUtilSendMsgExport(char** message);
+/* As CommonUtilSendMsgExport. */
 ZEL_API int SendMsgExport(char** message);
 
 /* Gives a message of CommonUtilSendMsgExport back. Null is ignored. */
 ZEL_API void CommonUtilFreeExportMsg(char* message);
+/* As CommonUtilFreeExportMsg. */
 ZEL_API void FreeExportMsg(char* message);
 
 /*
@@ -57,6 +62,7 @@ ZEL_API void FreeExportMsg(char* message);
  * or without memory. The buffer stays the caller's and is not changed.
  */
 ZEL_API int CommonUtilProcessRecvMsg(char* message);
+/* As CommonUtilProcessRecvMsg. */
 ZEL_API int ProcessRecvMsg(char* message);
 
 /*

@@ -20,6 +20,7 @@
 
 namespace commonutil {
 
+// The one instance of the process; it has no state.
 class ZEL_API CommonUtilPrivateManager {
  public:
   // Lives to the end of the process.
@@ -66,6 +67,7 @@ class ZEL_API CommonUtilPrivateManager {
   // Append the entries of `text` to `out`. Empty ones are skipped, blanks are kept, a text that
   // is too long adds nothing. A list without a separator is one entry, of any length.
   void ParseIPList(const std::string& text, std::vector<std::string>& out);
+  // The same with one delimiter that the caller chooses.
   void SplitStrByDelim(const std::string& text, std::vector<std::string>& out,
                        const std::string& delim);
 

@@ -9,9 +9,10 @@
 
 namespace commonutil {
 
+// A key and a vector of random bytes, and what is encrypted with them.
 class EncryptUtils {
  public:
-  EncryptUtils();
+  EncryptUtils();   // draws both
   ~EncryptUtils();  // wipes key and vector
   EncryptUtils(const EncryptUtils&) = delete;
   EncryptUtils& operator=(const EncryptUtils&) = delete;
@@ -28,6 +29,7 @@ class EncryptUtils {
 
   // The reverse. `out` receives the plain text, without a NUL of its own: zero it first.
   int Base64DecodeThenDecrypt(const std::string& cipher, char* out, int outLength) const;
+  // The empty string on any failure.
   std::string Base64DecodeThenDecrypt(const std::string& cipher) const;
 
  private:

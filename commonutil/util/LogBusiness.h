@@ -19,6 +19,7 @@ struct dirent;
 
 namespace commonutil {
 
+// Static functions only.
 class ZEL_API LogBusiness {
  public:
   // The moment of a client's life at which a clean-up runs. Every value but the first counts as
@@ -51,6 +52,7 @@ class ZEL_API LogBusiness {
   // library. Directories stay; a link is never followed, though removed as a file when what it
   // points to is old. While a clean-up runs the call does nothing.
   static void DoAsyncDelete(BizType type);
+  // Whether a clean-up runs.
   static bool IsCleaning();
   // Files that the running clean-up, or else the last one, has removed.
   static int DeletedFiles();

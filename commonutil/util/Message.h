@@ -21,7 +21,7 @@ class ZEL_API MessageObject {
   virtual ~MessageObject();
 
  protected:
-  MessageObject(const MessageObject&) = default;
+  MessageObject(const MessageObject&) = default;  // for a derived clone
 };
 
 // Two integers and a copy of some bytes.
@@ -36,8 +36,8 @@ class ZEL_API BuffMessageObject : public MessageObject {
   BuffMessageObject* clone() const override;
   ~BuffMessageObject() override;
 
-  int First() const { return m_first; }
-  int Second() const { return m_second; }
+  int First() const { return m_first; }    // as given
+  int Second() const { return m_second; }  // 0 in a copy
   // Valid while the object lives; null without a buffer.
   const void* Buffer() const { return m_buffer; }
   int Length() const { return m_length; }  // in bytes
@@ -55,7 +55,9 @@ class ZEL_API BuffMessageObject : public MessageObject {
 // one belongs to the queue, which deletes it once the callback has returned. What a callback
 // throws is dropped; its result counts as -1 then.
 using MessageCallback = int (*)(MessageObject* message, void* user);
+// The same with a type and an id.
 using TypedMessageCallback = int (*)(int type, int id, MessageObject* message, void* user);
+// The same with two messages.
 using TwoMessageCallback = int (*)(int type, int id, MessageObject* message,
                                    MessageObject* secondMessage, void* user);
 
@@ -74,15 +76,19 @@ class ZEL_API CommonMessageQueue {
   // allowed. Does not wait for the dispatch thread. With `logFlag` 0 no lines about the queue's
   // length and the callback's duration are written; the other forms write them.
   int postMsg(const MessageObject* message, MessageCallback callback, void* user, int logFlag);
+  // With a type and an id, which the callback gets.
   int postMsg(int type, int id, const MessageObject* message, TypedMessageCallback callback,
               void* user);
+  // With two messages.
   int postMsg(int type, int id, const MessageObject* message, const MessageObject* secondMessage,
               TwoMessageCallback callback, void* user);
 
   // Runs the callback on this thread with the messages themselves and returns its result; -1
   // for a null callback. Waits for a callback that runs on another thread.
   int sendMsg(MessageObject* message, MessageCallback callback, void* user);
+  // With a type and an id, which the callback gets.
   int sendMsg(int type, int id, MessageObject* message, TypedMessageCallback callback, void* user);
+  // With two messages.
   int sendMsg(int type, int id, MessageObject* message, MessageObject* secondMessage,
               TwoMessageCallback callback, void* user);
 

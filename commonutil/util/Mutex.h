@@ -9,6 +9,7 @@
 
 namespace commonutil {
 
+// A mutex of the standard library with annotations.
 template <class Native>
 class ZEL_CAPABILITY("mutex") BasicMutex {
  public:
@@ -16,8 +17,8 @@ class ZEL_CAPABILITY("mutex") BasicMutex {
   BasicMutex(const BasicMutex&) = delete;
   BasicMutex& operator=(const BasicMutex&) = delete;
 
-  void lock() ZEL_ACQUIRE() { m_native.lock(); }
-  void unlock() ZEL_RELEASE() { m_native.unlock(); }
+  void lock() ZEL_ACQUIRE() { m_native.lock(); }      // waits
+  void unlock() ZEL_RELEASE() { m_native.unlock(); }  // by the holder
 
   // For a std::condition_variable, which waits on the native mutex only.
   Native& native() { return m_native; }
@@ -26,13 +27,14 @@ class ZEL_CAPABILITY("mutex") BasicMutex {
   Native m_native;
 };
 
-using Mutex = BasicMutex<std::mutex>;
-using RecursiveMutex = BasicMutex<std::recursive_mutex>;
+using Mutex = BasicMutex<std::mutex>;                     // not recursive
+using RecursiveMutex = BasicMutex<std::recursive_mutex>;  // its holder may lock again
 
 // Holds a mutex for its own lifetime.
 template <class Native>
 class ZEL_SCOPED_CAPABILITY BasicMutexLock {
  public:
+  // Locks `mutex`, which outlives this.
   explicit BasicMutexLock(BasicMutex<Native>& mutex) ZEL_ACQUIRE(mutex) : m_mutex(mutex) {
     m_mutex.lock();
   }
@@ -44,7 +46,7 @@ class ZEL_SCOPED_CAPABILITY BasicMutexLock {
   BasicMutex<Native>& m_mutex;
 };
 
-using MutexLock = BasicMutexLock<std::mutex>;
-using RecursiveMutexLock = BasicMutexLock<std::recursive_mutex>;
+using MutexLock = BasicMutexLock<std::mutex>;                     // of a Mutex
+using RecursiveMutexLock = BasicMutexLock<std::recursive_mutex>;  // of a RecursiveMutex
 
 }  // namespace commonutil

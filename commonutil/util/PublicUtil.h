@@ -18,15 +18,16 @@ namespace commonutil {
 // What kind of value a text is that is to be masked. The numbers are part of the interface; every
 // other number selects the general rule.
 enum FILTER_WORD_TYPE : int {
-  FILTER_WORD_GENERAL = 0,
-  FILTER_WORD_UUID = 1,
-  FILTER_WORD_USERNAME = 2,
-  FILTER_WORD_IP = 3,
-  FILTER_WORD_REQ_URL = 7,
-  FILTER_WORD_PROXY_URL = 8,
-  FILTER_WORD_PROXY_URL_MODE2 = 9,
+  FILTER_WORD_GENERAL = 0,          // filterWordGeneral
+  FILTER_WORD_UUID = 1,             // filterWordUuid
+  FILTER_WORD_USERNAME = 2,         // filterWordUsername
+  FILTER_WORD_IP = 3,               // filterWordIp
+  FILTER_WORD_REQ_URL = 7,          // filterWordReqUrl
+  FILTER_WORD_PROXY_URL = 8,        // filterWordProxyUrl
+  FILTER_WORD_PROXY_URL_MODE2 = 9,  // filterWordProxyUrlMode2
 };
 
+// Static functions only.
 class ZEL_API PublicUtil {
  public:
   // --- Texts -----------------------------------------------------------------
@@ -34,6 +35,7 @@ class ZEL_API PublicUtil {
   // The pieces between occurrences of `delimiter`, empty ones included, but none after a
   // trailing delimiter and none for an empty text. An empty delimiter gives the whole text.
   static std::vector<std::string> split(const std::string& text, const std::string& delimiter);
+  // The text with the first `from` in it replaced; unchanged when there is none.
   static std::string replaceFirst(std::string text, const std::string& from, const std::string& to);
   // True for four decimal numbers of 0 to 255 joined by dots, 15 characters at most and nothing
   // behind them. Signs, leading zeros and blanks before a number are accepted.
@@ -43,6 +45,7 @@ class ZEL_API PublicUtil {
   static std::string urlEncode(const std::string& text);
   // The empty result for text that cannot be converted.
   static std::wstring UTF8ToWstring(const std::string& text);
+  // The reverse; empty for what has no UTF-8.
   static std::string WstringToUTF8(const std::wstring& text);
   // The text unchanged: this platform has no other narrow encoding.
   static std::string UTF8ToAnsi(const std::string& text);
@@ -67,6 +70,7 @@ class ZEL_API PublicUtil {
 
   // --- Secrets ---------------------------------------------------------------
 
+  // The one of the process; lives to its end.
   static EncryptUtils& getEncryptUtilsInst();
 
   // --- Masking ---------------------------------------------------------------

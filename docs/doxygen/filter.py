@@ -59,9 +59,9 @@ def with_member_groups(lines):
         if match := HEADING.match(line):
             before = number - 1
             if is_open:
-                lines[before] = "/// @}"
+                lines[before] = "/** @} */"
             lines[number] = f"/// @name {match[1]}"
-            lines[lines.index("", number)] = "/// @{"
+            lines[lines.index("", number)] = "/** @{ */"
             is_open = True
         elif is_open and re.match(r"^(}| (private|protected):)", line):
             lines[number] = f"/** @}} */ {line}"
@@ -77,7 +77,7 @@ def main(path):
     lines = [line if HEADING.match(line) else comment_line(line) for line in lines]
     lines[0] = re.sub(r"^(/// ?|/\*\*)", rf"/** @file {path.parent.name}/{path.name} */ \1", lines[0])
     lines = with_member_groups(lines)
-    lines[lines.index("")] = f"/** @addtogroup {group_of(path)} @{{ */"
+    lines[lines.index("")] = f"/** @addtogroup {group_of(path)} */ /** @{{ */"
     print("\n".join(lines) + "/** @} */")
 
 

@@ -7,11 +7,13 @@
 
 #include "zel_platform/platform_export.h"
 
+// The cache and its three operations. Virtual functions, whose order is part of the contract.
 class ZEL_PLATFORM_API ZELCache {
  public:
   // Never null, lives to the end of the process.
   static ZELCache* GetInstance();
 
+  // Never run: the one instance lives to the end of the process.
   virtual ~ZELCache();
   // 0 when the key is known. `out` may then still be null: a null value can be stored.
   virtual int Get(const std::string& key, std::shared_ptr<std::string>& out) = 0;

@@ -45,5 +45,6 @@ ZEL_PLATFORM_API int KLB_BASE64Encode(const unsigned char* data, unsigned int le
 // Strict: no blanks, padding required. Returns the decoded length, or a value below 1 with
 // `*data` null. The bytes are released with KLB_BASE64Free.
 ZEL_PLATFORM_API int KLB_BASE64Decode(const char* text, unsigned int length, unsigned char** data);
+// Releases what the two above handed out. Null is ignored.
 ZEL_PLATFORM_API void KLB_BASE64Free(void* memory);
 }

@@ -8,25 +8,28 @@
 
 #include "zel_platform/platform_export.h"
 
+// A proxy as one exchange uses it. Texts end with a NUL.
 struct ORB_HTTP_PROXY {
-  char address[2048];
-  std::int32_t port;
-  char user[256];
-  char password[256];
+  char address[2048];  // host, or http:// or https:// and host; empty: no proxy
+  std::int32_t port;   // 1 to 65535
+  char user[256];      // empty: without an account
+  char password[256];  // in clear
 };
 
+// One exchange: what is asked above `requestId`, what came back below `proxy`. The caller owns the
+// record and zeroes it before.
 struct ORB_HTTP_REQUEST {
-  char url[2048];
-  std::uint8_t method;  // 0: GET
-  char reserved1[71];
+  char url[2048];               // http or https, NUL-terminated
+  std::uint8_t method;          // 0: GET
+  char reserved1[71];           // zero
   char requestId[64];           // filled here: 32 hex digits
   const ORB_HTTP_PROXY* proxy;  // null: direct
-  char reserved2[16];
-  void* buffer1;  // the body, capped, or null; freed by the caller: PRAX_MemFreeSetNullD
-  std::uint32_t status;
-  char reserved3[4];
-  void* buffer2;  // the headers, capped, or null; freed the same way
-  char reserved4[4488];
+  char reserved2[16];           // zero
+  void* buffer1;         // the body, capped, or null; freed by the caller: PRAX_MemFreeSetNullD
+  std::uint32_t status;  // of the final response; 0 when there was none
+  char reserved3[4];     // zero
+  void* buffer2;         // the headers, capped, or null; freed the same way
+  char reserved4[4488];  // zero
 };
 
 static_assert(sizeof(ORB_HTTP_PROXY) == 2564 && offsetof(ORB_HTTP_PROXY, port) == 2048 &&

@@ -13,42 +13,48 @@
 
 #include "zel_platform/platform_export.h"
 
+// How much a line matters; the smaller, the more.
 enum tagLoggerLevel : int {
-  LOGGER_LEVEL_ERROR = 0,
-  LOGGER_LEVEL_WARNING = 1,
-  LOGGER_LEVEL_INFO = 2,
-  LOGGER_LEVEL_DEBUG = 3
+  LOGGER_LEVEL_ERROR = 0,    // something failed
+  LOGGER_LEVEL_WARNING = 1,  // something is odd
+  LOGGER_LEVEL_INFO = 2,     // what happens
+  LOGGER_LEVEL_DEBUG = 3     // in detail
 };
 
+// One line under way, owned by the statement that writes it; the static functions set the modules
+// up.
 class ZEL_PLATFORM_API LogStream {
  public:
   // `file` is the source path without extension. The texts must live until the line ends.
   static LogStream GetLogStream(const char* module, int level, int checkLevel, const char* file,
                                 const char* function, int line);
+  // The line moves on; the stream it came from writes nothing.
   LogStream(LogStream&& other) noexcept;
   LogStream(const LogStream&) = delete;
   LogStream& operator=(const LogStream&) = delete;
   LogStream& operator=(LogStream&&) = delete;
+  // Writes the line.
   ~LogStream();
 
-  LogStream& operator<<(const char* text);  // null prints nothing
-  LogStream& operator<<(const std::string& text);
-  LogStream& operator<<(char value);
-  LogStream& operator<<(bool value);
-  LogStream& operator<<(const void* value);
-  LogStream& operator<<(int value);
-  LogStream& operator<<(unsigned int value);
-  LogStream& operator<<(double value);
-  LogStream& operator<<(long value);
-  LogStream& operator<<(unsigned long value);
-  LogStream& operator<<(long long value);
-  LogStream& operator<<(unsigned long long value);
+  LogStream& operator<<(const char* text);          // null prints nothing
+  LogStream& operator<<(const std::string& text);   // all of it, NUL bytes too
+  LogStream& operator<<(char value);                // one character
+  LogStream& operator<<(bool value);                // 1 or 0
+  LogStream& operator<<(const void* value);         // an address
+  LogStream& operator<<(int value);                 // decimal
+  LogStream& operator<<(unsigned int value);        // decimal
+  LogStream& operator<<(double value);              // up to six digits
+  LogStream& operator<<(long value);                // decimal
+  LogStream& operator<<(unsigned long value);       // decimal
+  LogStream& operator<<(long long value);           // decimal
+  LogStream& operator<<(unsigned long long value);  // decimal
 
   // Opens the file of a module: `sizeKb` is the size in KB at which the file is rotated,
   // `oldFiles` the number of rotated files kept (0 keeps none). Returns 0, or non-zero when
   // the file cannot be used; the module's lines are then kept in memory like those of a
   // module never opened: the last few, written once it opens.
   static int InitLog(const char* module, const char* file, int sizeKb, int oldFiles, int level);
+  // Closes the module's file. Later lines are kept in memory until it is opened again.
   static void UnInitLog(const char* module);
 
   // From the moment this returns, each occurrence of `word` in a message of any module
@@ -71,6 +77,7 @@ extern "C" {
 // A line of the logger's own system log. Check level 0, info.
 __attribute__((format(printf, 2, 3))) ZEL_PLATFORM_API void LogOneLog_WriteSystemLog(
     const char* function, const char* fmt, ...);
+// A line of a module, with the level as above. `function` and `fmt` are not null.
 __attribute__((format(printf, 4, 5))) ZEL_PLATFORM_API void LogOneLog_Write_EX(
     const char* module, int level, const char* function, const char* fmt, ...);
 }

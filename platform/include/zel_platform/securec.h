@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
-typedef int errno_t;
-typedef std::size_t rsize_t;
+typedef int errno_t;          // 0, EINVAL or ERANGE
+typedef std::size_t rsize_t;  // a size, RSIZE_MAX at most
 
 // Half of SIZE_MAX, so that a negative int converted to a size is refused.
 constexpr rsize_t kRsizeMax = SIZE_MAX >> 1;

@@ -18,28 +18,47 @@
 
 #include "zel_platform/platform_export.h"
 
+// One event. The texts are the caller's.
 struct UTEventRecord {
-  const char *eventId, *arg1, *arg2, *arg3, *args;
-  std::int32_t param;
+  const char* eventId;  // what happened
+  const char* arg1;     // first argument
+  const char* arg2;     // second argument
+  const char* arg3;     // third argument
+  const char* args;     // further arguments, JSON text by custom
+  std::int32_t param;   // of a finished event; else 0
 };
 
+// What all events have in common. Texts end with a NUL.
 struct UTContextRecord {
-  char version[16], deviceId[128], brand[64], deviceModel[64], cpu[64], resolution[32], appId[128],
-      language[16], osName[16], osVersion[32], carrier[16], access[16], accessSubtype[16];
+  char version[16];        // of the client
+  char deviceId[128];      // GUID of the device
+  char brand[64];          // maker of the device
+  char deviceModel[64];    // model of the device
+  char cpu[64];            // processor
+  char resolution[32];     // of the screen
+  char appId[128];         // application
+  char language[16];       // of the user interface
+  char osName[16];         // operating system
+  char osVersion[32];      // its version
+  char carrier[16];        // network operator
+  char access[16];         // kind of network
+  char accessSubtype[16];  // the kind in more detail
 };
 
+// A part of a timed event.
 struct UTSubEventRecord {
   const void* subEvent;  // layout agreed between the caller and this library
 };
 
+// A measurement of the machine.
 struct UTCpuMemoryRecord {
-  std::int32_t values[3];
-  char text[256];
+  std::int32_t values[3];  // as the caller measures
+  char text[256];          // with the values, NUL-terminated
 };
 
 // uuid, account, gantryIp, sbcIp, then six further texts.
 struct UTPublicSdkRecord {
-  const char* text[10];
+  const char* text[10];  // may be null
 };
 
 static_assert(sizeof(UTEventRecord) == 48, "five pointers and one 32-bit integer");
@@ -55,9 +74,12 @@ ZEL_PLATFORM_API int InitUnifiedTrack(int logLevel, int logSize, int fileCount, 
 // Ends tracking. Neither calls a cache function nor waits for a thread that may be in one.
 // Sends what waits, for two seconds at most; the rest is sent after the next start.
 ZEL_PLATFORM_API int Track_Uninit(void);
+// Moves the logs that InitUnifiedTrack opened; the arguments are the same. Non-zero when the
+// directory cannot be used.
 ZEL_PLATFORM_API int Track_UpdateLogPath(int logLevel, int logSize, int fileCount,
                                          const char* path);
 
+// Adds one event.
 ZEL_PLATFORM_API int Track_AddUserTrack(const UTEventRecord* record);
 // A timed event lasts from its start to its finish, which adds it with its duration. The
 // index is its first `length` bytes, or fewer up to a NUL; empty ones and more than 256
@@ -65,10 +87,13 @@ ZEL_PLATFORM_API int Track_AddUserTrack(const UTEventRecord* record);
 // is under way drops the first start, with a log line, and returns 0. Finishing, or adding
 // to, an index that is not under way - never started, finished already - is dropped.
 ZEL_PLATFORM_API int Track_StartEvent(const char* index, unsigned long length);
+// Ends a timed event and adds it.
 ZEL_PLATFORM_API int Track_FinishEvent(const char* index, const UTEventRecord* record,
                                        unsigned long length);
+// Adds a part to a timed event.
 ZEL_PLATFORM_API int Track_AddSubEvent(const char* index, const UTSubEventRecord* record,
                                        unsigned long length);
+// Adds one event of the media side; `flag` goes with it.
 ZEL_PLATFORM_API int Track_AddMediaTrack(const UTEventRecord* record, bool flag);
 // Asks for sending what waits, and returns at once.
 ZEL_PLATFORM_API int Track_UploadUserTrack(void);
@@ -77,15 +102,20 @@ ZEL_PLATFORM_API int Track_UploadUserTrack(void);
 // being timed forgotten. Any other value gives it. A process starts with consent given, so
 // a host whose user has not consented says so before it initialises, at every start.
 ZEL_PLATFORM_API int Track_ConfigCustomParam(int first, const void* param);
+// What all later events have in common. 1 for null, else 0.
 ZEL_PLATFORM_API int Track_ConfigTanloContextPublicParam(const UTContextRecord* record);
+// The SDK's parameters of all later events. 1 for null, else 0.
 ZEL_PLATFORM_API int Track_ConfigPublicSdkParam(const UTPublicSdkRecord* record);
+// Adds an event with a conference's id and its data, a text.
 ZEL_PLATFORM_API int MediaTrack_AddDataConfDotData(unsigned int id, const char* data, bool flag);
+// Adds an event with a measurement of the machine.
 ZEL_PLATFORM_API int MediaTrack_SetCpuAndMemoryInfo(const UTCpuMemoryRecord* record);
 
 // Counts one message of a category; 4 is the command worker.
 ZEL_PLATFORM_API void Track_MsgDotCount(int category);
 // An error of another library, by type. Never calls the error function on this thread.
 ZEL_PLATFORM_API void Track_ErrorAnalyze(const char* type, const char* text);
+// An event with two numbers and a text, which is written to the log too.
 __attribute__((format(printf, 3, 4))) ZEL_PLATFORM_API void Track_AddTraceApiLog(int a, int b,
                                                                                  const char* fmt,
                                                                                  ...);
@@ -98,6 +128,7 @@ ZEL_PLATFORM_API void SetErrTrackCallback(void (*onError)(const char* text));
 // counted after the registration.
 ZEL_PLATFORM_API void setAddCacheFun(int (*batchAdd)(const void* entries, int count),
                                      int (*query)(const char* key, void* out, int* count));
+// A log line of `module`, with the category before its text. Adds no event.
 __attribute__((format(printf, 5, 6))) ZEL_PLATFORM_API void IntelligentAnalyseDoStubToLog(
     const char* module, const char* category, int level, const char* function, const char* fmt,
     ...);
