@@ -67,6 +67,13 @@ install_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
+# A Node that did not come from Debian brings its own npm.
+install_node() {
+  if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+    install_packages nodejs npm
+  fi
+}
+
 have_sqlite() {
   [[ -f $sqlite_dir/sqlite3.c && -f $sqlite_dir/sqlite3.h && -f $sqlite_dir/VERSION ]] &&
     [[ $(<"$sqlite_dir/VERSION") == "$sqlite_stamp" ]]
@@ -104,9 +111,13 @@ fetch_sqlite() {
 
 case "$#:${1:-}" in
   0:) install_packages "${build_packages[@]}" ;;
-  1:--tests) install_packages "${build_packages[@]}" "${test_packages[@]}" ;;
+  1:--tests)
+    install_packages "${build_packages[@]}" "${test_packages[@]}"
+    install_node
+    ;;
   1:--campaign)
     install_packages "${build_packages[@]}" "${test_packages[@]}" "${campaign_packages[@]}"
+    install_node
     ;;
   1:--docs)
     install_packages "${docs_packages[@]}"
