@@ -1,17 +1,20 @@
 #!/usr/bin/python3
-"""Makes docs/messages.md from docs/messages/messages.yaml.
+"""Makes docs/messages.md and tools/zelctl/MessageCatalogue.inc from docs/messages/messages.yaml.
 
-usage: scripts/messages.py [--check]    --check writes nothing and fails when the page is stale
+usage: scripts/messages.py [--check]    --check writes nothing and fails when one of them is stale
 """
 import json
 import pathlib
 import sys
+import textwrap
 
 import yaml
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 SOURCE = ROOT / "docs/messages/messages.yaml"
 PAGE = ROOT / "docs/messages.md"
+TABLE = ROOT / "tools/zelctl/MessageCatalogue.inc"
+LINE = 88  # room for indentation, quotes and comma within 100 columns
 NOTE = "<!-- Made by scripts/messages.py from docs/messages/messages.yaml. -->\n"
 
 
@@ -81,8 +84,8 @@ def page(document):
     common = ("cmd", "sno", "description", "param")
 
     lines = ["# Messages", "", document["info"]["description"].strip(), "", "## Requests", ""]
-    lines += ["| `cmd` | What it does | Reply |", "|---|---|---|"]
-    lines += [f"| {m['x-cmd']} | {m['title']} | {m['x-reply']} |" for m in requests]
+    lines += ["| `cmd` | Name in `zelctl` | What it does | Reply |", "|---|---|---|---|"]
+    lines += [f"| {m['x-cmd']} | {m['x-name']} | {m['title']} | {m['x-reply']} |" for m in requests]
     lines += ["", "Every request may have a number `sno` and a text `description`, which its reply repeats. "
               "Other numbers up to", "33 are reserved.", ""]
     for message in requests:
@@ -112,18 +115,83 @@ STATISTICS = [
 ]
 
 
+def literal(text):
+    """A C++ string literal, in several where it is long; the catalogue is ASCII."""
+    parts = textwrap.wrap(text, LINE, drop_whitespace=False, break_on_hyphens=False) or [""]
+    return "\n     ".join(json.dumps(part) for part in parts)
+
+
+def keys_of(document, schema, path=""):
+    """(path, type, values, required, secret, meaning) of every member, depth first."""
+    schema = resolved(document, schema)
+    for name, member in schema.get("properties", {}).items():
+        member = resolved(document, member)
+        here = f"{path}.{name}" if path else name
+        fixed = member.get("enum", [member["const"]] if "const" in member else [])
+        if "boolean" in type_text(member):
+            fixed = [True, False]
+        if member.get("maximum", FEW) - member.get("minimum", 0) < FEW:
+            fixed = range(member["minimum"], member["maximum"] + 1)
+        yield (here, type_text(member), " ".join(json.dumps(value) for value in fixed),
+               name in schema.get("required", []), member.get("format") == "password",
+               member.get("description", ""))
+        yield from keys_of(document, member, here)
+        if "items" in member:
+            yield from keys_of(document, member["items"], here + "[]")
+
+
+def key_table(document, name, message):
+    lines = [f"constexpr KeyText {name}[] = {{"]
+    for path, kind, values, needed, secret, meaning in keys_of(document, message["payload"]):
+        flags = f"{json.dumps(needed)}, {json.dumps(secret)}"
+        lines.append(f"    {{{literal(path)}, {literal(kind)}, {literal(values)}, {flags},\n"
+                     f"     {literal(meaning)}}},")
+    return lines + ["};"]
+
+
+def table_text(document):
+    messages = document["components"]["messages"]
+    requests = [m for m in messages.values() if "x-cmd" in m]
+    events = [m for m in messages.values() if isinstance(m.get("x-notify"), int)]
+    lines = ["// Made by scripts/messages.py from docs/messages/messages.yaml.", "// clang-format off"]
+    for name in ("reply", "proxyReply"):
+        lines += key_table(document, f"k{name[0].upper()}{name[1:]}Keys", messages[name])
+    for message in requests:
+        lines += key_table(document, f"kRequestKeys{message['x-cmd']}", message)
+    for message in events:
+        lines += key_table(document, f"kEventKeys{message['x-notify']}", message)
+    lines.append("constexpr RequestText kRequestTexts[] = {")
+    for m in requests:
+        number, answer = m["x-cmd"], "kProxyReplyKeys" if m["x-cmd"] in PROXY_QUESTIONS else "kReplyKeys"
+        texts = [m["x-name"], m["title"], m["x-reply"], " ".join(m.get("description", "").split()),
+                 json.dumps(m["examples"][0]["payload"])]
+        texts = ",\n     ".join(literal(text) for text in texts)
+        lines.append(f"    {{{number}, {texts},\n     kRequestKeys{number}, {answer}}},")
+    lines += ["};", "constexpr EventText kEventTexts[] = {"]
+    for m in events:
+        about = literal(" ".join(m["description"].split()))
+        lines.append(f"    {{{m['x-notify']}, {literal(m['title'])},\n     {about},\n"
+                     f"     kEventKeys{m['x-notify']}}},")
+    return "\n".join(lines + ["};", "// clang-format on"]) + "\n"
+
+
+PROXY_QUESTIONS = (7, 8)
+FEW = 10  # values that are worth being listed
+
+
 def main(arguments):
     if arguments not in ([], ["--check"]):
         print(__doc__.strip(), file=sys.stderr)
         return 2
-    text = page(yaml.safe_load(SOURCE.read_text(encoding="utf-8")))
-    if arguments:
-        if PAGE.read_text(encoding="utf-8") == text:
-            return 0
-        print("docs/messages.md is stale: run scripts/messages.py", file=sys.stderr)
-        return 1
-    PAGE.write_text(text, encoding="utf-8")
-    return 0
+    document = yaml.safe_load(SOURCE.read_text(encoding="utf-8"))
+    stale = False
+    for path, text in ((PAGE, page(document)), (TABLE, table_text(document))):
+        if not arguments:
+            path.write_text(text, encoding="utf-8")
+        elif path.read_text(encoding="utf-8") != text:
+            print(f"{path.relative_to(ROOT)} is stale: run scripts/messages.py", file=sys.stderr)
+            stale = True
+    return 1 if stale else 0
 
 
 if __name__ == "__main__":

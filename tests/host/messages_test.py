@@ -121,7 +121,7 @@ class MessagesTest(unittest.TestCase):
         self.assertEqual(keys - named, set())
         self.assertEqual(named - keys, set(), "named, but nobody reads or writes it")
 
-    def test_the_page_is_fresh(self):
+    def test_the_page_and_the_table_of_the_console_are_fresh(self):
         subprocess.run([str(ROOT / "scripts/messages.py"), "--check"], timeout=DEADLINE, check=True)
 
 

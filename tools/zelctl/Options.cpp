@@ -11,20 +11,6 @@ namespace {
 
 constexpr double kLongestTimeoutSeconds = 1e6;
 
-std::chrono::nanoseconds ParseTimeout(const std::string& text) {
-  double seconds = 0;
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, seconds);
-  // Written so that "nan" fails too.
-  const bool inRange = seconds > 0 && seconds <= kLongestTimeoutSeconds;
-  if (error != std::errc() || rest != end || !inRange) {
-    throw UsageError("--timeout needs a positive number of seconds (at most 1000000), not " +
-                     Quoted(text));
-  }
-  // Never zero: a time-out below the clock's unit still is one.
-  return std::chrono::nanoseconds(static_cast<long long>(seconds * 1e9) + 1);
-}
-
 // The arguments one after another; an option's value may follow it or stand behind a "=".
 class Arguments {
  public:
@@ -62,12 +48,38 @@ void SetInput(Options& options, const std::string& path) {
 
 void Check(const Options& options) {
   if (options.dataDirectory.empty()) throw UsageError("--data needs the name of a directory");
-  if (options.input.empty()) {
-    throw UsageError("FILE is missing; name a file of requests, or - for stdin");
+  if (!options.replay.empty() && !options.input.empty()) {
+    throw UsageError("--replay takes the place of FILE; leave " + Quoted(options.input) + " out");
   }
 }
 
+Colouring ParseColouring(const std::string& text) {
+  if (text == "auto") return Colouring::kAuto;
+  if (text == "always") return Colouring::kAlways;
+  if (text == "never") return Colouring::kNever;
+  throw UsageError("--color needs auto, always or never, not " + Quoted(text));
+}
+
+std::string NonEmpty(const std::string& option, const std::string& path) {
+  if (path.empty()) throw UsageError(option + " needs the name of a file");
+  return path;
+}
+
 }  // namespace
+
+std::chrono::nanoseconds ParseSeconds(const std::string& option, const std::string& text) {
+  double seconds = 0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, seconds);
+  // Written so that "nan" fails too.
+  const bool inRange = seconds > 0 && seconds <= kLongestTimeoutSeconds;
+  if (error != std::errc() || rest != end || !inRange) {
+    throw UsageError(option + " needs a positive number of seconds (at most 1000000), not " +
+                     Quoted(text));
+  }
+  // Never zero: a time-out below the clock's unit still is one.
+  return std::chrono::nanoseconds(static_cast<long long>(seconds * 1e9) + 1);
+}
 
 Options ParseOptions(int argc, const char* const* argv) {
   Options options;
@@ -89,7 +101,13 @@ Options ParseOptions(int argc, const char* const* argv) {
     } else if (arguments.TakeValue(argument, "--data", value)) {
       options.dataDirectory = value;
     } else if (arguments.TakeValue(argument, "--timeout", value)) {
-      options.timeout = ParseTimeout(value);
+      options.timeout = ParseSeconds("--timeout", value);
+    } else if (arguments.TakeValue(argument, "--record", value)) {
+      options.record = NonEmpty("--record", value);
+    } else if (arguments.TakeValue(argument, "--replay", value)) {
+      options.replay = NonEmpty("--replay", value);
+    } else if (arguments.TakeValue(argument, "--color", value)) {
+      options.colouring = ParseColouring(value);
     } else {
       throw UsageError("unknown option " + Quoted(argument) + "; see zelctl --help");
     }
@@ -99,13 +117,15 @@ Options ParseOptions(int argc, const char* const* argv) {
 }
 
 const char* UsageText() {
-  return R"(usage: zelctl [--data DIR] [--timeout SECONDS] [--loopback] FILE|-
+  return R"(usage: zelctl [OPTION...] [FILE|-]
+       zelctl [OPTION...] --replay FILE
 
-Plays JSON requests, one a line, against libzel_utils and prints every reply and
-notification as one JSON line. Blank lines and lines that begin with # are skipped; the
-line !reports lets the network tools report made-up results of detections that no
-message starts.
-"-" reads standard input, line by line as it arrives.
+Without FILE, at a terminal, a console: type requests, TAB completes, :help tells more.
+With FILE, plays the JSON requests in it, one a line, against libzel_utils and prints every
+reply and notification as one JSON line. Blank lines and lines that begin with # are
+skipped, :help and the like work as in the console; the line !reports lets the network
+tools report made-up results of detections that no message starts.
+"-" reads standard input, line by line as it arrives; so does no FILE without a terminal.
 
   --data DIR         data directory, made when missing (default ./zel-data);
                      ${DATA} in a request stands for its absolute path
@@ -114,6 +134,10 @@ message starts.
                      loopback, whose places stand for ${ORIGIN}, ${PROXY_HOST},
                      ${PROXY_PORT}, ${PROXY_USER}, ${PROXY_PASSWORD} and ${STUN};
                      without it ${NAME:-text} stands for the text
+  --record FILE      write the conversation to a new file, passwords replaced
+  --replay FILE      send what such a file holds, at the same times; passwords are sent
+                     as ***, or as ZEL_PROXY_PASSWORD says
+  --color WHEN       always, never, or auto: on a terminal unless NO_COLOR is set
   --help             print this text
 
 Exit status: 0 when every request that is due a reply got one in time, 1 otherwise,

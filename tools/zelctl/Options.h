@@ -13,13 +13,21 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+enum class Colouring { kAuto, kAlways, kNever };
+
 struct Options {
   bool help = false;
   std::string dataDirectory = "./zel-data";
   std::chrono::nanoseconds timeout = std::chrono::seconds(10);  // per request
   bool loopback = false;
-  std::string input;  // a path, or "-" for standard input
+  Colouring colouring = Colouring::kAuto;
+  std::string record;  // a path, or "" for no record
+  std::string replay;  // a path, or "" for none
+  std::string input;   // a path, "-" for standard input, or "" for a person at the terminal
 };
+
+// Throws UsageError, which names `option`.
+std::chrono::nanoseconds ParseSeconds(const std::string& option, const std::string& text);
 
 // Throws UsageError.
 Options ParseOptions(int argc, const char* const* argv);

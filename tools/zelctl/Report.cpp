@@ -15,13 +15,6 @@ namespace {
 constexpr std::size_t kGap = 2;
 constexpr std::size_t kLineColumns = 96;
 
-// In characters: every byte of UTF-8 counts but the continuations.
-std::size_t Width(const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
-  }));
-}
-
 // Quotes and backslashes stand as they are in a table.
 std::string WithoutControls(const std::string& text) {
   std::string shown;

@@ -22,8 +22,6 @@ constexpr Command kCommands[] = {
     {9, Reply::kYes},  {11, Reply::kYes},   {12, Reply::kYes},       {13, Reply::kYes},
     {14, Reply::kYes}, {15, Reply::kNever}, {16, Reply::kYes, true}, {18, Reply::kNever},
 };
-// The bits of "cmd" that select the command.
-constexpr unsigned kCommandMask = 0x2FFFF;
 
 const Command* FindCommand(unsigned sent) {
   for (const Command& command : kCommands) {

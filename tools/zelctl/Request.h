@@ -8,6 +8,9 @@
 
 namespace zelctl {
 
+// The bits of "cmd" that select the command.
+inline constexpr unsigned kCommandMask = 0x2FFFF;
+
 struct Request {
   bool isDueReply = false;
   bool startsDetection = false;  // a good reply is followed by notifications

@@ -1,17 +1,12 @@
 #include "Session.h"
 
 #include <algorithm>
-#include <exception>
-#include <iostream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <thread>
 
-#include <json/reader.h>
-#include <json/writer.h>
-
 #include "CommonUtil.h"
+#include "JsonText.h"
 #include "Text.h"
 #include "publicInc/CommonUtilEntry.h"
 
@@ -23,9 +18,6 @@ constexpr auto kPoll = std::chrono::milliseconds(1);
 constexpr auto kCloseTimeout = std::chrono::seconds(30);
 constexpr int kStored = 1;
 constexpr int kNetDetectEvent = 3;
-// An error reply holds its whole request, which may itself be nested as deeply as the
-// library's own reader allows.
-constexpr int kReplyDepth = 4000;
 
 // A request that changes nothing. Its reply proves that the service thread runs and has dealt
 // with everything before it: only then does a shut-down lose no request.
@@ -48,26 +40,8 @@ Message TakeMessage() {
 // Until a message is there, for a moment at most: signals and deadlines are looked at in between.
 void AwaitMessage() { (void)CommonUtilWaitExportMsg(kAwaitMs); }
 
-bool Parse(const std::string& text, Json::Value& root) {
-  Json::CharReaderBuilder builder;
-  builder["stackLimit"] = kReplyDepth;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  try {
-    return reader->parse(text.data(), text.data() + text.size(), &root, nullptr) && root.isObject();
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-std::string OnOneLine(const Json::Value& message) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["commentStyle"] = "None";
-  return Json::writeString(builder, message);
-}
-
 std::string LineRemark(std::size_t lineNumber, const std::string& remark) {
-  return "line " + std::to_string(lineNumber) + ": " + remark;
+  return lineNumber == 0 ? remark : "line " + std::to_string(lineNumber) + ": " + remark;
 }
 
 std::string InSeconds(std::chrono::nanoseconds time) {
@@ -78,8 +52,8 @@ std::string InSeconds(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-Session::Session(std::chrono::nanoseconds timeout, const std::atomic<bool>& interrupted)
-    : m_timeout(timeout), m_interrupted(interrupted) {}
+Session::Session(std::chrono::nanoseconds timeout, const std::atomic<bool>& interrupted, Show show)
+    : m_timeout(timeout), m_interrupted(interrupted), m_show(std::move(show)) {}
 
 bool Session::Start() {
   CommonUtilServiceSetEager(1);
@@ -88,26 +62,54 @@ bool Session::Start() {
   return rc == 0;
 }
 
-void Session::Play(const std::string& text, std::size_t lineNumber) {
+void Session::Post(const std::string& text, std::size_t lineNumber) {
   const Request request = ReadRequest(text);
-  const Clock::time_point deadline = Clock::now() + m_timeout;
+  const Clock::time_point now = Clock::now();
   if (request.isDueReply) {
-    m_open.push_back({request.command, request.sno, lineNumber, request.startsDetection});
+    m_open.push_back({request.command, request.sno, lineNumber, request.startsDetection, now});
   }
-  if (!Send(text, deadline)) return Fail(LineRemark(lineNumber, "the library takes no request"));
+  if (!Send(text, now + m_timeout)) {
+    return Fail(LineRemark(lineNumber, "the library takes no request"));
+  }
   if (!request.remark.empty()) {
     Complain(LineRemark(lineNumber, request.remark + ", no reply is awaited"));
   }
+}
+
+void Session::Play(const std::string& text, std::size_t lineNumber) {
+  const Clock::time_point deadline = Clock::now() + m_timeout;
+  Post(text, lineNumber);
   for (PrintArrived(); IsAwaited(lineNumber); PrintArrived()) {
     if (m_interrupted) return Fail(LineRemark(lineNumber, "interrupted before the reply"));
     if (Clock::now() >= deadline) {
-      const std::string missing = IsOpen(lineNumber)
-                                      ? "no reply to command " + std::to_string(request.command)
-                                      : "no end of the detection";
+      const std::string missing =
+          IsOpen(lineNumber) ? "no reply to command " + std::to_string(m_open.back().command)
+                             : "no end of the detection";
       return Fail(LineRemark(lineNumber, missing + " within " + InSeconds(m_timeout)));
     }
     AwaitMessage();
   }
+}
+
+bool Session::Await(std::chrono::nanoseconds atMost) {
+  const Clock::time_point deadline = Clock::now() + atMost;
+  const std::size_t before = m_shown;
+  const bool wantsNext = IsIdle();
+  for (PrintArrived(); wantsNext ? m_shown == before : !IsIdle(); PrintArrived()) {
+    if (m_interrupted || !m_canPrint || Clock::now() >= deadline) return false;
+    AwaitMessage();
+  }
+  return true;
+}
+
+bool Session::PassTime(Clock::time_point deadline) {
+  for (PrintArrived(); Clock::now() < deadline; PrintArrived()) {
+    if (m_interrupted) return false;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    (void)CommonUtilWaitExportMsg(
+        static_cast<unsigned int>(std::clamp<long long>(left.count(), 0, kAwaitMs)));
+  }
+  return !m_interrupted;
 }
 
 void Session::PrintArrived() {
@@ -150,28 +152,33 @@ bool Session::IsAwaited(std::size_t lineNumber) const {
 
 void Session::Handle(const char* text) {
   Json::Value parsed;
-  if (!Parse(text, parsed)) return Fail("the library sent something that is no JSON object");
+  if (!ParseJson(text, parsed) || !parsed.isObject()) {
+    return Fail("the library sent something that is no JSON object");
+  }
   const Json::Value& message = parsed;  // reading a key of a constant value adds none
   if (m_closing && message["description"] == kCloseDescription) {
     m_closeAnswered = true;
     return;
   }
-  message.isMember("notify") ? NoteDetection(message) : CloseAnswered(message);
-  Print(message);
+  std::optional<std::chrono::nanoseconds> took;
+  message.isMember("notify") ? NoteDetection(message) : void(took = CloseAnswered(message));
+  Print({text, message, took});
 }
 
-void Session::CloseAnswered(const Json::Value& reply) {
+std::optional<std::chrono::nanoseconds> Session::CloseAnswered(const Json::Value& reply) {
   const std::optional<unsigned> command = UnsignedMember(reply, "rsp");
   const std::optional<unsigned> sno = UnsignedMember(reply, "sno");
   const auto answered = std::find_if(m_open.begin(), m_open.end(), [&](const OpenRequest& open) {
     return command == open.command && sno == open.sno;
   });
-  if (answered == m_open.end()) return;
+  if (answered == m_open.end()) return std::nullopt;
   if (answered->startsDetection && reply["result"] == 0) {
     ++m_detections;
     m_detectionLine = answered->lineNumber;
   }
+  const Clock::duration took = Clock::now() - answered->sentAt;
   m_open.erase(answered);
+  return took;
 }
 
 void Session::NoteDetection(const Json::Value& notification) {
@@ -180,10 +187,10 @@ void Session::NoteDetection(const Json::Value& notification) {
   if (param["current_level"] == param["total_level"]) --m_detections;
 }
 
-void Session::Print(const Json::Value& message) {
+void Session::Print(const Arrival& arrival) {
+  ++m_shown;
   if (!m_canPrint) return;
-  std::cout << OnOneLine(message) + '\n' << std::flush;
-  m_canPrint = std::cout.good();
+  m_canPrint = m_show(arrival);
   if (!m_canPrint) Fail("cannot write to standard output");
 }
 

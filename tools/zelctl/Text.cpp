@@ -1,5 +1,6 @@
 #include "Text.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace zelctl {
@@ -28,6 +29,12 @@ std::string JsonEscaped(const std::string& text) {
 }
 
 std::string Quoted(const std::string& text) { return '"' + JsonEscaped(text) + '"'; }
+
+std::size_t Width(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+  }));
+}
 
 void Complain(const std::string& text) { std::cerr << "zelctl: " + text + '\n' << std::flush; }
 

@@ -1,77 +1,70 @@
-// zelctl plays a file of JSON requests against libzel_utils and prints what comes back.
+// zelctl talks with libzel_utils: it plays JSON requests, or lets a person type them, and prints
+// what comes back. Its subcommands help in support.
 
-#include <signal.h>
+#include <unistd.h>
 
-#include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <string>
 
+#include "Console.h"
 #include "DataDirectory.h"
 #include "LineReader.h"
 #include "Loopback.h"
 #include "Options.h"
-#include "SampleReports.h"
-#include "Session.h"
+#include "Painter.h"
+#include "Signals.h"
 #include "Subcommands.h"
 #include "Text.h"
+#include "Transcript.h"
 
 namespace {
 
 constexpr int kExitAnswered = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
+constexpr char kStandardInput[] = "-";
 
 const std::map<std::string, std::string> kNoPlaces;
 
-std::atomic<bool> g_interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "written by a signal handler");
-
-void Interrupt(int) { g_interrupted = true; }
-
-// The first signal ends the session in order, a second one ends the process at once. Output
-// that nobody reads any more is an error of the write, not the end of the process.
-void HandleSignals() {
-  struct sigaction action {};
-  action.sa_handler = Interrupt;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+bool IsColourful(zelctl::Colouring colouring) {
+  if (colouring == zelctl::Colouring::kAuto) return zelctl::IsColourful(STDOUT_FILENO);
+  return colouring == zelctl::Colouring::kAlways;
 }
 
-bool IsSkipped(const std::string& line) {
-  return line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#';
+// Both ways, and one whose cursor can be moved.
+bool IsAtTerminal() {
+  const char* const terminal = std::getenv("TERM");
+  return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1 && terminal != nullptr &&
+         std::strcmp(terminal, "dumb") != 0;
 }
 
-constexpr char kSampleReports[] = "!reports";
-
-// Plays line after line; false when the input could not be read to its end.
-bool PlayAll(zelctl::LineReader& input, const zelctl::DataDirectory& data,
-             const std::map<std::string, std::string>& places, zelctl::Session& session) {
-  using Result = zelctl::LineReader::Result;
-  std::string line;
-  while (!g_interrupted && session.CanPrint()) {
-    const Result result = input.Next(line);
-    session.PrintArrived();
-    if (result == Result::kEnd) return true;
-    if (result == Result::kError) return false;
-    if (result == Result::kNothingYet || IsSkipped(line)) continue;
-    if (line == kSampleReports) {
-      zelctl::SendSampleReports();
-      continue;
-    }
-    session.Play(data.Expand(zelctl::FillPlaces(line, places)), input.LineNumber());
-  }
-  if (g_interrupted) zelctl::Complain("interrupted");
-  return false;
+bool Play(const zelctl::Options& options) {
+  const bool isReplay = !options.replay.empty();
+  const bool isConversation = !isReplay && options.input.empty() && IsAtTerminal();
+  // What cannot be read is said before anything is made.
+  const auto replay =
+      isReplay ? zelctl::ReadTranscript(options.replay) : std::vector<zelctl::TranscriptLine>();
+  zelctl::LineReader input(isReplay || options.input.empty() ? kStandardInput : options.input);
+  const zelctl::DataDirectory data(options.dataDirectory);
+  std::unique_ptr<zelctl::TranscriptWriter> record;
+  if (!options.record.empty()) record = std::make_unique<zelctl::TranscriptWriter>(options.record);
+  std::unique_ptr<zelctl::Loopback> loopback;
+  if (options.loopback) loopback = std::make_unique<zelctl::Loopback>();
+  zelctl::Console console({data, loopback ? loopback->Places() : kNoPlaces, record.get(),
+                           IsColourful(options.colouring), options.timeout},
+                          zelctl::Signals());
+  if (isReplay) return console.Replay(replay);
+  return isConversation ? console.Converse() : console.PlayLines(input);
 }
 
 int Run(int argc, const char* const* argv) {
-  HandleSignals();
-  if (const auto succeeded = zelctl::RunSubcommand(argc, argv, g_interrupted)) {
+  zelctl::HandleSignals();
+  if (const auto succeeded = zelctl::RunSubcommand(argc, argv, zelctl::Signals().interrupted)) {
     return *succeeded ? kExitAnswered : kExitFailed;
   }
   const zelctl::Options options = zelctl::ParseOptions(argc, argv);
@@ -79,15 +72,7 @@ int Run(int argc, const char* const* argv) {
     std::cout << zelctl::UsageText() << zelctl::SubcommandUsage() << std::flush;
     return std::cout ? kExitAnswered : kExitFailed;
   }
-  zelctl::LineReader input(options.input);
-  const zelctl::DataDirectory data(options.dataDirectory);
-  std::unique_ptr<zelctl::Loopback> loopback;
-  if (options.loopback) loopback = std::make_unique<zelctl::Loopback>();
-  zelctl::Session session(options.timeout, g_interrupted);
-  if (!session.Start()) return kExitFailed;
-  const bool playedAll = PlayAll(input, data, loopback ? loopback->Places() : kNoPlaces, session);
-  session.Finish();
-  return playedAll && session.Succeeded() ? kExitAnswered : kExitFailed;
+  return Play(options) ? kExitAnswered : kExitFailed;
 }
 
 }  // namespace
