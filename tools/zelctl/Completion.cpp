@@ -263,7 +263,7 @@ Completion CompleteValue(const RequestText& request, const OpenRequest& open) {
   const std::string& word = open.Word();
   std::vector<Candidate> found;
   for (const Candidate& value : ValuesOf(*key)) {
-    if (value.text == word) return {};  // 1 is whole, and the beginning of 11
+    if (value.text == word) return {0, ", \"", {}};  // 1 is whole, though 11 begins so
     if (BeginsWith(value.text, word)) found.push_back(value);
   }
   if (found.empty() && word.empty()) return {0, Opening(*key), {}};

@@ -1,11 +1,12 @@
 #include "ConfigCommand.h"
 
-#include <iostream>
 #include <map>
 #include <string>
 
+#include "Arguments.h"
 #include "CommonUtilConfig.h"
 #include "Options.h"
+#include "Report.h"
 #include "Text.h"
 
 namespace zelctl {
@@ -13,30 +14,35 @@ namespace {
 
 using Settings = std::map<std::string, std::string>;
 
-bool Flushed() {
-  if (std::cout.flush()) return true;
-  Complain("cannot write to standard output");
-  return false;
+constexpr char kJsonOption[] = "--json";
+
+bool PrintAll(const Settings& settings, bool asJson) {
+  std::string text;
+  Json::Value object(Json::objectValue);
+  for (const auto& [key, value] : settings) {
+    text += key + '=' + value + '\n';
+    object[key] = value;
+  }
+  return Print(asJson ? JsonText(object) : text);
 }
 
-bool PrintAll(const Settings& settings) {
-  for (const auto& [key, value] : settings) std::cout << key << '=' << value << '\n';
-  return Flushed();
-}
-
-bool PrintOne(const Settings& settings, const std::string& key) {
+bool PrintOne(const Settings& settings, const std::string& key, bool asJson) {
   const auto found = settings.find(key);
   if (found == settings.end()) {
     Complain("no setting " + Quoted(key));
     return false;
   }
-  std::cout << found->second << '\n';
-  return Flushed();
+  if (!asJson) return Print(found->second + '\n');
+  Json::Value object(Json::objectValue);
+  object[key] = found->second;
+  return Print(JsonText(object));
 }
 
 }  // namespace
 
-bool ShowConfig(const std::vector<std::string>& arguments, const std::atomic<bool>&) {
+bool ShowConfig(const std::vector<std::string>& given, const std::atomic<bool>&) {
+  const Arguments parsed(given, {kJsonOption});
+  const std::vector<std::string>& arguments = parsed.Words();
   if (arguments.empty() || arguments.size() > 2) {
     throw UsageError("config needs DIR and at most one KEY");
   }
@@ -47,7 +53,9 @@ bool ShowConfig(const std::vector<std::string>& arguments, const std::atomic<boo
   }
   (void)manager.InitConfig(dir);  // 0: this process has not done so before
   const Settings settings = manager.GetConfigs();
-  return arguments.size() == 1 ? PrintAll(settings) : PrintOne(settings, arguments[1]);
+  const bool asJson = parsed.Has(kJsonOption);
+  return arguments.size() == 1 ? PrintAll(settings, asJson)
+                               : PrintOne(settings, arguments[1], asJson);
 }
 
 }  // namespace zelctl

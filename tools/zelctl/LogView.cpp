@@ -10,6 +10,9 @@
 #include <system_error>
 #include <thread>
 
+#include <json/value.h>
+
+#include "JsonText.h"
 #include "ModuleFile.h"
 #include "Options.h"
 #include "Text.h"
@@ -28,6 +31,7 @@ struct View {
   std::string directory, module, since, until;
   char level = 'D';
   bool follows = false;
+  bool asJson = false;
 };
 
 struct Line {
@@ -85,6 +89,8 @@ View ParseView(const std::vector<std::string>& arguments) {
     const auto option = options.find(*next);
     if (*next == "-f") {
       view.follows = true;
+    } else if (*next == "--json") {
+      view.asJson = true;
     } else if (option != options.end()) {
       if (++next == arguments.end()) throw UsageError(option->first + " needs a value");
       *option->second = *next;
@@ -127,6 +133,20 @@ std::vector<Line> ReadAll(const std::string& directory) {
   return lines;
 }
 
+void Show(const Line& line, const View& view) {
+  if (!IsShown(line, view)) return;
+  if (!view.asJson) {
+    std::cout << line.text << '\n';
+    return;
+  }
+  Json::Value object(Json::objectValue);
+  object["time"] = line.time;
+  object["module"] = line.module;
+  object["level"] = std::string(1, line.level);
+  object["text"] = line.text;
+  std::cout << OnOneLine(object) << '\n';
+}
+
 bool Follow(const View& view, std::map<std::string, ModuleFile>& files,
             const std::atomic<bool>& interrupted) {
   std::map<std::string, Line> last;
@@ -135,7 +155,7 @@ bool Follow(const View& view, std::map<std::string, ModuleFile>& files,
       for (std::string text : file.TakeNewLines()) {
         text.pop_back();  // its line feed
         Line& line = last[module] = ParseLine(text, last[module]);
-        if (IsShown(line, view)) std::cout << line.text << '\n';
+        Show(line, view);
       }
     }
     std::cout.flush();
@@ -157,9 +177,7 @@ bool ViewLogs(const std::vector<std::string>& arguments, const std::atomic<bool>
       if (module) files.try_emplace(*module, entry.path().string(), ModuleFile::Start::kAtEnd);
     }
   }
-  for (const Line& line : ReadAll(view.directory)) {
-    if (IsShown(line, view)) std::cout << line.text << '\n';
-  }
+  for (const Line& line : ReadAll(view.directory)) Show(line, view);
   std::cout.flush();
   if (!std::cout) Complain("cannot write to standard output");
   return std::cout && (!view.follows || Follow(view, files, interrupted));

@@ -8,6 +8,9 @@
 #include <system_error>
 #include <thread>
 
+#include <json/value.h>
+
+#include "JsonText.h"
 #include "ModuleFile.h"
 #include "Options.h"
 #include "Text.h"
@@ -21,11 +24,13 @@ using commonutil::LogBusiness;
 
 constexpr std::chrono::milliseconds kCleanPoll(5);
 constexpr std::chrono::milliseconds kWatchPoll(50);
+constexpr char kJsonOption[] = "--json";
 constexpr unsigned long kLargestNumber = 1000000;
 
 struct Arguments {
   std::string directory;
   std::optional<unsigned long> number;  // of the one option
+  bool asJson = false;
 };
 
 unsigned long ParseNumber(const std::string& option, const std::string& text) {
@@ -51,7 +56,9 @@ void SetDirectory(Arguments& arguments, const std::string& path) {
 Arguments Parse(const std::vector<std::string>& given, const std::string& option) {
   Arguments arguments;
   for (auto next = given.begin(); next != given.end(); ++next) {
-    if (*next == option) {
+    if (*next == kJsonOption) {
+      arguments.asJson = true;
+    } else if (*next == option) {
       if (++next == given.end()) throw UsageError(option + " needs a value; see zelctl --help");
       arguments.number = ParseNumber(option, *next);
     } else if (next->compare(0, option.size() + 1, option + "=") == 0) {
@@ -71,7 +78,7 @@ Arguments Parse(const std::vector<std::string>& given, const std::string& option
 // The logs of a directory that are followed, by module.
 class Watch {
  public:
-  explicit Watch(std::string directory) : m_directory(std::move(directory)) {
+  Watch(std::string directory, bool asJson) : m_directory(std::move(directory)), m_asJson(asJson) {
     FindModules(ModuleFile::Start::kAtEnd);
   }
 
@@ -79,7 +86,7 @@ class Watch {
   bool PrintNew() {
     FindModules(ModuleFile::Start::kAtBegin);
     for (auto& [module, file] : m_files) {
-      for (const std::string& line : file.TakeNewLines()) std::cout << module << ": " << line;
+      for (const std::string& line : file.TakeNewLines()) Show(module, line);
     }
     std::cout.flush();
     return static_cast<bool>(std::cout);
@@ -94,7 +101,19 @@ class Watch {
     }
   }
 
+  void Show(const std::string& module, const std::string& line) const {
+    if (!m_asJson) {
+      std::cout << module << ": " << line;
+      return;
+    }
+    Json::Value object(Json::objectValue);
+    object["module"] = module;
+    object["text"] = line.substr(0, line.size() - 1);  // without its line feed
+    std::cout << OnOneLine(object) << '\n';
+  }
+
   const std::string m_directory;
+  const bool m_asJson;
   std::map<std::string, ModuleFile> m_files;
 };
 
@@ -107,14 +126,17 @@ bool CleanLogs(const std::vector<std::string>& given, const std::atomic<bool>& i
   LogBusiness::DoAsyncDelete(LogBusiness::kAfterConference);
   while (LogBusiness::IsCleaning() && !interrupted) std::this_thread::sleep_for(kCleanPoll);
   if (interrupted) Complain("interrupted");
-  std::cout << "removed " << LogBusiness::DeletedFiles() << " files\n" << std::flush;
+  const std::string count = std::to_string(LogBusiness::DeletedFiles());
+  std::cout << (arguments.asJson ? "{\"removed\":" + count + "}\n"
+                                 : "removed " + count + " files\n")
+            << std::flush;
   return !interrupted && std::cout;
 }
 
 bool WatchLogs(const std::vector<std::string>& given, const std::atomic<bool>& interrupted) {
   const Arguments arguments = Parse(given, "--seconds");
   const auto begin = std::chrono::steady_clock::now();
-  Watch watch(arguments.directory);
+  Watch watch(arguments.directory, arguments.asJson);
   Complain("watching " + Quoted(arguments.directory));
   for (;;) {
     // Asked before the last look, so that it shows all that was written until then.

@@ -30,7 +30,8 @@ constexpr Subcommand kSubcommands[] = {
     {"cache verify", VerifyCache,
      "  zelctl cache verify DIR               check the whole database (--json)\n"},
     {"config", ShowConfig,
-     "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"},
+     "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"
+     "                                        (--json)\n"},
     {"doctor", RunDoctor,
      "  zelctl doctor DIR [--repair]          say what is wrong with the data of a client that "
      "does\n"
@@ -39,12 +40,14 @@ constexpr Subcommand kSubcommands[] = {
      "  zelctl explain CODE [--json]          say what a result code means and what to do\n"},
     {"logs clean", CleanLogs,
      "  zelctl logs clean DIR --days N        remove what was last written more than N days ago\n"
-     "                                        (3 to 30 count as given, less as 3, more as 30)\n"},
+     "                                        (3 to 30 count as given, less as 3, more as 30; "
+     "--json)\n"},
     {"logs view", ViewLogs,
      "  zelctl logs view DIR [-f] [--module NAME] [--level E|W|I|D] [--since TIME] [--until TIME]\n"
-     "                                        the lines of all modules, merged by their time\n"},
+     "                                        the lines of all modules, merged by their time\n"
+     "                                        (--json: one object a line)\n"},
     {"logs watch", WatchLogs,
-     "  zelctl logs watch DIR [--seconds N]   print new lines of DIR's module logs\n"},
+     "  zelctl logs watch DIR [--seconds N]   print new lines of DIR's module logs (--json)\n"},
     {"net", MeasureServers,
      "  zelctl net SERVER... [--tls] [--json] measure up to four STUN servers, HOST or "
      "HOST:PORT\n"},
