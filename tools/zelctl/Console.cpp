@@ -342,7 +342,8 @@ void Console::Wait(const std::string& argument) {
       open == 0
           ? "no message came"
           : std::to_string(open) + (open == 1 ? " reply is still due" : " replies are still due");
-  Refuse(isInterrupted ? "stopped waiting; " + what : what);
+  const std::string remark = isInterrupted ? "stopped waiting; " + what : what;
+  open == 0 ? Complain(remark) : Refuse(remark);
 }
 
 void Console::Unfold(const std::string& argument) {
