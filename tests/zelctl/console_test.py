@@ -87,14 +87,12 @@ class AtATerminal(ConsoleTest):
         self.assertIn('"GetRegInfo!"', SEQUENCE.sub("", shown))
         console.send(UP)  # the same again
         self.say(console, "", "[2] ", "GetRegInfo!")
-        console.send("{\t")  # the one key that is needed first comes among the others
+        console.send("{\t")  # a choice of keys
         console.expect_exact('"description"')
         console.expect_exact(PROMPT)
-        console.send('c\t9\t')
-        console.expect_exact('"cmd": 9')
-        console.send('p\tcu\tu\tt\t')
-        console.expect_exact('"uploadSwitch": true')
-        self.say(console, "}}}", "UTConfigCustomParam: ", "ok")
+        self.say(console, "c\t9\tp\tcu\tu\tt\t}}}", "UTConfigCustomParam: ", "ok")
+        self.assertEqual(self.history.read_text().splitlines()[-1],
+                         '{"cmd": 9, "param": {"customParam": {"uploadSwitch": true}}}')
         console.send("set\t")  # several: a choice
         for name in ("SetUserInfo", "SetAutoStart", "SetNetDetectSrvs", "SetHttpProxy"):
             console.expect_exact(name)
