@@ -86,7 +86,9 @@ LineEditor::LineEditor(Hooks hooks, SignalFlags& signals, const std::vector<std:
   for (const std::string& text : history) m_library->Remember(text);
 
   using ReadFunction = int (*)(EditLine*, wchar_t*);
-  const ReadFunction read = [](EditLine* from, wchar_t* c) { return EditorOf(from)->NextCharacter(c); };
+  const ReadFunction read = [](EditLine* from, wchar_t* c) {
+    return EditorOf(from)->NextCharacter(c);
+  };
   using Function = unsigned char (*)(EditLine*, int);
   const Function complete = [](EditLine* from, int) { return EditorOf(from)->CompleteWord(); };
   (void)el_wset(line, EL_CLIENTDATA, static_cast<void*>(this));
