@@ -72,6 +72,8 @@ def with_member_groups(lines):
 def main(path):
     lines = path.read_text(encoding="utf-8").split("\n")
     if path.suffix != ".h":
+        if lines[0].startswith("<!--"):  # a page's title is its first line
+            lines[0] = ""
         print("\n".join(lines), end="")
         return
     lines = [line if HEADING.match(line) else comment_line(line) for line in lines]

@@ -5,7 +5,7 @@
 
 const koffi = require('koffi');
 
-const library = koffi.load(process.env.ZEL_UTILS_LIB || 'libzel_utils.so.1');
+const library = load(process.env.ZEL_UTILS_LIB || 'libzel_utils.so.1');
 const startup = library.func('int CommonUtilServiceStartup(void)');
 const shutDown = library.func('void CommonUtilServiceShutDown(void)');
 const setEager = library.func('void CommonUtilServiceSetEager(int eager)');
@@ -17,6 +17,15 @@ const freeMessage = library.func('void CommonUtilFreeExportMsg(void* message)');
 
 const WAIT_MS = 1000; // of one wait; only how soon a silent library is noticed depends on it
 const PATIENCE_MS = 10000;
+
+function load(path) {
+  try {
+    return koffi.load(path);
+  } catch (error) {
+    console.error(`${path}: ${error.message}`);
+    process.exit(1);
+  }
+}
 
 function send(request) {
   const text = JSON.stringify(request);
