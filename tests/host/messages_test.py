@@ -124,6 +124,21 @@ class MessagesTest(unittest.TestCase):
     def test_the_page_and_the_table_of_the_console_are_fresh(self):
         subprocess.run([str(ROOT / "scripts/messages.py"), "--check"], timeout=DEADLINE, check=True)
 
+    def test_the_links_of_the_pages_have_an_end(self):
+        for page in [ROOT / "README.md", *ROOT.glob("docs/*.md")]:
+            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text(encoding="utf-8")):
+                self.assertTrue((page.parent / link).exists(), f"{page.name}: {link}")
+
+    def test_the_platform_page_names_every_function_of_the_contract(self):
+        page = (ROOT / "docs/platform.md").read_text(encoding="utf-8")
+        declared = set()
+        for header in ROOT.glob("platform/include/zel_platform/*.h"):
+            text = re.sub(r"//.*|static_assert\([^;]*;", "", header.read_text(encoding="utf-8"))
+            declared.update(re.findall(r"\b([A-Za-z]\w*_\w+|[A-Z]\w+|set\w+)\(", text))
+        declared -= {"ZELCache", "LogStream"}  # constructors
+        self.assertGreater(len(declared), 100)
+        self.assertEqual({name for name in declared if f"`{name}`" not in page}, set())
+
 
 def loopback(session):
     return ["--loopback"] if "${" in session.read_text(encoding="utf-8").replace("${DATA}", "") else []
