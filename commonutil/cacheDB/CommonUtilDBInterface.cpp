@@ -70,7 +70,8 @@ bool TakeStoredSecret(const std::string& line) {
     ZEL_LOG_MILESTONE(kError) << "localDBKey error!";
     return false;
   }
-  const std::string random = ECSUtil::GetInst().DecryptZorm(line.substr(0, separator));
+  std::string random = ECSUtil::GetInst().DecryptZorm(line.substr(0, separator));
+  const WipeGuard wipe(random);
   if (random.empty()) {
     ZEL_LOG_MILESTONE(kError) << "DecryptZorm dbRandom failed!";
     return false;
@@ -81,7 +82,8 @@ bool TakeStoredSecret(const std::string& line) {
 
 int MakeNewSecret() {
   ECSUtil& ecs = ECSUtil::GetInst();
-  const std::string random = ecs.GetRealRandom(kSecretBytes);
+  std::string random = ecs.GetRealRandom(kSecretBytes);
+  const WipeGuard wipe(random);
   const std::string encrypted = ecs.EncryptZorm(random);
   const std::string salt = ecs.GetRealRandom(kSecretBytes);
   // cppcheck-suppress knownConditionTrueFalse ; two random texts are not one
@@ -97,6 +99,7 @@ int MakeNewSecret() {
 bool OpenDatabase(const std::string& file) {
   std::string key = ECSUtil::GetInst().GetPwdKeyFromORB();
   const WipeGuard wipe(key);
+  ECSUtil::GetInst().ForgetSecret();
   ECSData& data = ECSData::GetInst();
   if (!data.CheckSDKCacheDB(file, key)) (void)data.FinalizeSDKCacheDB(file);  // always true
   return data.InitializeSDKCaCheDB(file, key);

@@ -56,6 +56,8 @@ class ECSUtil {
   void WriteLocalConfigGUID(const std::string& line) const;
   // Writes `line` and keeps what it stands for.
   void SetDBKeySalt(const std::string& random, const std::string& salt, const std::string& line);
+  // Overwrites the secret: the key has been derived.
+  void ForgetSecret();
   // The database key: 64 upper-case hex digits. Takes the time of 10000 hash rounds.
   std::string GetPwdKeyFromORB() const;
   // Two upper-case hex digits a byte, no NUL behind them. `*outLength` is twice `length`

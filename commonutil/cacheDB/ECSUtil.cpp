@@ -6,6 +6,7 @@
 
 #include "cacheDB/ECSData.h"
 #include "util/Log.h"
+#include "util/SecureWipe.h"
 #include "zel_platform/crypto.h"
 #include "zel_platform/prax.h"
 #include "zel_platform/securec.h"
@@ -259,6 +260,8 @@ void ECSUtil::SetDBKeySalt(const std::string& random, const std::string& salt,
   dbRandom = random;
   dbSalt = salt;
 }
+
+void ECSUtil::ForgetSecret() { WipeString(dbRandom); }
 
 std::string ECSUtil::GetPwdKeyFromORB() const {
   char hex[2 * kKeyBytes + 1];

@@ -4,6 +4,7 @@
 
 #include "publicInc/MessageKeys.h"
 #include "publicInc/ResultCode.h"
+#include "util/SecureWipe.h"
 #include "zel_platform/securec.h"
 
 namespace key = message_key;
@@ -79,11 +80,13 @@ Json::Value CommonUtilOrbService::ComposeReply(int result, const Json::Value& re
 }
 
 void CommonUtilOrbService::SendReply(const Json::Value& reply) {
-  const std::string text = reply.toStyledString();
+  std::string text = reply.toStyledString();
+  const commonutil::WipeGuard wipe(text);       // it may hold a password
   (void)_sendRetMsg(text.data(), text.size());  // a full ring loses the reply
 }
 
 void CommonUtilOrbService::SendNotification(const Json::Value& notification) {
-  const std::string text = notification.toStyledString();
+  std::string text = notification.toStyledString();
+  const commonutil::WipeGuard wipe(text);                   // it may hold a password
   (void)m_primary.SendMsgImport(text.data(), text.size());  // a full ring loses it
 }

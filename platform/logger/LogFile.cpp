@@ -15,6 +15,8 @@
 #include <spdlog/formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
+#include "prax/owner_access.h"
+
 namespace {
 
 constexpr int kDefaultSizeKb = 5120;
@@ -31,6 +33,7 @@ bool MakeUsable(const char* path) noexcept {
     descriptor = ::open(path, kFlags, kLogFileMode);
   } while (descriptor < 0 && errno == EINTR);
   if (descriptor < 0) return false;
+  KeepOwnerAccess(descriptor);
   struct stat facts;
   const bool isRegular = ::fstat(descriptor, &facts) == 0 && S_ISREG(facts.st_mode);
   (void)::close(descriptor);  // nothing was written

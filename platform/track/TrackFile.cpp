@@ -8,6 +8,7 @@
 
 #include <openssl/hmac.h>
 
+#include "prax/owner_access.h"
 #include "zel_platform/crypto.h"
 
 namespace {
@@ -100,7 +101,9 @@ bool ReadTrackFileName(const std::string& name, std::uint64_t* number, TrackSalt
 
 int MakeTrackFile(const std::string& path) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
-  return Retried([&] { return ::open(path.c_str(), kFlags, kFileMode); });
+  const int descriptor = Retried([&] { return ::open(path.c_str(), kFlags, kFileMode); });
+  if (descriptor >= 0) KeepOwnerAccess(descriptor);
+  return descriptor;
 }
 
 bool AppendToTrackFile(int descriptor, const unsigned char* bytes, std::size_t length) {
@@ -111,9 +114,10 @@ bool AppendToTrackFile(int descriptor, const unsigned char* bytes, std::size_t l
 bool WriteTrackFileStart(const std::string& path, std::string_view bytes) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
   const Descriptor file(Retried([&] { return ::open(path.c_str(), kFlags, kFileMode); }));
-  return file.Get() >= 0 && Retried([&] {
-                              return ::write(file.Get(), bytes.data(), bytes.size());
-                            }) == static_cast<ssize_t>(bytes.size());
+  if (file.Get() < 0) return false;
+  KeepOwnerAccess(file.Get());
+  return Retried([&] { return ::write(file.Get(), bytes.data(), bytes.size()); }) ==
+         static_cast<ssize_t>(bytes.size());
 }
 
 int ReadTrackFile(const std::string& path, std::uint64_t begin, std::uint64_t end,

@@ -11,6 +11,7 @@
 #include "config/settings.h"
 #include "logger/LogFile.h"
 #include "logger/LogModules.h"
+#include "prax/owner_access.h"
 #include "track/OtlpTransport.h"
 #include "zel_platform/crypto.h"
 #include "zel_platform/logger.h"
@@ -144,7 +145,7 @@ int UserTrack::Move(const TrackOutput& output) {
     if (!m_running) return kOk;
   }
   if (output.directory.empty()) return kFailed;
-  (void)::mkdir(output.directory.c_str(), kLogDirectoryMode);  // the uses below tell
+  (void)MakeOwnDirectory(output.directory.c_str(), kLogDirectoryMode);  // the uses below tell
   const bool logUsable = OpenModuleLog(output);
   const bool eventsUsable = UseEventFile(output);
   return logUsable && eventsUsable ? kOk : kFailed;

@@ -10,6 +10,8 @@
 
 #include <utility>
 
+#include "prax/owner_access.h"
+
 namespace {
 
 constexpr mode_t kDirectoryMode = 0700;
@@ -67,7 +69,7 @@ int MakeDirectory(const std::string& directory) {
   if (errno != ENOENT) return errno;
   const std::string parent = DirectoryOf(directory);
   if (const int error = MakeDirectory(parent); error != 0) return error;
-  if (::mkdir(directory.c_str(), kDirectoryMode) != 0 && errno != EEXIST) return errno;
+  if (MakeOwnDirectory(directory.c_str(), kDirectoryMode) != 0 && errno != EEXIST) return errno;
   return SyncDirectory(parent);
 }
 
@@ -115,6 +117,7 @@ int ZormFileLock::Acquire(const std::string& path) {
   m_descriptor = Retried(
       [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode); });
   if (m_descriptor < 0) return errno;
+  KeepOwnerAccess(m_descriptor);
   if (Retried([&] { return ::flock(m_descriptor, LOCK_EX | LOCK_NB); }) == 0) return 0;
   const int error = errno;
   (void)::close(std::exchange(m_descriptor, -1));
@@ -160,6 +163,7 @@ void AppendLogLine(const std::string& path, const std::string& text) {
   if (path.empty()) return;
   const Descriptor log(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY, kLogMode);
   if (!log.IsOpen()) return;
+  KeepOwnerAccess(log.Get());
   const std::string line = TimeText() + " [key store] " + text + "\n";
   // One write for a line, so that lines of other writers never mix with it.
   (void)Retried([&] { return ::write(log.Get(), line.data(), line.size()); });

@@ -138,6 +138,19 @@ TEST_F(StartupTest, MakesItsFilesAndFindsThemAgain) {
   EXPECT_EQ(Salt(), salt);
 }
 
+// The umask of a host once left files and directories that nobody could open: the next start, under
+// any umask, failed for good.
+TEST_F(StartupTest, WhatItMakesUnderAnyUmaskStaysOpenToItsOwner) {
+  const mode_t before = ::umask(0777);
+  const int outcome = StartOnce(m_dir.Path());
+  (void)::umask(before);
+  EXPECT_EQ(outcome, kRowMissing);
+  for (const auto& entry : fs::recursive_directory_iterator(m_dir.Path())) {
+    const unsigned int own = entry.is_directory() ? 0700U : 0600U;
+    EXPECT_EQ(ModeOf(entry.path().string()) & own, own) << entry.path();
+  }
+}
+
 TEST_F(StartupTest, ADamagedSaltFileCostsTheRowsButNotTheStart) {
   for (const std::string& damaged :
        {std::string(), std::string("|"), std::string("0123456789"), std::string("zz|zz"),
