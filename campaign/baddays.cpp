@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>

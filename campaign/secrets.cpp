@@ -15,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <cctype>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -132,9 +133,11 @@ class Host {
   const char* Secret(Which which) const { return m_secrets[which]; }
 
   // Through the rings and the service's thread; waits for `replies` and hands them on.
-  template <class... Arguments>
-  void Request(int replies, const char* format, Arguments... arguments) {
-    std::snprintf(m_buffer, sizeof m_buffer, format, arguments...);
+  __attribute__((format(printf, 3, 4))) void Request(int replies, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(m_buffer, sizeof m_buffer, format, arguments);
+    va_end(arguments);
     if (CommonUtilRecvMsgImport(m_buffer, std::strlen(m_buffer)) != 1) ::_exit(4);
     std::memset(m_buffer, 0, sizeof m_buffer);
     for (int i = 0; i < replies;) {

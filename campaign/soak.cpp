@@ -1,4 +1,6 @@
 // Full load for a long time: resident memory, descriptors and threads must stay flat.
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -36,6 +38,12 @@ long long OpenDescriptors() {
   return std::distance(begin(open), end(open));
 }
 
+// Of all arenas: without what the allocator keeps of freed memory.
+long long AllocatedKb() {
+  const struct mallinfo2 heap = ::mallinfo2();
+  return static_cast<long long>((heap.uordblks + heap.hblkhd) / 1024);
+}
+
 double Median(std::vector<long long>::const_iterator first,
               std::vector<long long>::const_iterator last) {
   std::vector<long long> sorted(first, last);
@@ -60,6 +68,7 @@ int main(int argc, char** argv) {
   campaign::Report report("soak", 1800, argc, argv);
   std::vector<Series> all{
       {"resident_kb", 1024, 0.02, [] { return StatusValue("VmRSS:"); }, {}},
+      {"allocated_kb", 256, 0.02, AllocatedKb, {}},  // what a leak alone makes grow
       {"descriptors", 2, 0, OpenDescriptors, {}},
       {"threads", 2, 0, [] { return StatusValue("Threads:"); }, {}},
   };
