@@ -67,7 +67,7 @@ void Judge(const Series& series, campaign::Report& report) {
 int main(int argc, char** argv) {
   campaign::Report report("soak", 1800, argc, argv);
   std::vector<Series> all{
-      {"resident_kb", 1024, 0.02, [] { return StatusValue("VmRSS:"); }, {}},
+      {"resident_kb", 1024, 0.05, [] { return StatusValue("VmRSS:"); }, {}},
       {"allocated_kb", 256, 0.02, AllocatedKb, {}},  // what a leak alone makes grow
       {"descriptors", 2, 0, OpenDescriptors, {}},
       {"threads", 2, 0, [] { return StatusValue("Threads:"); }, {}},

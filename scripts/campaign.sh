@@ -83,6 +83,10 @@ failed=no
 printf '%-10s %14s %8s  %s\n' campaign rounds seconds findings
 for name in "${names[@]}"; do
   wanted "$name" || continue
+  if [[ $name != fuzz && $name != storm && ! -x $root/build/release/bin/campaign_$name ]]; then
+    printf '%-10s not built\n' "$name"
+    continue
+  fi
   time=$((seconds[$name] * minutes / 60))
   [[ ${seconds[$name]} -eq 0 || $time -gt 0 ]] || time=1
   rm -f "$results/$name.json"
