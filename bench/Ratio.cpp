@@ -35,6 +35,17 @@ double MedianOfRounds(const SizedRound& round, int size) {
 
 }  // namespace
 
+Pinned::Pinned(int core) {
+  CPU_ZERO(&m_before);
+  (void)sched_getaffinity(0, sizeof(m_before), &m_before);
+  cpu_set_t only;
+  CPU_ZERO(&only);
+  CPU_SET(core, &only);
+  (void)sched_setaffinity(0, sizeof(only), &only);  // with fewer cores it runs where it may
+}
+
+Pinned::~Pinned() { (void)sched_setaffinity(0, sizeof(m_before), &m_before); }
+
 void PrintHeading() {
   std::printf("%-44s %12s %12s %7s %7s   %s\n", "work", "ours", "peer", "ratio", "goal", "peer");
 }

@@ -2,6 +2,8 @@
 // does meets both; the figure is the median of the rounds' ratios.
 #pragma once
 
+#include <sched.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -38,6 +40,18 @@ void Grow(const std::string& work, int size, const SizedRound& round);
 // All that was printed, as one JSON object: "comparisons", "figures" and "growth"; false where
 // the file cannot be written.
 bool WriteJson(const std::string& path);
+// Keeps the calling thread, and those that it starts, on one core: a wake-up across cores costs
+// several times one on the same core, and where the scheduler puts two threads is chance.
+class Pinned {
+ public:
+  explicit Pinned(int core);
+  ~Pinned();
+  Pinned(const Pinned&) = delete;
+  Pinned& operator=(const Pinned&) = delete;
+
+ private:
+  cpu_set_t m_before;
+};
 
 // The benchmarks.
 void BenchLog();
@@ -48,6 +62,7 @@ void BenchQueue();
 void BenchRing();
 void BenchWorker();
 void BenchCache();
+void BenchMemory();
 void BenchStart();
 void BenchTrack();
 void BenchMasking();

@@ -1,8 +1,7 @@
-// The config cache in memory, the caller's part of an add, and the error-code look-up.
+// The caller's part of an add to the config cache.
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -10,14 +9,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "CommonUtil.h"
 #include "Ratio.h"
 #include "publicInc/CommonUtilPrivateManager.h"
-#include "publicInc/GlobalErrorCodeTable.h"
 #include "util/MsgMgr.h"
 
 namespace bench {
@@ -26,14 +23,10 @@ namespace {
 
 using commonutil::CommonUtil;
 using commonutil::CommonUtilPrivateManager;
-using commonutil::GlobalErrorCodeRow;
-using commonutil::kGlobalErrorCodeRows;
 using commonutil::ZelConfigCache;
 
 constexpr int kRounds = 11;
-constexpr int kQueries = 1000000;
 constexpr int kAdds = 200;
-constexpr int kLookUps = 1000000;
 constexpr std::size_t kKeys = 64;
 constexpr std::size_t kPeerShards = 16;
 
@@ -55,13 +48,6 @@ class PeerCache {
     shard.values[key] = std::make_shared<const std::string>(value);
   }
 
-  std::shared_ptr<const std::string> Get(const std::string& key) {
-    Shard& shard = ShardOf(key);
-    const std::lock_guard<std::mutex> hold(shard.lock);
-    const auto found = shard.values.find(key);
-    return found == shard.values.end() ? nullptr : found->second;
-  }
-
  private:
   struct alignas(64) Shard {
     std::mutex lock;
@@ -74,68 +60,6 @@ class PeerCache {
 
   std::array<Shard, kPeerShards> m_shards;
 };
-
-// `step` 0 asks for one key all the time, 1 for all of them in turn.
-void QueryOurs(int queries, std::size_t first, std::size_t step) {
-  auto& manager = CommonUtilPrivateManager::getInst();
-  ZelConfigCache row;
-  std::size_t key = first;
-  for (int i = 0; i < queries; ++i, key += step) {
-    int count = 1;
-    if (manager.QueryConfigCacheByKey(Keys()[key % kKeys], &row, &count) != 0) std::abort();
-  }
-}
-
-void QueryPeer(PeerCache& peer, int queries, std::size_t first, std::size_t step) {
-  std::string value;
-  std::size_t key = first;
-  for (int i = 0; i < queries; ++i, key += step) {
-    const auto found = peer.Get(Keys()[key % kKeys]);
-    if (found == nullptr) std::abort();
-    value = *found;
-  }
-}
-
-// Shares kQueries between the threads, which begin at different keys.
-void Share(std::size_t threads, std::size_t step,
-           const std::function<void(int queries, std::size_t first)>& body) {
-  std::vector<std::thread> running;
-  for (std::size_t i = 0; i < threads; ++i) {
-    running.emplace_back(body, kQueries / static_cast<int>(threads), i * step * 7);
-  }
-  for (std::thread& thread : running) thread.join();
-}
-
-void BenchQuery(const std::string& keys, PeerCache& peer, std::size_t step) {
-  const auto ours = [&](std::size_t threads) {
-    Share(threads, step, [&](int queries, std::size_t first) { QueryOurs(queries, first, step); });
-  };
-  const auto peers = [&](std::size_t threads) {
-    Share(threads, step,
-          [&](int queries, std::size_t first) { QueryPeer(peer, queries, first, step); });
-  };
-  Compare(
-      {"query from memory, " + keys + " (0.25 us)", "sharded unordered_map of shared strings", 0,
-       kRounds, kQueries},
-      [&] { ours(1); }, [&] { peers(1); });
-  Compare(
-      {"the same from 4 threads", "sharded unordered_map of shared strings", 0, kRounds, kQueries},
-      [&] { ours(4); }, [&] { peers(4); });
-  Compare(
-      {"4 threads in total", "1 thread", 1.0, kRounds, kQueries}, [&] { ours(4); },
-      [&] { ours(1); });
-}
-
-void BenchQueries(PeerCache& peer) {
-  auto& manager = CommonUtilPrivateManager::getInst();
-  for (const std::string& key : Keys()) {
-    const std::string value = "a value of usual length: " + key;
-    peer.Put(key, value);
-    if (!manager.addConfigInfo(key, value)) std::abort();
-  }
-  BenchQuery("64 keys", peer, 1);
-  BenchQuery("1 key", peer, 0);
-}
 
 // Real files behind the cache and the log.
 void Initialise(const std::string& dir) {
@@ -175,41 +99,6 @@ void BenchAdd(PeerCache& peer) {
       [&] { return UsualTime([&] { peer.Put(row.key, row.value); }); });
 }
 
-std::int32_t BinarySearch(std::int32_t code) {
-  const GlobalErrorCodeRow* first = kGlobalErrorCodeRows;
-  std::size_t count = std::size(kGlobalErrorCodeRows);
-  while (count > 1) {
-    const std::size_t half = count / 2;
-    if (first[half].code <= code) first += half;
-    count -= half;
-  }
-  return first->code == code ? first->globalCode : 0;
-}
-
-template <class LookUp>
-void LookUpAll(const std::vector<std::int32_t>& codes, LookUp lookUp) {
-  for (int i = 0; i < kLookUps; ++i) {
-    const std::int32_t code = codes[static_cast<std::size_t>(i) % codes.size()];
-    if (lookUp(code) != code) std::abort();
-  }
-}
-
-void BenchErrorCodes() {
-  std::vector<std::int32_t> codes;  // in no order that a processor could learn
-  constexpr std::size_t kScatter = 7919;
-  for (std::size_t i = 0; i < 4096; ++i) {
-    codes.push_back(kGlobalErrorCodeRows[i * kScatter % std::size(kGlobalErrorCodeRows)].code);
-  }
-  Compare(
-      {"look up 1000 error codes (15 us)", "binary search by hand", 1.0, kRounds,
-       kLookUps / 1000.0},
-      [&] {
-        LookUpAll(codes,
-                  [](std::int32_t code) { return CommonUtil::getInst().GetGlobalErrorCode(code); });
-      },
-      [&] { LookUpAll(codes, BinarySearch); });
-}
-
 }  // namespace
 
 void BenchCache() {
@@ -217,9 +106,7 @@ void BenchCache() {
   if (mkdtemp(dir.data()) == nullptr) std::abort();
   Initialise(dir);
   PeerCache peer;
-  BenchQueries(peer);
   BenchAdd(peer);
-  BenchErrorCodes();
   std::filesystem::remove_all(dir);
 }
 

@@ -21,6 +21,13 @@ constexpr Benchmark kBenchmarks[] = {
     {"detect", bench::BenchDetect},       {"start", bench::BenchStart},
     {"masking", bench::BenchMasking},     {"cleanup", bench::BenchCleanup},
     {"footprint", bench::BenchFootprint}, {"growth", bench::BenchGrowth},
+    {"track", bench::BenchTrack},     {"log", bench::BenchLog},
+    {"message", bench::BenchMessage}, {"queue", bench::BenchQueue},
+    {"ring", bench::BenchRing},       {"worker", bench::BenchWorker},
+    {"memory", bench::BenchMemory},   {"cache", bench::BenchCache},
+    {"proxy", bench::BenchProxy},     {"detect", bench::BenchDetect},
+    {"start", bench::BenchStart},     {"masking", bench::BenchMasking},
+    {"cleanup", bench::BenchCleanup},
 };
 
 const Benchmark* Find(const char* name) {
