@@ -1,8 +1,11 @@
 // One masked log line against a rotating sink of spdlog that masks nothing.
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
@@ -33,6 +36,12 @@ std::string LineWithAllWords() {
   return line;
 }
 
+void FromFourThreads(const std::function<void()>& body) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back(body);
+  for (std::thread& thread : threads) thread.join();
+}
+
 }  // namespace
 
 void BenchLog() {
@@ -50,18 +59,22 @@ void BenchLog() {
   peer.set_pattern("%Y-%m-%d %H:%M:%S.%e %t %L [%n] [%s %!:%#] %v");
   peer.flush_on(spdlog::level::trace);
   const spdlog::source_loc here{"bench/log_bench.cpp", __LINE__, "BenchLog"};
+  const auto log = [&](int lines) {
+    for (int i = 0; i < lines; ++i) {
+      LogStream::GetLogStream(kModule, LOGGER_LEVEL_INFO, 0, "bench/log_bench", "BenchLog", 1)
+          << line;
+    }
+  };
   Compare(
-      {"log: 120 bytes, 5 sensitive words, flushed", "spdlog's rotating sink without masking", 1.5,
+      {"log: 120 bytes, 5 sensitive words, flushed", "spdlog's rotating sink without masking", 1.2,
        kRounds, kLines},
-      [&] {
-        for (int i = 0; i < kLines; ++i) {
-          LogStream::GetLogStream(kModule, LOGGER_LEVEL_INFO, 0, "bench/log_bench", "BenchLog", 1)
-              << line;
-        }
-      },
+      [&] { log(kLines); },
       [&] {
         for (int i = 0; i < kLines; ++i) peer.log(here, spdlog::level::info, line);
       });
+  Compare(
+      {"log: 4 threads, for each line", "1 thread", 1.5, kRounds, kLines},
+      [&] { FromFourThreads([&] { log(kLines / 4); }); }, [&] { log(kLines); });
   logger_ref_reset();
   std::error_code ignored;
   std::filesystem::remove_all(directory, ignored);

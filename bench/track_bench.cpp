@@ -138,7 +138,7 @@ void CompareAdd() {
   double best = 0;
   Compare(
       {"Track_AddUserTrack, 300 bytes of args",
-       "AES-256-GCM + write, " + std::to_string(bytes) + " bytes", 1.5, kRounds, kEvents},
+       "AES-256-GCM + write, " + std::to_string(bytes) + " bytes", 1.3, kRounds, kEvents},
       [&] {
         const double ms = Milliseconds([&] {
           for (int i = 0; i < kEvents; ++i) add();

@@ -4,11 +4,10 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <future>
-#include <list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -17,8 +16,8 @@
 
 namespace commonutil {
 
-// A first-in-first-out list that its reader waits on. Any thread may push and wait. It must
-// outlive its last waiter.
+// A first-in-first-out list that its reader waits on. Any thread may push, one thread reads. It
+// must outlive both.
 template <class T>
 class SafeCondList {
  public:
@@ -28,29 +27,32 @@ class SafeCondList {
 
   // Throws std::bad_alloc with nothing pushed.
   void PushBack(T element) {
-    std::list<T> node;  // made and, in Wait, released outside the lock
-    node.push_back(std::move(element));
-    MutexLock hold(m_lock);
-    m_list.splice(m_list.end(), node);
-    ++m_count;
-    m_pushed.notify_all();
+    {
+      MutexLock hold(m_lock);
+      m_list.push_back(std::move(element));
+    }
+    m_pushed.notify_all();  // a reader woken under the lock would run into it
   }
+
+  // Whether Wait will return at once. The reader's.
+  bool HasTaken() const { return !m_taken.empty(); }
 
   // Blocks, without a time-out, until there is an element; moves the first one to `out`.
   // Always true.
   bool Wait(T& out) {
-    std::list<T> node;
-    {
-      MutexLock hold(m_lock);
-      while (m_count == 0) WaitLocked();
-      node.splice(node.end(), m_list, m_list.begin());
-      --m_count;
-    }
-    out = std::move(node.front());
+    if (m_taken.empty()) TakeAll();
+    out = std::move(m_taken.front());
+    m_taken.pop_front();
     return true;
   }
 
  private:
+  void TakeAll() {
+    MutexLock hold(m_lock);
+    while (m_list.empty()) WaitLocked();
+    m_taken.swap(m_list);
+  }
+
   void WaitLocked() ZEL_REQUIRES(m_lock) {
     std::unique_lock<std::mutex> native(m_lock.native(), std::adopt_lock);
     m_pushed.wait(native);
@@ -59,8 +61,8 @@ class SafeCondList {
 
   Mutex m_lock;
   std::condition_variable m_pushed;
-  std::list<T> m_list ZEL_GUARDED_BY(m_lock);
-  std::size_t m_count ZEL_GUARDED_BY(m_lock) = 0;
+  std::deque<T> m_list ZEL_GUARDED_BY(m_lock);
+  std::deque<T> m_taken;  // the reader's own: ahead of m_list, without the lock
 };
 
 // A command: what to run, and the name under which the log reports it when it is slow.

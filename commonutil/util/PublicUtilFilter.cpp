@@ -21,17 +21,37 @@ using Mask = std::string (*)(const std::string& text);
 
 std::string Stars(const std::string& text) { return std::string(text.size(), kStar); }
 
-// Appends `piece`, behind a separator unless it is the first that is not empty.
-void Join(std::string& text, char separator, const std::string& piece) {
-  if (!text.empty()) text += separator;
-  text += piece;
+// Masks text[begin, end) by the general rule.
+void MaskGeneral(std::string& text, std::size_t begin, std::size_t end) {
+  const std::size_t size = end - begin;
+  const std::size_t keptHead = size < 4 ? 0 : size < 14 ? 1 : 2;
+  const std::size_t keptTail = size < 6 ? 0 : size < 14 ? 1 : 3;
+  std::fill(text.begin() + static_cast<std::ptrdiff_t>(begin + keptHead),
+            text.begin() + static_cast<std::ptrdiff_t>(end - keptTail), kStar);
 }
 
-std::string MaskedAddress(const std::string& address) {
-  if (!PublicUtil::isIPv4(address)) return PublicUtil::filterWordGeneral(address);
-  std::size_t lastOctet = 0;
-  for (int dots = 0; dots < 3; ++dots) lastOctet = address.find('.', lastOctet) + 1;
-  return address.substr(0, lastOctet) + PublicUtil::filterWordGeneral(address.substr(lastOctet));
+void MaskAddress(std::string& text, std::size_t begin, std::size_t end) {
+  if (PublicUtil::isIPv4(text.substr(begin, end - begin))) {
+    for (int dots = 0; dots < 3; ++begin) dots += text[begin] == '.' ? 1 : 0;
+  }
+  MaskGeneral(text, begin, end);
+}
+
+// Without the separators at the beginning, and without one at the end, calls `mask` with the
+// bounds and the number of each piece between separators.
+template <class MaskPiece>
+std::string MaskedPieces(const std::string& text, char separator, MaskPiece mask) {
+  const std::size_t first = text.find_first_not_of(separator);
+  if (first == std::string::npos) return {};
+  const std::size_t last = text.size() - (text.back() == separator ? 1 : 0);
+  std::string masked = text.substr(first, last - first);
+  std::size_t number = first;  // each separator left out has ended an empty piece
+  for (std::size_t begin = 0; begin < masked.size(); ++number) {
+    const std::size_t end = std::min(masked.find(separator, begin), masked.size());
+    mask(masked, begin, end, number);
+    begin = end + 1;
+  }
+  return masked;
 }
 
 // The pieces between slashes masked, every slash kept.
@@ -139,19 +159,9 @@ std::string PublicUtil::filterWord(const std::string& text, FILTER_WORD_TYPE typ
 }
 
 std::string PublicUtil::filterWordGeneral(const std::string& text) {
-  const std::size_t size = text.size();
-  const std::size_t keptHead = size < 4 ? 0 : size < 14 ? 1 : 2;
-  const std::size_t keptTail = size < 6 ? 0 : size < 14 ? 1 : 3;
   std::string masked = text;
-  std::fill(masked.begin() + static_cast<std::ptrdiff_t>(keptHead),
-            masked.end() - static_cast<std::ptrdiff_t>(keptTail), kStar);
+  MaskGeneral(masked, 0, masked.size());
   return masked;
-}
-
-std::string PublicUtil::filterWordUsername(const std::string& text) {
-  std::wstring name = UTF8ToWstring(text);
-  if (name.size() >= 2) std::fill(name.begin() + 1, name.end(), static_cast<wchar_t>(kStar));
-  return WstringToUTF8(name);
 }
 
 std::string PublicUtil::filterWordUuid(const std::string& text) {
@@ -160,19 +170,16 @@ std::string PublicUtil::filterWordUuid(const std::string& text) {
 }
 
 std::string PublicUtil::filterWordIp(const std::string& text) {
-  std::string masked;
-  for (const std::string& address : split(text, ";")) Join(masked, ';', MaskedAddress(address));
-  return masked;
+  return MaskedPieces(text, ';',
+                      [](std::string& masked, std::size_t begin, std::size_t end,
+                         std::size_t /*number*/) { MaskAddress(masked, begin, end); });
 }
 
 std::string PublicUtil::filterWordReqUrl(const std::string& text) {
-  std::string masked;
-  std::size_t index = 0;
-  for (const std::string& piece : split(text, "/")) {
-    const bool isReadable = index++ < kReadableUrlPieces;
-    Join(masked, '/', isReadable ? piece : filterWordGeneral(piece));
-  }
-  return masked;
+  return MaskedPieces(
+      text, '/', [](std::string& masked, std::size_t begin, std::size_t end, std::size_t number) {
+        if (number >= kReadableUrlPieces) MaskGeneral(masked, begin, end);
+      });
 }
 
 std::string PublicUtil::filterWordProxyUrl(const std::string& text) {

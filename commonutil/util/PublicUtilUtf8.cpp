@@ -68,6 +68,24 @@ void AppendCodePoint(char32_t point, std::string& text) {
 
 }  // namespace
 
+// Here because the text need not be converted to be read.
+std::string PublicUtil::filterWordUsername(const std::string& text) {
+  std::string masked;
+  std::size_t position = 0;
+  while (position < text.size()) {
+    const std::size_t begin = position;
+    char32_t point = 0;
+    if (!ReadCodePoint(text, position, point)) return {};
+    if (begin == 0) {
+      masked.reserve(text.size());
+      masked.append(text, 0, position);
+    } else {
+      masked += '*';
+    }
+  }
+  return masked;
+}
+
 std::wstring PublicUtil::UTF8ToWstring(const std::string& text) {
   std::wstring wide;
   std::size_t position = 0;

@@ -72,6 +72,7 @@ std::string TrackSessionText(const TrackSession& session);  // as a UUID is writ
 // Fields on their way into a record. Not thread-safe.
 class TrackFields {
  public:
+  TrackFields() { m_bytes.reserve(kUsualBytes); }
   // A null text is left out. A text need not end within `capacity`.
   TrackFields& Text(TrackField field, const char* text);
   TrackFields& Text(TrackField field, const char* text, std::size_t capacity);
@@ -81,6 +82,8 @@ class TrackFields {
   bool TooLong() const { return m_tooLong; }
 
  private:
+  static constexpr std::size_t kUsualBytes = 512;
+
   std::string m_bytes;
   bool m_tooLong = false;
 };
