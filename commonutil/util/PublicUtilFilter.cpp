@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cstddef>
+#include <string_view>
 
+#include "util/IPv4Text.h"
 #include "util/Log.h"
 #include "util/PublicUtil.h"
 
@@ -31,7 +33,10 @@ void MaskGeneral(std::string& text, std::size_t begin, std::size_t end) {
 }
 
 void MaskAddress(std::string& text, std::size_t begin, std::size_t end) {
-  if (PublicUtil::isIPv4(text.substr(begin, end - begin))) {
+  const std::size_t lastOctet = LastOctetOf(std::string_view(text).substr(begin, end - begin));
+  if (lastOctet != 0) {
+    begin += lastOctet;
+  } else if (PublicUtil::isIPv4(text.substr(begin, end - begin))) {
     for (int dots = 0; dots < 3; ++begin) dots += text[begin] == '.' ? 1 : 0;
   }
   MaskGeneral(text, begin, end);
@@ -41,13 +46,15 @@ void MaskAddress(std::string& text, std::size_t begin, std::size_t end) {
 // bounds and the number of each piece between separators.
 template <class MaskPiece>
 std::string MaskedPieces(const std::string& text, char separator, MaskPiece mask) {
-  const std::size_t first = text.find_first_not_of(separator);
-  if (first == std::string::npos) return {};
+  std::size_t first = 0;
+  while (first < text.size() && text[first] == separator) ++first;
+  if (first == text.size()) return {};
   const std::size_t last = text.size() - (text.back() == separator ? 1 : 0);
   std::string masked = text.substr(first, last - first);
   std::size_t number = first;  // each separator left out has ended an empty piece
   for (std::size_t begin = 0; begin < masked.size(); ++number) {
-    const std::size_t end = std::min(masked.find(separator, begin), masked.size());
+    std::size_t end = begin;  // pieces are too short for a search to pay
+    while (end < masked.size() && masked[end] != separator) ++end;
     mask(masked, begin, end, number);
     begin = end + 1;
   }
