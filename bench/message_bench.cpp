@@ -1,20 +1,27 @@
-// One request through the library against what jsoncpp alone takes for its texts.
+// Requests through the library against what jsoncpp alone takes to read them and to build and write
+// their replies, with a reader and a writer that are kept.
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <json/json.h>
+#include <readerwriterqueue/readerwriterqueue.h>
 
 #include "Ratio.h"
 #include "publicInc/CommonUtilEntry.h"
+#include "zel_platform/logger.h"
 
 namespace bench {
 
@@ -22,6 +29,10 @@ namespace {
 
 constexpr int kRounds = 15;
 constexpr int kRequests = 5000;
+constexpr int kPipelined = 100000;
+constexpr int kPipelineRounds = 7;
+constexpr int kUnderWay = 2000;  // fewer than a ring holds
+constexpr int kBurst = 64;
 constexpr unsigned int kPatienceMs = 60000;
 constexpr char kRequest[] =
     R"({"cmd":11,"sno":12345,"description":"a host's own text for this request, echoed",)"
@@ -33,12 +44,123 @@ void ProcessAndTake(std::string& request) {
   if (CommonUtilSendMsgExport(&reply) == 1) CommonUtilFreeExportMsg(reply);
 }
 
-void ParseAndWrite(Json::CharReader& reader, const std::string& request, const Json::Value& reply) {
-  Json::Value root;
-  (void)reader.parse(request.data(), request.data() + request.size(), &root, nullptr);
-  const std::string text = reply.toStyledString();
-  if (text.empty()) std::abort();  // keeps the work
+// What no library can do without: the request is parsed, the reply built and written.
+class BareService {
+ public:
+  std::string Answer(const char* request, std::size_t length) {
+    Json::Value root;
+    if (!m_reader->parse(request, request + length, &root, nullptr)) std::abort();
+    Json::Value reply(Json::objectValue);
+    reply["description"] = root["description"];
+    reply["result"] = 0;
+    reply["rsp"] = root["cmd"];
+    reply["sno"] = root["sno"];
+    m_stream.str("");
+    m_writer->write(reply, &m_stream);
+    m_stream << '\n';
+    return m_stream.str();
+  }
+
+ private:
+  const std::unique_ptr<Json::CharReader> m_reader{Json::CharReaderBuilder().newCharReader()};
+  const std::unique_ptr<Json::StreamWriter> m_writer{
+      Json::StreamWriterBuilder().newStreamWriter()};
+  std::ostringstream m_stream;
+};
+
+void Pin(int core) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  CPU_SET(static_cast<unsigned>(core), &cores);
+  (void)sched_setaffinity(0, sizeof(cores), &cores);
 }
+
+void Unpin() {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  for (unsigned i = 0; i < std::thread::hardware_concurrency(); ++i) CPU_SET(i, &cores);
+  (void)sched_setaffinity(0, sizeof(cores), &cores);
+}
+
+// A request with its number, which its reply brings back.
+std::string Numbered(int number) {
+  return R"({"cmd":11,"sno":)" + std::to_string(number) +
+         R"(,"description":"a host's own text for this request, echoed",)"
+         R"("param":{"first":"some text","second":[1,2,3],"third":true,"more":"text"}})";
+}
+
+// Ends the program unless the reply is that to the request `number`.
+void Check(const char* reply, int number) {
+  const char* const sno = std::strstr(reply, "\"sno\" : ");
+  if (sno == nullptr || std::atoi(sno + 8) != number) std::abort();
+}
+
+// One host thread sends all requests and takes all replies: as many are under way as the rings
+// hold. Each reply is checked, so that none is lost and none overtakes another.
+void ThroughRings(const std::vector<std::string>& requests) {
+  const int all = static_cast<int>(requests.size());
+  int sent = 0;
+  for (int received = 0; received < all;) {
+    while (sent < all && sent - received < kUnderWay) {
+      const std::string& request = requests[static_cast<std::size_t>(sent)];
+      if (CommonUtilRecvMsgImport(request.data(), request.size()) == 0) break;
+      ++sent;
+      if (sent % kBurst == 0) break;
+    }
+    char* reply = nullptr;
+    while (CommonUtilSendMsgExport(&reply) == 1) {
+      Check(reply, received++);
+      CommonUtilFreeExportMsg(reply);
+    }
+  }
+}
+
+// The same work without the library: a thread that answers, and queues of pointers.
+class BarePipeline {
+ public:
+  explicit BarePipeline(int core) : m_thread([this, core] { Run(core); }) {}
+  ~BarePipeline() {
+    while (!m_requests.try_enqueue(nullptr)) std::this_thread::yield();
+    m_thread.join();
+  }
+
+  void Through(const std::vector<std::string>& requests) {
+    const int all = static_cast<int>(requests.size());
+    int sent = 0;
+    for (int received = 0; received < all;) {
+      while (sent < all && sent - received < kUnderWay) {
+        m_requests.enqueue(new std::string(requests[static_cast<std::size_t>(sent)]));
+        ++sent;
+        if (sent % kBurst == 0) break;
+      }
+      std::string* taken = nullptr;
+      while (m_replies.try_dequeue(taken)) {
+        const std::unique_ptr<std::string> reply(taken);
+        Check(reply->c_str(), received++);
+      }
+    }
+  }
+
+ private:
+  void Run(int core) {
+    Pin(core);
+    BareService service;
+    for (;;) {
+      std::string* taken = nullptr;
+      if (!m_requests.try_dequeue(taken)) {
+        std::this_thread::yield();
+        continue;
+      }
+      const std::unique_ptr<std::string> request(taken);
+      if (!request) return;
+      m_replies.enqueue(new std::string(service.Answer(request->data(), request->size())));
+    }
+  }
+
+  moodycamel::ReaderWriterQueue<std::string*> m_requests{2048};
+  moodycamel::ReaderWriterQueue<std::string*> m_replies{2048};
+  std::thread m_thread;  // last: it uses the others
+};
 
 long ResidentKb() {
   long total = 0;
@@ -105,27 +227,67 @@ void ShowIdle() {
   PrintFigure("idle service, CPU time a second", std::to_string(used * 1000) + " ms");
 }
 
-}  // namespace
-
-void BenchMessage() {
+void CompareOneRequest(const char* what, double goal) {
   std::string request = kRequest;
-  Json::Value reply(Json::objectValue);
-  reply["description"] = "a host's own text for this request, echoed";
-  reply["result"] = 0;
-  reply["rsp"] = 11U;
-  reply["sno"] = 12345U;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  const Comparison comparison = {"one request, command 11, 150 bytes",
-                                 "jsoncpp: parse with a kept reader + toStyledString", 1.5, kRounds,
-                                 kRequests};
+  BareService bare;
   Compare(
-      comparison,
+      {what, "jsoncpp: parse, build, write; reader and writer kept", goal, kRounds, kRequests},
       [&] {
         for (int i = 0; i < kRequests; ++i) ProcessAndTake(request);
       },
       [&] {
-        for (int i = 0; i < kRequests; ++i) ParseAndWrite(*reader, request, reply);
+        for (int i = 0; i < kRequests; ++i) {
+          if (bare.Answer(request.data(), request.size()).empty()) std::abort();
+        }
       });
+}
+
+void ComparePipelines(const char* what, int serviceCore, const std::vector<std::string>& requests) {
+  Pin(serviceCore);  // the service's thread takes it from here
+  (void)CommonUtilServiceStartup();
+  AskService();
+  BarePipeline bare(serviceCore);
+  Pin(0);
+  std::vector<double> rates;
+  Compare(
+      {what, "the same work of jsoncpp behind lock-free queues", 1.3, kPipelineRounds, kPipelined},
+      [&] {
+        const auto start = std::chrono::steady_clock::now();
+        ThroughRings(requests);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        rates.push_back(kPipelined / took.count());
+      },
+      [&] { bare.Through(requests); });
+  CommonUtilServiceShutDown();
+  std::nth_element(rates.begin(), rates.begin() + kPipelineRounds / 2, rates.end());
+  PrintFigure(std::string(what) + ", a second (goal 300000)",
+              std::to_string(static_cast<long>(rates[kPipelineRounds / 2])));
+}
+
+// As a host that logs warnings and errors: no line is written for a request.
+void CompareQuiet() {
+  const std::string file = "/tmp/zel_bench_message." + std::to_string(getpid());
+  if (LogStream::InitLog("native_sdk", file.c_str(), 1024, 0, LOGGER_LEVEL_WARNING) != 0) {
+    std::abort();
+  }
+  CompareOneRequest("one request, command 11, 150 bytes", 1.3);
+  std::vector<std::string> requests;
+  for (int i = 0; i < kPipelined; ++i) requests.push_back(Numbered(i));
+  if (std::thread::hardware_concurrency() > 1) {
+    ComparePipelines("pipelined requests, a core each", 1, requests);
+  }
+  ComparePipelines("pipelined requests, one core", 0, requests);
+  Unpin();
+  LogStream::UnInitLog("native_sdk");
+  (void)std::remove(file.c_str());
+}
+
+}  // namespace
+
+void BenchMessage() {
+  CompareQuiet();
+  CompareOneRequest("one request, and its log line kept", 0);
+  std::string request = kRequest;
   ShowGrowth(request);
   ShowReplyTimes();
   ShowIdle();

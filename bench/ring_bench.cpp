@@ -74,7 +74,7 @@ void ThroughRing(Producer& producer, msg_storage& storage, const std::string& te
   char* message = nullptr;
   for (int taken = 0; taken < kMessages;) {
     if (storage.RecvMsgExport(&message) == 0) continue;
-    WipeAndFree(message);
+    storage.ReleaseRequest(message);
     ++taken;
   }
 }

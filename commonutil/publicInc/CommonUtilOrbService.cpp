@@ -2,9 +2,10 @@
 
 #include <string>
 
+#include "publicInc/JsonAccess.h"
 #include "publicInc/MessageKeys.h"
 #include "publicInc/ResultCode.h"
-#include "util/SecureWipe.h"
+#include "util/StyledText.h"
 #include "zel_platform/securec.h"
 
 namespace key = message_key;
@@ -67,26 +68,29 @@ void CommonUtilOrbService::_processInputJsonException(const std::exception& erro
 
 Json::Value CommonUtilOrbService::ComposeReply(int result, const Json::Value& request,
                                                const char* description) {
+  using Json::StaticString;  // such a key is not copied
   Json::Value reply(Json::objectValue);
-  CopyDescription(request, reply);
-  if (description != nullptr && !reply.isMember(key::kDescription)) {
-    reply[key::kDescription] = description;
+  const Json::Value& text = request[key::kDescription];
+  if (text.isString()) {
+    reply[StaticString(key::kDescription)] = text;
+  } else if (description != nullptr) {
+    reply[StaticString(key::kDescription)] = description;
   }
-  reply[key::kRsp] = 0U;
-  CopyUnsigned(request, key::kCmd, reply, key::kRsp);
-  reply[key::kResult] = result;
-  CopyUnsigned(request, key::kSno, reply, key::kSno);
+  reply[StaticString(key::kRsp)] = UnsignedOrZero(request[key::kCmd]);
+  reply[StaticString(key::kResult)] = result;
+  const Json::Value& sno = request[key::kSno];
+  if (sno.isUInt()) reply[StaticString(key::kSno)] = sno.asUInt();
   return reply;
 }
 
 void CommonUtilOrbService::SendReply(const Json::Value& reply) {
-  std::string text = reply.toStyledString();
-  const commonutil::WipeGuard wipe(text);       // it may hold a password
-  (void)_sendRetMsg(text.data(), text.size());  // a full ring loses the reply
+  const commonutil::StyledText styled(reply);
+  // A full ring loses the reply.
+  (void)_sendRetMsg(styled.Text().data(), styled.Text().size());
 }
 
 void CommonUtilOrbService::SendNotification(const Json::Value& notification) {
-  std::string text = notification.toStyledString();
-  const commonutil::WipeGuard wipe(text);                   // it may hold a password
-  (void)m_primary.SendMsgImport(text.data(), text.size());  // a full ring loses it
+  const commonutil::StyledText styled(notification);
+  // A full ring loses it.
+  (void)m_primary.SendMsgImport(styled.Text().data(), styled.Text().size());
 }

@@ -1,7 +1,7 @@
 #include "publicInc/CommonUtilService.h"
 
+#include <cstring>
 #include <iterator>
-#include <string>
 
 #include "CommonUtil.h"
 #include "publicInc/JsonAccess.h"
@@ -9,7 +9,6 @@
 #include "publicInc/ResultCode.h"
 #include "util/Log.h"
 #include "util/PublicUtil.h"
-#include "util/SecureWipe.h"
 
 namespace key = message_key;
 
@@ -50,10 +49,10 @@ const CommonUtilService::Command CommonUtilService::kCommands[] = {
 CommonUtilService::~CommonUtilService() { LeaveFacade(); }
 
 int CommonUtilService::ProcessRecvMsg(char* message) {
-  std::string text(message);
-  const commonutil::WipeGuard wipe(text);  // it may hold a password
   Json::Value request;
-  if (!commonutil::PublicUtil::SafeParseJson(text, request)) return commonutil::kOk;
+  if (!commonutil::PublicUtil::SafeParseJson(message, std::strlen(message), request)) {
+    return commonutil::kOk;
+  }
   if (const Command* command = FindCommand(request)) RunCommand(*command, request);
   return commonutil::kOk;
 }
@@ -69,8 +68,10 @@ char* CommonUtilService::ProcessCallFuncMsg(Json::Value& request) {
 }
 
 const CommonUtilService::Command* CommonUtilService::FindCommand(const Json::Value& request) {
-  if (!request.isObject() || !request[key::kCmd].isUInt()) return nullptr;
-  const unsigned int number = request[key::kCmd].asUInt() & kCommandMask;
+  if (!request.isObject()) return nullptr;
+  const Json::Value& value = request[key::kCmd];
+  if (!value.isUInt()) return nullptr;
+  const unsigned int number = value.asUInt() & kCommandMask;
   if (number < kFirstCommand || number > kLastCommand) return nullptr;
   if (number >= std::size(kCommands) || kCommands[number].handler == nullptr) return nullptr;
   return &kCommands[number];
@@ -110,8 +111,9 @@ void CommonUtilService::GetAutoStart(Json::Value& request, const char*) {
 void CommonUtilService::GetWindowsCountryOrRegion(Json::Value&, const char*) {}
 
 void CommonUtilService::ReplyWithoutAction(const char* command, const Json::Value& request) {
-  ZEL_LOG_DATA(kInfo) << command << " " << GetJsonString(request, key::kDescription) << ", cmd"
-                      << request[key::kCmd].asUInt() << ", sno"
+  const Json::Value& description = request[key::kDescription];
+  ZEL_LOG_DATA(kInfo) << command << " " << (description.isString() ? description.asCString() : "")
+                      << ", cmd" << request[key::kCmd].asUInt() << ", sno"
                       << UnsignedOrZero(request[key::kSno]);
   SendReply(ComposeReply(commonutil::kOk, request, nullptr));
 }

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <mutex>
 #include <new>
 
 #include "publicInc/ResultCode.h"
 #include "util/Log.h"
-#include "zel_platform/securec.h"
 
 namespace commonutil {
 
@@ -19,12 +17,6 @@ constexpr char kThreadName[] = "CommonUtilService";
 constexpr unsigned int kIdlePollMs = 5;
 // How soon one who waits for a message notices that the service has gone.
 constexpr long long kLookForServiceMs = 100;
-
-void WipeAndFree(char* message) {
-  const std::size_t length = std::strlen(message);
-  (void)memset_s(message, length, 0, length);  // fails for an empty text only
-  delete[] message;
-}
 
 }  // namespace
 
@@ -104,7 +96,7 @@ void ServiceHost::Serve() {
       return;
     }
     service->ProcessRecvMsg(message);
-    WipeAndFree(message);
+    service->PrimaryStore().ReleaseRequest(message);
   }
   DropService();
 }

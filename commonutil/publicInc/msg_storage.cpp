@@ -1,6 +1,8 @@
 #include "publicInc/msg_storage.h"
 
+#include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "publicInc/ExportSignal.h"
@@ -11,6 +13,9 @@
 namespace {
 
 constexpr char kLogFile[] = "commonutil/publicInc/msg_storage";
+constexpr unsigned long kLengthMax = std::numeric_limits<unsigned long>::max();
+// All requests up to this length get memory of one size, so that it can be used again.
+constexpr unsigned long kShortRequest = 511;
 
 // Lines of both stores, under the name of the store.
 LogStream StoreError(const char* function, int line) {
@@ -18,25 +23,28 @@ LogStream StoreError(const char* function, int line) {
                                  commonutil::kCheckPlain, kLogFile, function, line);
 }
 
-// A NUL-terminated copy; null without memory.
-std::unique_ptr<char[]> CopyMessage(const char* data, unsigned long length, const char* function) {
-  // Room for the NUL cannot be counted above this.
-  if (length == std::numeric_limits<unsigned long>::max()) return nullptr;
-  std::unique_ptr<char[]> copy(new (std::nothrow) char[length + 1]);
+// Null without memory.
+std::unique_ptr<char[]> NewText(unsigned long size) {
+  return std::unique_ptr<char[]>(new (std::nothrow) char[size]);
+}
+
+// Stores a NUL-terminated copy in memory that `allocate` returns.
+template <class Allocate>
+int StoreCopy(MessageRing& ring, const char* data, unsigned long length, const char* function,
+              Allocate allocate) {
+  // Room for the NUL cannot be counted above the largest length.
+  if (data == nullptr || length == 0 || length == kLengthMax) return 0;
+  if (!ring.HasRoom()) return 0;
+  std::unique_ptr<char[]> copy = allocate(length);
   if (!copy) {
     StoreError(function, __LINE__) << "new char failed";
-    return nullptr;
+    return 0;
   }
   const errno_t error = memcpy_s(copy.get(), length + 1, data, length);
   if (error != 0) StoreError(function, __LINE__) << "secure function return err: " << error;
   copy[length] = '\0';
-  return copy;
-}
-
-int StoreCopy(MessageRing& ring, const char* data, unsigned long length, const char* function) {
-  if (data == nullptr || length == 0) return 0;
-  std::unique_ptr<char[]> copy = CopyMessage(data, length, function);
-  return copy ? ring.Store(copy) : 0;
+  ring.Store({copy.release(), length});
+  return 1;
 }
 
 // Of a count that one thread at a time writes.
@@ -51,69 +59,68 @@ bool MakeLock(PRAX_MUTEX& lock) {
 
 }  // namespace
 
-MessageRing::MessageRing(std::uint32_t firstCount)
-    : m_written(firstCount),
-      m_takenSeen(firstCount),
-      m_taken(firstCount),
-      m_writtenSeen(firstCount),
-      m_slots(new (std::nothrow) char* [kSlots] {}) {}
-
 MessageRing::~MessageRing() {
-  char* message = nullptr;
-  while (Take(&message) == 1) delete[] message;
+  Message message{};
+  while (Take(message)) delete[] message.text;
 }
 
-int MessageRing::Store(std::unique_ptr<char[]>& message) {
-  const std::uint32_t written = m_written.load(std::memory_order_relaxed);
-  // The other side's count is read when the ring may be full, and when more than ever may wait.
+bool MessageRing::HasRoom() {
+  if (m_ring.HasRoom()) return true;
+  Increase(m_refused);
+  return false;
+}
+
+void MessageRing::Store(const Message& message) {
+  // Looked up when more than ever may wait.
   const std::uint32_t highest = m_highWater.load(std::memory_order_relaxed);
-  if (written - m_takenSeen >= highest) m_takenSeen = m_taken.load(std::memory_order_acquire);
-  const std::uint32_t waiting = written - m_takenSeen;
-  if (!m_slots || waiting >= kSlots) {
-    Increase(m_refused);
-    return 0;
-  }
-  m_slots[written & (kSlots - 1)] = message.release();
-  m_written.store(written + 1, std::memory_order_release);
+  const std::uint32_t waiting = m_ring.WaitingAtMost(highest) + 1;
+  m_ring.Put(message);
   Increase(m_stored);
-  if (waiting + 1 > highest) m_highWater.store(waiting + 1, std::memory_order_relaxed);
-  return 1;
-}
-
-int MessageRing::Take(char** out) {
-  const std::uint32_t taken = m_taken.load(std::memory_order_relaxed);
-  if (out == nullptr || !m_slots) return 0;
-  if (taken == m_writtenSeen) m_writtenSeen = m_written.load(std::memory_order_acquire);
-  if (taken == m_writtenSeen) return 0;
-  char*& slot = m_slots[taken & (kSlots - 1)];
-  char* const message = slot;
-  slot = nullptr;
-  m_taken.store(taken + 1, std::memory_order_release);
-  if (message == nullptr) return 0;
-  *out = message;
-  return 1;
+  if (waiting > highest) m_highWater.store(waiting, std::memory_order_relaxed);
 }
 
 MessageRing::Figures MessageRing::ReadFigures() const {
-  // In this order: what was taken had been written.
-  const std::uint32_t taken = m_taken.load(std::memory_order_acquire);
-  const std::uint32_t written = m_written.load(std::memory_order_acquire);
   return {m_stored.load(std::memory_order_relaxed), m_refused.load(std::memory_order_relaxed),
-          written - taken, m_highWater.load(std::memory_order_relaxed)};
+          m_ring.Waiting(), m_highWater.load(std::memory_order_relaxed)};
 }
 
 msg_storage::msg_storage(std::uint32_t firstCount)
     : m_inbound(firstCount), m_outbound(firstCount), m_outLockUsable(MakeLock(m_outLock)) {}
 
 msg_storage::~msg_storage() {
+  char* spare = nullptr;
+  while (m_spares.Take(spare)) delete[] spare;
   if (m_outLockUsable) PRAX_MutexDestroy(&m_outLock);
 }
 
-int msg_storage::RecvMsgImport(const char* data, unsigned long length) {
-  return StoreCopy(m_inbound, data, length, __func__);
+std::unique_ptr<char[]> msg_storage::RequestMemory(unsigned long length) {
+  if (length > kShortRequest) return NewText(length + 1);
+  char* spare = nullptr;
+  if (m_spares.Take(spare)) return std::unique_ptr<char[]>(spare);
+  return NewText(kShortRequest + 1);
 }
 
-int msg_storage::RecvMsgExport(char** out) { return m_inbound.Take(out); }
+int msg_storage::RecvMsgImport(const char* data, unsigned long length) {
+  return StoreCopy(m_inbound, data, length, __func__,
+                   [this](unsigned long needed) { return RequestMemory(needed); });
+}
+
+int msg_storage::RecvMsgExport(char** out) {
+  if (out == nullptr || !m_inbound.Take(m_lastRequest)) return 0;
+  *out = m_lastRequest.text;
+  return 1;
+}
+
+void msg_storage::ReleaseRequest(char* request) {
+  std::unique_ptr<char[]> owner(request);
+  // All of it, also what lies behind a NUL.
+  const bool isLast = request == m_lastRequest.text;
+  const unsigned long length = isLast ? m_lastRequest.length : std::strlen(request);
+  (void)memset_s(request, length, 0, length);  // fails for an empty text only
+  if (!isLast) return;
+  m_lastRequest = {nullptr, 0};
+  if (length <= kShortRequest && m_spares.HasRoom()) m_spares.Put(owner.release());
+}
 
 // The copy is made under the lock too: messages leave in the order in which their stores began.
 int msg_storage::SendMsgImport(const char* data, unsigned long length) {
@@ -121,16 +128,20 @@ int msg_storage::SendMsgImport(const char* data, unsigned long length) {
   const commonutil::ScopeGuard unlock([this] {
     if (m_outLockUsable) PRAX_MutexUnLock(&m_outLock);
   });
-  const int stored = StoreCopy(m_outbound, data, length, __func__);
+  const int stored = StoreCopy(m_outbound, data, length, __func__,
+                               [](unsigned long needed) { return NewText(needed + 1); });
   if (stored == 1 && m_signal != nullptr) m_signal->Raise();
   return stored;
 }
 
 int msg_storage::SendMsgExport(char** out) {
-  const int taken = m_outbound.Take(out);
+  if (out == nullptr) return 0;
+  MessageRing::Message message{};
+  const bool taken = m_outbound.Take(message);
+  if (taken) *out = message.text;
   if (m_signal != nullptr && m_signal->IsInUse() && m_outbound.IsEmpty()) {
     m_signal->Lower();
     if (!m_outbound.IsEmpty()) m_signal->KeepUp();
   }
-  return taken;
+  return taken ? 1 : 0;
 }

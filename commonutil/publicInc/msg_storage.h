@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "publicInc/HandOverRing.h"
 #include "zel_platform/prax.h"
 
 namespace commonutil {
@@ -19,21 +20,25 @@ class ExportSignal;
 // One ring: a store and a take may run at the same time on two threads.
 class MessageRing {
  public:
-  static constexpr std::uint32_t kSlots = 2048;  // a power of two
-  static_assert((kSlots & (kSlots - 1)) == 0, "slots are found with a mask");
+  static constexpr std::uint32_t kSlots = 2048;
+
+  struct Message {
+    char* text;            // of new[]; with a NUL behind its length
+    unsigned long length;  // may lie behind an earlier NUL
+  };
 
   // `firstCount` is where the counts begin.
-  explicit MessageRing(std::uint32_t firstCount = 0);
+  explicit MessageRing(std::uint32_t firstCount = 0) : m_ring(firstCount) {}
   ~MessageRing();
   MessageRing(const MessageRing&) = delete;
   MessageRing& operator=(const MessageRing&) = delete;
 
-  // Takes `message` over and returns 1, or returns 0 and leaves it: the ring is full or
-  // has no slots. Producer only.
-  int Store(std::unique_ptr<char[]>& message);
-  // 1 with the oldest message, the caller's to delete[]; 0 with `*out` untouched when there is
-  // none. A slot that holds null is passed over and gives 0. Consumer only.
-  int Take(char** out);
+  // False when the ring is full or has no slots; that is counted as a refusal. Producer only.
+  bool HasRoom();
+  // Takes the text over. Producer only, when there is room.
+  void Store(const Message& message);
+  // True with the oldest message, the caller's to release; else it is untouched. Consumer only.
+  bool Take(Message& message) { return m_ring.Take(message); }
 
   // Any thread. What waits may have changed when the answer is there.
   struct Figures {
@@ -43,20 +48,14 @@ class MessageRing {
     std::uint32_t highWater;  // the most that ever waited
   };
   Figures ReadFigures() const;
-  bool IsEmpty() const { return ReadFigures().waiting == 0; }
+  bool IsEmpty() const { return m_ring.Waiting() == 0; }
 
  private:
-  // Message i sits in slot i & (kSlots - 1). The counts only grow and wrap at 2^32: equal
-  // means empty, kSlots apart means full. Each side has a cache line of its own, and looks at
-  // the other's count only when what it last saw there says full or empty.
-  alignas(64) std::atomic<std::uint32_t> m_written;  // written by the producer, release
-  std::uint32_t m_takenSeen;                         // producer's
-  std::atomic<std::uint64_t> m_stored{0};            // written by the producer, as the next two
+  HandOverRing<Message, kSlots> m_ring;
+  // Written by the producer.
+  std::atomic<std::uint64_t> m_stored{0};
   std::atomic<std::uint64_t> m_refused{0};
   std::atomic<std::uint32_t> m_highWater{0};
-  alignas(64) std::atomic<std::uint32_t> m_taken;      // written by the consumer, release
-  std::uint32_t m_writtenSeen;                         // consumer's
-  alignas(64) const std::unique_ptr<char*[]> m_slots;  // null without memory
 };
 
 class msg_storage {
@@ -70,8 +69,11 @@ class msg_storage {
   // Stores a NUL-terminated copy; the caller keeps `data`. Returns 1, or 0 with nothing
   // stored: null data, zero length, full ring, no memory. Host's importing thread only.
   int RecvMsgImport(const char* data, unsigned long length);
-  // Takes the oldest request; the caller deletes it with delete[]. Service thread only.
+  // Takes the oldest request; the caller gives it to ReleaseRequest, or deletes it with delete[].
+  // Service thread only.
   int RecvMsgExport(char** out);
+  // Wipes a request and keeps its memory for a later import, or frees it. Service thread only.
+  void ReleaseRequest(char* request);
   // As RecvMsgImport, on the outbound ring. Any thread.
   int SendMsgImport(const char* data, unsigned long length);
   // Takes the oldest outbound message. Host's exporting thread only.
@@ -86,7 +88,16 @@ class msg_storage {
   void SetExportSignal(commonutil::ExportSignal* signal) { m_signal = signal; }
 
  private:
+  static constexpr std::uint32_t kSpares = 64;
+
+  // Memory for a request of `length` bytes and its NUL, of new[]; null without.
+  std::unique_ptr<char[]> RequestMemory(unsigned long length);
+
   MessageRing m_inbound;
+  // Wiped memory of short requests, on its way back to the importing thread: memory that one thread
+  // allocates and another frees costs more than all the rest of a hand-over.
+  HandOverRing<char*, kSpares> m_spares;
+  MessageRing::Message m_lastRequest{nullptr, 0};  // the last one taken; service thread's
   MessageRing m_outbound;
   PRAX_MUTEX m_outLock;
   // False when the lock could not be made: the outbound ring then works without it.

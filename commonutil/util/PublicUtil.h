@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -61,6 +62,8 @@ class ZEL_API PublicUtil {
   // True when `text` is a JSON object or array (comments and text behind it are tolerated).
   // Never throws: text nested too deeply is a failure as any other.
   static bool SafeParseJson(const std::string& text, Json::Value& out);
+  // The same for text that is no string; it is not copied.
+  ZEL_LOCAL static bool SafeParseJson(const char* text, std::size_t length, Json::Value& out);
 
   // --- Files -----------------------------------------------------------------
 

@@ -38,11 +38,10 @@ void KeepReader(ReaderPtr reader) {
 }
 
 // Throws what the parser throws. A reader that failed is not used again.
-bool Parse(const std::string& text, Json::Value& out) {
+bool Parse(const char* text, std::size_t length, Json::Value& out) {
   ReaderPtr reader = TakeReader();
-  const char* const begin = text.data();
-  if (!reader->parse(begin, begin + text.size(), &out, nullptr)) return false;
-  if (text.size() <= kLargestTextOfKeptReader) KeepReader(std::move(reader));
+  if (!reader->parse(text, text + length, &out, nullptr)) return false;
+  if (length <= kLargestTextOfKeptReader) KeepReader(std::move(reader));
   return true;
 }
 
@@ -62,9 +61,13 @@ std::string PublicUtil::Json2String(const Json::Value& value) {
 }
 
 bool PublicUtil::SafeParseJson(const std::string& text, Json::Value& out) {
-  if (text.empty()) return false;
+  return SafeParseJson(text.data(), text.size(), out);
+}
+
+bool PublicUtil::SafeParseJson(const char* text, std::size_t length, Json::Value& out) {
+  if (length == 0) return false;
   try {
-    if (Parse(text, out) && (out.isObject() || out.isArray())) return true;
+    if (Parse(text, length, out) && (out.isObject() || out.isArray())) return true;
   } catch (...) {  // nested too deeply, or no memory
     ZEL_LOG(kError) << "parse json crash ";
     return false;
