@@ -63,8 +63,7 @@ class BareService {
 
  private:
   const std::unique_ptr<Json::CharReader> m_reader{Json::CharReaderBuilder().newCharReader()};
-  const std::unique_ptr<Json::StreamWriter> m_writer{
-      Json::StreamWriterBuilder().newStreamWriter()};
+  const std::unique_ptr<Json::StreamWriter> m_writer{Json::StreamWriterBuilder().newStreamWriter()};
   std::ostringstream m_stream;
 };
 
@@ -107,11 +106,13 @@ void ThroughRings(const std::vector<std::string>& requests) {
       ++sent;
       if (sent % kBurst == 0) break;
     }
+    const int before = received;
     char* reply = nullptr;
     while (CommonUtilSendMsgExport(&reply) == 1) {
       Check(reply, received++);
       CommonUtilFreeExportMsg(reply);
     }
+    if (received == before) std::this_thread::yield();
   }
 }
 
@@ -133,11 +134,13 @@ class BarePipeline {
         ++sent;
         if (sent % kBurst == 0) break;
       }
+      const int before = received;
       std::string* taken = nullptr;
       while (m_replies.try_dequeue(taken)) {
         const std::unique_ptr<std::string> reply(taken);
         Check(reply->c_str(), received++);
       }
+      if (received == before) std::this_thread::yield();
     }
   }
 

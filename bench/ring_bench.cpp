@@ -1,4 +1,6 @@
 // The message ring against a lock-free single-producer queue with the same copy, wipe and free.
+#include <sched.h>
+
 #include <condition_variable>
 #include <cstring>
 #include <functional>
@@ -18,7 +20,7 @@ namespace bench {
 namespace {
 
 constexpr int kRounds = 15;
-constexpr int kMessages = 200000;
+constexpr int kMessages = 50000;
 constexpr std::size_t kBytes = 200;
 
 void WipeAndFree(char* message) {
@@ -67,49 +69,87 @@ class Producer {
   std::thread m_thread;  // last: it uses the others
 };
 
-void ThroughRing(Producer& producer, msg_storage& storage, const std::string& text) {
-  producer.Start([&] {
-    for (int i = 0; i < kMessages;) i += storage.RecvMsgImport(text.data(), text.size());
+// Called where nothing can be done but wait: on one core the other thread has to come to it.
+void Pause(bool oneCore) {
+  if (oneCore) std::this_thread::yield();
+}
+
+void ThroughRing(Producer& producer, msg_storage& storage, const std::string& text, bool oneCore) {
+  producer.Start([&, oneCore] {
+    for (int i = 0; i < kMessages;) {
+      if (storage.RecvMsgImport(text.data(), text.size()) == 1) {
+        ++i;
+      } else {
+        Pause(oneCore);
+      }
+    }
   });
   char* message = nullptr;
   for (int taken = 0; taken < kMessages;) {
-    if (storage.RecvMsgExport(&message) == 0) continue;
+    if (storage.RecvMsgExport(&message) == 0) {
+      Pause(oneCore);
+      continue;
+    }
     storage.ReleaseRequest(message);
     ++taken;
   }
 }
 
 void ThroughPeer(Producer& producer, moodycamel::ReaderWriterQueue<char*>& queue,
-                 const std::string& text) {
-  producer.Start([&] {
+                 const std::string& text, bool oneCore) {
+  producer.Start([&, oneCore] {
     for (int i = 0; i < kMessages;) {
       std::unique_ptr<char[]> copy(new char[text.size() + 1]);
       std::memcpy(copy.get(), text.data(), text.size());
       copy[text.size()] = '\0';
-      if (!queue.try_enqueue(copy.get())) continue;
+      if (!queue.try_enqueue(copy.get())) {
+        Pause(oneCore);
+        continue;
+      }
       (void)copy.release();
       ++i;
     }
   });
   char* message = nullptr;
   for (int taken = 0; taken < kMessages;) {
-    if (!queue.try_dequeue(message)) continue;
+    if (!queue.try_dequeue(message)) {
+      Pause(oneCore);
+      continue;
+    }
     WipeAndFree(message);
     ++taken;
   }
 }
 
-}  // namespace
+void Pin(unsigned core) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  CPU_SET(core, &cores);
+  (void)sched_setaffinity(0, sizeof(cores), &cores);
+}
 
-void BenchRing() {
+void BenchOnCores(const char* what, unsigned producingCore) {
   const std::string text(kBytes, 'm');
+  Pin(producingCore);  // the producer's thread takes it from here
   Producer producer;
+  Pin(0);
+  const bool oneCore = producingCore == 0;
   const auto storage = std::make_unique<msg_storage>();
   moodycamel::ReaderWriterQueue<char*> queue(2048);
   Compare(
-      {"ring: store, take, wipe, free; two threads", "moodycamel::ReaderWriterQueue", 1.2, kRounds,
-       kMessages},
-      [&] { ThroughRing(producer, *storage, text); }, [&] { ThroughPeer(producer, queue, text); });
+      {what, "moodycamel::ReaderWriterQueue, copy, wipe, free", 1.0, kRounds, kMessages},
+      [&] { ThroughRing(producer, *storage, text, oneCore); },
+      [&] { ThroughPeer(producer, queue, text, oneCore); });
+}
+
+}  // namespace
+
+void BenchRing() {
+  cpu_set_t all;
+  (void)sched_getaffinity(0, sizeof(all), &all);
+  if (CPU_COUNT(&all) > 1) BenchOnCores("ring: store, take, wipe, free; a core each", 1);
+  BenchOnCores("ring: store, take, wipe, free; one core", 0);
+  (void)sched_setaffinity(0, sizeof(all), &all);
 }
 
 }  // namespace bench
