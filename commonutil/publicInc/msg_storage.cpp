@@ -15,7 +15,7 @@ namespace {
 constexpr char kLogFile[] = "commonutil/publicInc/msg_storage";
 constexpr unsigned long kLengthMax = std::numeric_limits<unsigned long>::max();
 // All requests up to this length get memory of one size, so that it can be used again.
-constexpr unsigned long kShortRequest = 511;
+constexpr unsigned long kShortRequest = 255;
 
 // Lines of both stores, under the name of the store.
 LogStream StoreError(const char* function, int line) {

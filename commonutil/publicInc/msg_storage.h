@@ -88,7 +88,8 @@ class msg_storage {
   void SetExportSignal(commonutil::ExportSignal* signal) { m_signal = signal; }
 
  private:
-  static constexpr std::uint32_t kSpares = 64;
+  // All that can wait: memory that goes both ways, back here and to the allocator, tears the heap.
+  static constexpr std::uint32_t kSpares = MessageRing::kSlots;
 
   // Memory for a request of `length` bytes and its NUL, of new[]; null without.
   std::unique_ptr<char[]> RequestMemory(unsigned long length);
