@@ -75,6 +75,9 @@ bool ECSData::FinalizeSDKCacheDB(std::string dbFile) const {
   DataStorageMgr& registry = DataStorageMgr::GetInst();
   if (const auto storage = registry.ShareDataStorage(kCacheDbName)) storage->Close();
   (void)registry.RemoveDataStorage(kCacheDbName);  // there may have been none
+  for (const char* const suffix : kSideFiles) {
+    (void)ECSUtil::GetInst().DeleteDBFile(dbFile + suffix);  // there may be none
+  }
   const bool deleted = ECSUtil::GetInst().DeleteDBFile(dbFile);
   ZEL_LOG_MILESTONE(kWarning) << (deleted ? " delete sdkcache.db success"
                                           : " delete sdkcache.db fail");

@@ -1,5 +1,8 @@
+#include <utility>
+
 #include <sqlite3.h>
 
+#include "cacheDB/IdleStatements.h"
 #include "cacheDB/SQLiteConnectionLock.h"
 #include "cacheDB/SQLiteWrapper.h"
 #include "util/Log.h"
@@ -14,15 +17,20 @@ constexpr int kNoDatabase = -1;
 
 }  // namespace
 
-SQLiteStmt::SQLiteStmt(sqlite3_stmt* handle, const std::string& name, const std::string& text)
-    : m_statement(handle), dbName(name), sql(text) {}
+SQLiteStmt::SQLiteStmt(sqlite3_stmt* handle, const std::string& name, const std::string& text,
+                       std::shared_ptr<IdleStatements> idleStatements)
+    : m_statement(handle), dbName(name), sql(text), m_idle(std::move(idleStatements)) {}
 
 SQLiteStmt::~SQLiteStmt() {
   if (m_statement == nullptr) return;
-  const int result = sqlite3_finalize(m_statement);
+  StatementHandle statement(m_statement);
+  const int result = sqlite3_reset(m_statement);  // the last run's
   m_statement = nullptr;
-  if (result == SQLITE_OK) return;
   try {
+    if (result == SQLITE_OK) {
+      m_idle->Give(sql, std::move(statement));
+      return;
+    }
     ZEL_LOG(kError) << " rescode : " << result;
     LogFailure(result);
     PublicUtil::SetDBCorruptFlag(dbName);

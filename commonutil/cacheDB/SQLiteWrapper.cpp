@@ -1,10 +1,13 @@
 #include "cacheDB/SQLiteWrapper.h"
 
 #include <cstddef>
+#include <cstdio>
 #include <new>
+#include <utility>
 
 #include <sqlite3.h>
 
+#include "cacheDB/IdleStatements.h"
 #include "cacheDB/SQLiteConnectionLock.h"
 #include "util/Log.h"
 #include "util/PublicUtil.h"
@@ -16,12 +19,27 @@ namespace {
 constexpr char kLogFile[] = "commonutil/cacheDB/SQLiteWrapper";
 
 constexpr int kOpenFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
+// For a file that is taken to change no more: no lock, no side file.
+constexpr int kFixedFlags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_FULLMUTEX;
 constexpr int kBusyTimeoutMs = 60000;
 constexpr unsigned int kFileMode = 0640;
 constexpr int kTested = 1;
 
 // Forces the first page to be read and decrypted; there is no such table.
 constexpr char kProbeSql[] = "DROP TABLE IF EXISTS TestOpenTab;";
+
+constexpr char kReadSql[] = "SELECT COUNT(*) FROM sqlite_master;";
+constexpr char kWriteAheadSql[] = "PRAGMA journal_mode = WAL;";
+// Reaches for all that a write needs, and writes nothing.
+constexpr char kTrySql[] = "BEGIN IMMEDIATE; ROLLBACK;";
+// The log is taken over at 1000 pages, SQLite's default; only a large batch makes it longer than
+// this for a while.
+constexpr char kTuneSql[] = "PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 4194304;";
+// Alone with the database SQLite keeps the index of the log in its own memory.
+constexpr char kAloneSql[] = "PRAGMA locking_mode = EXCLUSIVE;";
+constexpr char kSyncedSql[] = "PRAGMA journal_mode = DELETE;";
+constexpr char kLogSuffix[] = "-wal";
+constexpr char kIndexSuffix[] = "-shm";
 
 // The text of an error is not asked for: the log lines carry its code.
 int Run(sqlite3* db, const std::string& sql) {
@@ -41,6 +59,8 @@ int SetBusyTimeout(sqlite3* db) {
   return db == nullptr ? SQLITE_MISUSE : sqlite3_busy_timeout(db, kBusyTimeoutMs);
 }
 
+std::string DirectoryOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
 // As the inside of an SQL text literal.
 std::string Quoted(const std::string& text) {
   std::string quoted;
@@ -53,8 +73,48 @@ std::string Quoted(const std::string& text) {
 
 // Temporary files stay next to the database. SQLite keeps the directory per process.
 void SetTempDirectory(sqlite3* db, const std::string& path) {
-  const std::string directory = path.substr(0, path.rfind('/'));
-  (void)Run(db, "PRAGMA temp_store_directory = '" + Quoted(directory) + "';");  // only a wish
+  (void)Run(db, "PRAGMA temp_store_directory = '" + Quoted(DirectoryOf(path)) + "';");  // a wish
+}
+
+// The first column of the only row; "" on failure.
+std::string ReadText(sqlite3* db, const char* sql) {
+  sqlite3_stmt* handle = nullptr;
+  (void)sqlite3_prepare_v2(db, sql, -1, &handle, nullptr);
+  const StatementHandle statement(handle);
+  if (sqlite3_step(handle) != SQLITE_ROW) return {};
+  const unsigned char* const text = sqlite3_column_text(handle, 0);
+  return text == nullptr ? "" : reinterpret_cast<const char*>(text);
+}
+
+// As SQLite takes a name for a file that does not change.
+std::string FixedName(const std::string& path) {
+  std::string name = "file:";
+  for (const char c : path) {
+    char escaped[4] = {c};
+    if (c == '%' || c == '?' || c == '#') {
+      (void)std::snprintf(escaped, sizeof(escaped), "%%%02X", static_cast<unsigned int>(c));
+    }
+    name += escaped;
+  }
+  return name + "?immutable=1";
+}
+
+bool TakesFiles(const std::string& directory) {
+  sqlite3_vfs* const system = sqlite3_vfs_find(nullptr);
+  int takes = 1;
+  const int result = system->xAccess(system, directory.c_str(), SQLITE_ACCESS_READWRITE, &takes);
+  return result != SQLITE_OK || takes != 0;
+}
+
+bool Exists(const std::string& path) {
+  PRAX_STAT status;
+  return PRAX_Stat(path.c_str(), &status) == 0;
+}
+
+// SQLite had the database, but not what it needs beside it.
+bool LacksSideFile(int result) {
+  return result == SQLITE_READONLY || result == SQLITE_IOERR || result == SQLITE_FULL ||
+         result == SQLITE_CANTOPEN;
 }
 
 // A locked file is taken as readable.
@@ -92,7 +152,7 @@ sqlite3* SQLiteDB::Open(const std::string& path) {
   }
   SetReadAndWriteAttribute(path);
   sqlite3* db = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &db, kOpenFlags, nullptr);
+  const int result = OpenFile(path, &db);
   ZEL_LOG_MILESTONE(kInfo) << "[" << dbName << "] sqlite3_open_v2(" << dbPath << ")"
                            << ", return = " << result;
   SetReadAndWriteAttribute(path);  // it may be new
@@ -116,8 +176,10 @@ void SQLiteDB::Close() {
     ZEL_LOG(kWarning) << "SQLiteDB is not opened yet !";
     return;
   }
-  // Deferred by SQLite until the last statement of the connection is gone.
-  const int result = sqlite3_close_v2(found->second);
+  found->second.idle->Close();
+  // Deferred by SQLite until the last statement of the connection is gone. Takes the log over and
+  // removes it.
+  const int result = sqlite3_close_v2(found->second.db);
   ZEL_LOG_MILESTONE(kInfo) << "[" << dbName << "] sqlite3_close()"
                            << " resCode = " << result;
   if (result != SQLITE_OK) {
@@ -147,7 +209,7 @@ bool SQLiteDB::IsCanOpen() {
   SetReadAndWriteAttribute(dbPath);
   ZEL_LOG_MILESTONE(kInfo) << "[" << dbName << "] test open";
   sqlite3* probe = nullptr;
-  const int result = sqlite3_open_v2(dbPath.c_str(), &probe, kOpenFlags, nullptr);
+  const int result = OpenFile(dbPath, &probe);
   ZEL_LOG_MILESTONE(kInfo) << "Open the db, and the result is " << result;
   if (result != SQLITE_OK || probe == nullptr) {
     const int closeResult = sqlite3_close(probe);  // null is fine
@@ -168,7 +230,11 @@ bool SQLiteDB::IsCanOpen() {
 bool SQLiteDB::ProbeWithKey(sqlite3* probe) {
   ZEL_LOG_MILESTONE(kInfo) << "IsCanOpen, key = " << key;
   (void)ApplyKey(probe, key);  // succeeds for a wrong key too; the statement tells
-  const int result = Run(probe, kProbeSql);
+  int result = Run(probe, kProbeSql);
+  if (sqlite3* const mended = Mended(probe, result); mended != probe) {
+    probe = mended;
+    result = Run(probe, kProbeSql);
+  }
   if (!IsPassed(result)) {
     const int closeResult = sqlite3_close(probe);
     ZEL_LOG_MILESTONE(kWarning) << "Close the db, and the result is " << result
@@ -220,10 +286,11 @@ sqlite3* SQLiteDB::GetDBConnection() {
   }
   if (TestOpen()) {
     ZEL_LOG_MILESTONE(kInfo) << "db file is not corrupted.";
-    return fresh;
+    if (StartWriteAhead(fresh)) return fresh;
   }
 
   Close();
+  (void)sqlite3_close(OpenWithoutIndex());
   sqlite3* const second = AddConnection();
   if (second == nullptr) {
     ZEL_LOG(kWarning) << "db file damaged : cant not open...";
@@ -235,14 +302,86 @@ sqlite3* SQLiteDB::GetDBConnection() {
 
 sqlite3* SQLiteDB::AddConnection() {
   sqlite3* const db = Open(dbPath);
-  if (db != nullptr) m_connections[PublicUtil::GetCurrentThreadId()] = db;
+  if (db == nullptr) return nullptr;
+  m_connections[PublicUtil::GetCurrentThreadId()] = {db, std::make_shared<IdleStatements>()};
   return db;
+}
+
+// Behind the key, for it reads the file.
+bool SQLiteDB::StartWriteAhead(sqlite3* db) const {
+  if (!IsUsable(db) || sqlite3_db_readonly(db, "main") == 1) return true;
+  const bool hasLog = ReadText(db, kWriteAheadSql) == "wal";
+  const int result = Run(db, kTrySql);
+  if (hasLog && !LacksSideFile(result)) {
+    (void)Run(db, kTuneSql);  // only a wish
+    return true;
+  }
+  ZEL_LOG(kWarning) << "[" << dbName << "] no write-ahead log, every write is synced";
+  return !LacksSideFile(result);
+}
+
+// A database with a log cannot even be read where its side files cannot be made; without them it
+// is taken as it lies there, read-only.
+int SQLiteDB::OpenFile(const std::string& path, sqlite3** db) const {
+  if (!Exists(path) || TakesFiles(DirectoryOf(path)) || IsReadable(kOpenFlags, path)) {
+    return sqlite3_open_v2(path.c_str(), db, kOpenFlags, nullptr);
+  }
+  ZEL_LOG(kWarning) << "[" << dbName << "] the directory takes no file, read-only";
+  return sqlite3_open_v2(FixedName(path).c_str(), db, kFixedFlags, nullptr);
+}
+
+sqlite3* SQLiteDB::OpenAside(int flags, const std::string& name, const char* arrange) const {
+  sqlite3* db = nullptr;
+  (void)sqlite3_open_v2(name.c_str(), &db, flags, nullptr);  // what runs on the handle tells
+  if (!key.empty()) (void)ApplyKey(db, key);
+  (void)Run(db, arrange);
+  return db;
+}
+
+bool SQLiteDB::IsReadable(int flags, const std::string& name) const {
+  sqlite3* const db = OpenAside(flags, name, "");
+  const bool isReadable = Run(db, kReadSql) == SQLITE_OK;
+  (void)sqlite3_close(db);
+  return isReadable;
+}
+
+// A handle that keeps all others out. The log is taken over, and the database's mark of having one
+// removed, if there is space for that.
+sqlite3* SQLiteDB::OpenWithoutIndex() const {
+  sqlite3* const db = OpenAside(kOpenFlags, dbPath, kAloneSql);
+  if (Run(db, kReadSql) == SQLITE_OK) (void)Run(db, kSyncedSql);
+  return db;
+}
+
+// A log that another database has left, or another key has written, hides a database that is sound.
+void SQLiteDB::DiscardForeignLog() const {
+  if (!Exists(dbPath + kLogSuffix) || !IsReadable(kFixedFlags, FixedName(dbPath))) return;
+  ZEL_LOG(kWarning) << "[" << dbName << "] removes a log that is not of this database";
+  (void)PRAX_Remove((dbPath + kLogSuffix).c_str());  // the next try tells
+  (void)PRAX_Remove((dbPath + kIndexSuffix).c_str());
+}
+
+// `probe`, or another handle in its place when something beside the database kept it from that.
+sqlite3* SQLiteDB::Mended(sqlite3* probe, int result) const {
+  if (IsPassed(result)) {  // reads all of the log, as closing would
+    result = sqlite3_wal_checkpoint_v2(probe, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  }
+  if (IsPassed(result)) return probe;
+  (void)sqlite3_close(probe);
+  if (LacksSideFile(result)) return OpenWithoutIndex();
+  DiscardForeignLog();
+  return OpenAside(kOpenFlags, dbPath, "");
+}
+
+SQLiteDB::Connection* SQLiteDB::FindConnection() {
+  const auto found = m_connections.find(PublicUtil::GetCurrentThreadId());
+  return found == m_connections.end() ? nullptr : &found->second;
 }
 
 sqlite3* SQLiteDB::GetConn() {
   RecursiveMutexLock lock(m_connectionLock);
-  const auto found = m_connections.find(PublicUtil::GetCurrentThreadId());
-  return found == m_connections.end() ? nullptr : found->second;
+  const Connection* const found = FindConnection();
+  return found == nullptr ? nullptr : found->db;
 }
 
 sqlite3* SQLiteDB::GetDBHandle() { return GetConn(); }
@@ -260,18 +399,26 @@ void SQLiteDB::Exec(const std::string& sql) {
   ZEL_LOG(kError) << "[" << dbName << "] sqlite exception(" << result << "): " << sql;
 }
 
-IDataManipulation* SQLiteDB::CreateDataManipulation(const std::string& sql) {
-  RecursiveMutexLock lock(m_connectionLock);
-  sqlite3* const db = GetDBConnection();
+// Null on failure, which is logged.
+sqlite3_stmt* SQLiteDB::Prepare(sqlite3* db, const std::string& sql) const {
   sqlite3_stmt* handle = nullptr;
   const int result =
       db == nullptr ? SQLITE_MISUSE : sqlite3_prepare_v2(db, sql.c_str(), -1, &handle, nullptr);
-  if (result != SQLITE_OK) {
-    ZEL_LOG(kInfo) << "[" << dbName << "] sqlite3_prepare_v2(" << sql << ")";
-    ZEL_LOG(kError) << "[" << dbName << "] sqlite exception(" << result << "): " << sql;
-  }
-  auto* const statement = new (std::nothrow) SQLiteStmt(handle, dbName, sql);
-  if (statement == nullptr) (void)sqlite3_finalize(handle);  // it has not run
+  if (result == SQLITE_OK) return handle;
+  ZEL_LOG(kInfo) << "[" << dbName << "] sqlite3_prepare_v2(" << sql << ")";
+  ZEL_LOG(kError) << "[" << dbName << "] sqlite exception(" << result << "): " << sql;
+  return nullptr;
+}
+
+IDataManipulation* SQLiteDB::CreateDataManipulation(const std::string& sql) {
+  RecursiveMutexLock lock(m_connectionLock);
+  sqlite3* const db = GetDBConnection();
+  std::shared_ptr<IdleStatements> idle;
+  if (db != nullptr) idle = FindConnection()->idle;
+  StatementHandle handle = db == nullptr ? nullptr : idle->Take(sql);
+  if (handle == nullptr) handle.reset(Prepare(db, sql));
+  auto* const statement = new (std::nothrow) SQLiteStmt(handle.get(), dbName, sql, std::move(idle));
+  if (statement != nullptr) (void)handle.release();  // its owner is the statement now
   return statement;
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <exception>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "util/Mutex.h"
@@ -68,6 +69,15 @@ class IDataStorage {
   virtual void Commit() = 0;
 };
 
+class IdleStatements;
+
+// What SQLite keeps beside a database, by what is added to its name. Left behind, they would be
+// laid over whatever database gets the name next, so they go before it does.
+inline constexpr const char* kSideFiles[] = {"-journal", "-wal", "-shm"};
+
+// Writes go to a log beside the database, which is synced only when it is taken over: a killed
+// process loses nothing, a machine that loses its power the last writes at most. Where no such log
+// can be had, every write is synced.
 class SQLiteDB : public IDataStorage {
  public:
   // Touches no file. An empty key means an unencrypted file.
@@ -107,7 +117,23 @@ class SQLiteDB : public IDataStorage {
   static int ThreadSafety();
 
  private:
+  struct Connection {
+    sqlite3* db;
+    std::shared_ptr<IdleStatements> idle;  // shared with the statements in use
+  };
+
+  Connection* FindConnection() ZEL_REQUIRES(m_connectionLock);
   sqlite3* AddConnection() ZEL_REQUIRES(m_connectionLock);
+  // Whether the connection is fit for use, with the log or without.
+  bool StartWriteAhead(sqlite3* db) const;
+  int OpenFile(const std::string& path, sqlite3** db) const;
+  // A handle of its own, keyed; `arrange` runs before anything is read. The caller closes it.
+  sqlite3* OpenAside(int flags, const std::string& name, const char* arrange) const;
+  bool IsReadable(int flags, const std::string& name) const;
+  sqlite3* OpenWithoutIndex() const;
+  void DiscardForeignLog() const;
+  sqlite3* Mended(sqlite3* probe, int result) const;
+  sqlite3_stmt* Prepare(sqlite3* db, const std::string& sql) const;
   bool ProbeWithKey(sqlite3* probe);
   bool ConfirmProbe(sqlite3* probe, int result);
 
@@ -115,7 +141,7 @@ class SQLiteDB : public IDataStorage {
   const std::string dbPath;
   const std::string key;
   // By the result of PublicUtil::GetCurrentThreadId, which makes all threads share one.
-  std::map<std::uint64_t, sqlite3*> m_connections ZEL_GUARDED_BY(m_connectionLock);
+  std::map<std::uint64_t, Connection> m_connections ZEL_GUARDED_BY(m_connectionLock);
   // Recursive because the set-up of a connection calls Open, Key and Close. Held while
   // SQLite runs and the outcome is logged, so that no thread closes the shared connection
   // under another one's call; taken before SQLite's own lock of the connection.
@@ -129,8 +155,10 @@ class SQLiteDB : public IDataStorage {
 
 class SQLiteStmt : public IDataManipulation {
  public:
-  // Owns `handle`, which is null when the preparation failed.
-  SQLiteStmt(sqlite3_stmt* handle, const std::string& name, const std::string& text);
+  // Owns `handle`, which is null when the preparation failed. It goes to `idleStatements` in the
+  // end, unless its last run failed.
+  SQLiteStmt(sqlite3_stmt* handle, const std::string& name, const std::string& text,
+             std::shared_ptr<IdleStatements> idleStatements);
   ~SQLiteStmt() override;
   SQLiteStmt(const SQLiteStmt&) = delete;
   SQLiteStmt& operator=(const SQLiteStmt&) = delete;
@@ -160,6 +188,7 @@ class SQLiteStmt : public IDataManipulation {
   sqlite3_stmt* m_statement;
   const std::string dbName;
   const std::string sql;
+  const std::shared_ptr<IdleStatements> m_idle;
 };
 
 // An exclusive transaction for a scope: rolled back at its end unless Commit was called.

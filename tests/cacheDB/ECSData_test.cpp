@@ -1,9 +1,15 @@
 #include "cacheDB/ECSData.h"
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <filesystem>
+#include <random>
 
 #include "CacheDbTest.h"
+#include "cacheDB/ConfigCacheTable.h"
 #include "prax/prax_ref.h"
 #include "util/Log.h"
 
@@ -196,6 +202,73 @@ TEST_F(ECSDataTest, DiscardingClosesAndUnregistersAndAlwaysSucceeds) {
   EXPECT_EQ(CountLog("SQLiteDB is not opened yet !", kWarning), 1);
   EXPECT_EQ(CountLog(" delete sdkcache.db fail", kWarning), 1);
   EXPECT_EQ(DataStorageMgr::GetInst().GetDataStorage(kCacheDbName), nullptr);
+}
+
+// The key is another one: the database is made anew, and must not meet its predecessor's log.
+TEST_F(ECSDataTest, ADatabaseMadeAnewMeetsNothingOfItsPredecessor) {
+  ASSERT_TRUE(m_data.InitializeSDKCaCheDB(DbFile(), "key one"));
+  for (const char* const suffix : {"-wal", "-shm"}) {
+    std::filesystem::copy_file(DbFile() + suffix, m_dir.File("kept") + suffix);
+  }
+  DataStorageMgr::GetInst().Uninit();
+  for (const char* const suffix : {"-wal", "-shm"}) {
+    std::filesystem::copy_file(m_dir.File("kept") + suffix, DbFile() + suffix);
+  }
+  WriteWholeFile(DbFile() + "-journal", "of no use");
+  EXPECT_FALSE(m_data.CheckSDKCacheDB(DbFile(), "key two"));
+  EXPECT_TRUE(m_data.FinalizeSDKCacheDB(DbFile()));
+  for (const char* const suffix : {"", "-journal", "-wal", "-shm"}) {
+    EXPECT_FALSE(std::filesystem::exists(DbFile() + suffix)) << suffix;
+  }
+  EXPECT_TRUE(m_data.InitializeSDKCaCheDB(DbFile(), "key two"));
+  IDataStorage* const storage = DataStorageMgr::GetInst().GetDataStorage(kCacheDbName);
+  EXPECT_EQ(ReadText(*storage, "SELECT COUNT(*) FROM ConfigCacheTab;"), "0");
+}
+
+// Adds rows one by one and in batches until it is killed, and writes down each number that is done.
+[[noreturn]] void AddRowsForEver(const std::string& file, int first, int acknowledged) {
+  constexpr int kBatch = 30;
+  if (!ECSData::GetInst().InitializeSDKCaCheDB(file, "the key")) ::_exit(1);
+  for (int next = first;; ++next) {
+    ConfigCacheList rows;
+    const int end = next % 2 == 0 ? next + kBatch : next + 1;
+    for (; next < end; ++next)
+      rows.push_back({0, "key" + std::to_string(next), std::to_string(end - 1)});
+    --next;
+    if (AddConfigCacheCommand().BatchAdd(rows) != static_cast<int>(rows.size())) ::_exit(2);
+    if (::write(acknowledged, &next, sizeof(next)) != sizeof(next)) ::_exit(3);
+  }
+}
+
+TEST_F(ECSDataTest, EveryRowThatWasReportedIsThereAfterKillNineAndNoBatchInPart) {
+  std::mt19937 random(20240607);
+  int last = 0;  // the greatest number known to be stored
+  for (int round = 0; round < 50; ++round) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const pid_t child = ::fork();
+    if (child == 0) AddRowsForEver(DbFile(), last + 1, ends[1]);
+    ::close(ends[1]);
+    const int reports = std::uniform_int_distribution<int>(0, 40)(random);
+    for (int i = 0; i <= reports; ++i) {
+      ASSERT_EQ(::read(ends[0], &last, sizeof(last)), static_cast<ssize_t>(sizeof(last)));
+    }
+    ASSERT_EQ(::kill(child, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    while (::read(ends[0], &last, sizeof(last)) == sizeof(last)) continue;
+    ::close(ends[0]);
+
+    ASSERT_TRUE(m_data.CheckSDKCacheDB(DbFile(), "the key"));
+    IDataStorage* const storage = DataStorageMgr::GetInst().GetDataStorage(kCacheDbName);
+    const int count = std::stoi(ReadText(*storage, "SELECT COUNT(*) FROM ConfigCacheTab;"));
+    ASSERT_EQ(ReadText(*storage, "PRAGMA integrity_check;"), "ok");
+    ASSERT_GE(count, last) << "round " << round;
+    ASSERT_EQ(ReadText(*storage, "SELECT MAX(CAST(VALUE AS INTEGER)) FROM ConfigCacheTab;"),
+              std::to_string(count));  // each row tells the last one of its batch
+    last = count;                      // a last one was stored, but not reported any more
+    DataStorageMgr::GetInst().Uninit();
+    support::ClearLog();
+  }
 }
 
 }  // namespace

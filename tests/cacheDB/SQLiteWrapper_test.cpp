@@ -1,5 +1,8 @@
 #include "cacheDB/SQLiteWrapper.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <filesystem>
 #include <memory>
@@ -115,6 +118,7 @@ TEST_F(SQLiteWrapperTest, ProbeConfirmsAPathOnceInAProcess) {
 
 TEST_F(SQLiteWrapperTest, ProbeTakesALockedFileAsReadable) {
   m_db.Exec(kMakeTable);
+  m_db.Exec("PRAGMA locking_mode = EXCLUSIVE;");
   m_db.BeginTransaction();
   EXPECT_TRUE(SQLiteDB("other", DbFile(), kKey).IsCanOpen());
   EXPECT_EQ(CountLog("Close the db, and the result is: 5", kWarning), 1);
@@ -283,6 +287,170 @@ TEST_F(SQLiteWrapperTest, ThreadsMayUseAndCloseTheConnectionAtTheSameTime) {
   for (int i = 0; i < 20; ++i) m_db.Exec("INSERT INTO T(NAME) VALUES (NULL);");
   closer.join();
   EXPECT_EQ(CountRows(), "20");
+}
+
+// The texts differ so much in number that most handles have to make room. A handle left over would
+// keep the connection open, and with it the log.
+TEST_F(SQLiteWrapperTest, AStatementComesBackWithoutWhatWasBoundAndLetsTheConnectionClose) {
+  m_db.Exec(kMakeTable);
+  m_db.Exec("INSERT INTO T VALUES (1, 'bound');");
+  constexpr char kByName[] = "SELECT ID FROM T WHERE NAME = ?;";
+  {
+    const auto query = Prepare(kByName);
+    query->Bind(1, std::string("bound"));
+    EXPECT_TRUE(query->NextRow());  // and is given back in the middle
+  }
+  EXPECT_FALSE(Prepare(kByName)->NextRow());
+  {
+    const auto one = Prepare(kByName);
+    const auto other = Prepare(kByName);
+    one->Bind(1, std::string("bound"));
+    EXPECT_FALSE(other->NextRow());
+    EXPECT_TRUE(one->NextRow());
+  }
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(ReadText(m_db, "SELECT " + std::to_string(i) + ";"), std::to_string(i));
+  }
+  EXPECT_EQ(ReadText(m_db, "SELECT * FROM T;"), "1");
+  m_db.Exec("DROP TABLE T;");
+  m_db.Exec("CREATE TABLE T(NAME TEXT, ID INTEGER);");
+  m_db.Exec("INSERT INTO T VALUES ('first', 2);");
+  EXPECT_EQ(ReadText(m_db, "SELECT * FROM T;"), "first");
+
+  auto outlives = Prepare("SELECT COUNT(*) FROM T;");
+  m_db.Close();
+  EXPECT_TRUE(outlives->NextRow());
+  EXPECT_TRUE(std::filesystem::exists(DbFile() + "-wal"));
+  outlives.reset();
+  EXPECT_FALSE(std::filesystem::exists(DbFile() + "-wal"));
+  EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
+}
+
+constexpr char kNoLog[] = "[db] no write-ahead log, every write is synced";
+
+// What a client leaves behind that is killed after `rows` rows.
+class SQLiteLogTest : public SQLiteWrapperTest {
+ protected:
+  void LeaveBehind(const std::string& directory, const std::string& key, int rows) {
+    SQLiteDB living("db", m_dir.File("living.db"), key);
+    living.Exec(kMakeTable);
+    living.Exec("PRAGMA wal_checkpoint(TRUNCATE);");
+    for (int i = 1; i <= rows; ++i) {
+      living.Exec("INSERT INTO T VALUES (" + std::to_string(i) + ", '" + directory + "');");
+    }
+    std::filesystem::create_directory(m_dir.File(directory));
+    for (const char* const suffix : {"", "-wal"}) {
+      std::filesystem::copy_file(m_dir.File("living.db") + suffix,
+                                 m_dir.File(directory + "/file.db") + suffix);
+    }
+    living.Close();
+    std::filesystem::remove(m_dir.File("living.db"));
+  }
+  // The rows of a left database at its next start; "-1" when it does not pass.
+  std::string RowsAfterStart(const std::string& directory) {
+    SQLiteDB db("db", m_dir.File(directory + "/file.db"), kKey);
+    return db.IsCanOpen() ? ReadText(db, kCountRows) : "-1";
+  }
+  std::string LogOf(const std::string& directory) { return m_dir.File(directory + "/file.db-wal"); }
+};
+
+TEST_F(SQLiteLogTest, TheLogHasTheModeOfItsDatabaseAndGoesWithTheConnection) {
+  const mode_t before = ::umask(0777);
+  m_db.Exec(kMakeTable);
+  ::umask(before);
+  for (const char* const suffix : {"", "-wal", "-shm"}) {
+    EXPECT_EQ(ModeOf(DbFile() + suffix), 0640u) << suffix;
+  }
+  EXPECT_EQ(ReadText(m_db, "PRAGMA synchronous;"), "1");
+  EXPECT_EQ(ReadWholeFile(DbFile() + "-wal").find("CREATE TABLE"), std::string::npos);
+  m_db.Exec("PRAGMA journal_mode = DELETE;");  // as an earlier version has left it
+  m_db.Close();
+  EXPECT_EQ(ReadText(m_db, "PRAGMA journal_mode;"), "wal");
+  EXPECT_EQ(CountRows(), "0");
+  m_db.Close();
+  EXPECT_FALSE(std::filesystem::exists(DbFile() + "-wal"));
+  EXPECT_FALSE(std::filesystem::exists(DbFile() + "-shm"));
+}
+
+TEST_F(SQLiteLogTest, WhatAKilledClientHasWrittenIsThereWhateverBecameOfTheEndOfItsLog) {
+  for (const char* const directory : {"whole", "cut", "torn", "begun"}) {
+    LeaveBehind(directory, kKey, 20);
+  }
+  std::filesystem::resize_file(LogOf("cut"), std::filesystem::file_size(LogOf("cut")) - 5000);
+  std::string log = ReadWholeFile(LogOf("torn"));
+  log[log.size() - 100] = static_cast<char>(log[log.size() - 100] ^ 1);
+  WriteWholeFile(LogOf("torn"), log);
+  std::filesystem::resize_file(LogOf("begun"), 10);
+  EXPECT_EQ(RowsAfterStart("whole"), "20");
+  EXPECT_EQ(RowsAfterStart("cut"), "19");
+  EXPECT_EQ(RowsAfterStart("torn"), "19");
+  EXPECT_EQ(RowsAfterStart("begun"), "0");
+  EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
+}
+
+TEST_F(SQLiteLogTest, ALogOfAnotherDatabaseOrKeyIsRemovedAndTheDatabaseStays) {
+  for (const auto& [key, rows] : {std::pair{kKey, 1}, {kKey, 200}, {"another key", 3}}) {
+    const std::string name = key + std::to_string(rows);
+    LeaveBehind(name, kKey, 5);
+    EXPECT_EQ(RowsAfterStart(name), "5");
+    EXPECT_FALSE(std::filesystem::exists(LogOf(name)));
+    LeaveBehind("other" + name, key, rows);
+    std::filesystem::copy_file(LogOf("other" + name), LogOf(name));
+    EXPECT_EQ(RowsAfterStart(name), "5") << name;
+  }
+  EXPECT_EQ(CountLog("[db] removes a log that is not of this database", kWarning), 3);
+  LeaveBehind("lost", "another key", 3);
+  EXPECT_EQ(RowsAfterStart("lost"), "-1");
+  EXPECT_TRUE(std::filesystem::exists(LogOf("lost")));
+}
+
+// A link into the void where the log's index belongs stands for a system that cannot share memory.
+TEST_F(SQLiteLogTest, WithoutSharedMemoryEveryWriteIsSyncedAndALogLeftBehindIsTakenOver) {
+  std::filesystem::create_symlink("nowhere/at/all", DbFile() + "-shm");
+  m_db.Exec(kMakeTable);
+  EXPECT_EQ(CountLog(kNoLog, kWarning), 1);
+  m_db.Exec("INSERT INTO T VALUES (1, 'written');");
+  EXPECT_EQ(ReadText(m_db, "PRAGMA journal_mode;"), "delete");
+  EXPECT_EQ(ReadText(m_db, "PRAGMA synchronous;"), "2");
+  EXPECT_TRUE(SQLiteDB("db", DbFile(), kKey).IsCanOpen());
+  EXPECT_EQ(CountRows(), "1");
+
+  LeaveBehind("left", kKey, 20);
+  std::filesystem::create_symlink("nowhere/at/all", m_dir.File("left/file.db-shm"));
+  EXPECT_EQ(RowsAfterStart("left"), "20");
+  EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
+}
+
+TEST_F(SQLiteLogTest, ADirectoryThatTakesNoFileLeavesTheDatabaseReadable) {
+  constexpr uid_t kNobody = 65534;
+  const std::string directory = m_dir.File("100% fixed?#");
+  std::filesystem::create_directory(directory);
+  const std::string file = directory + "/file.db";
+  for (const char* const mode : {"wal", "delete"}) {
+    {
+      SQLiteDB db("db", file, kKey);
+      db.Exec("CREATE TABLE IF NOT EXISTS T(ID INTEGER PRIMARY KEY, NAME TEXT UNIQUE);");
+      db.Exec("INSERT OR REPLACE INTO T VALUES (1, 'readable');");
+      db.Exec(std::string("PRAGMA journal_mode = ") + mode + ";");
+    }
+    support::ClearLog();
+    if (::geteuid() == 0) {  // root may write everywhere
+      ASSERT_EQ(::chown(file.c_str(), kNobody, kNobody), 0);
+      ASSERT_EQ(::chmod(m_dir.Path().c_str(), 0755), 0);
+      ASSERT_EQ(::chmod(directory.c_str(), 0555), 0);
+      ASSERT_EQ(::seteuid(kNobody), 0);
+    }
+    (void)::chmod(directory.c_str(), 0555);
+    SQLiteDB db("db", file, kKey);
+    EXPECT_TRUE(db.IsCanOpen()) << mode;
+    EXPECT_EQ(ReadText(db, "SELECT NAME FROM T;"), "readable") << mode;
+    db.Exec("INSERT INTO T VALUES (2, 'in vain');");
+    EXPECT_EQ(CountLogPrefix("[db] sqlite exception(", kError), 1) << mode;
+    EXPECT_EQ(ReadText(db, kCountRows), "1") << mode;
+    db.Close();
+    if (::getuid() == 0) ASSERT_EQ(::seteuid(0), 0);
+    (void)::chmod(directory.c_str(), 0755);
+  }
 }
 
 TEST(SQLiteExceptionTest, NamesTheKnownResultsAndNoOthers) {
