@@ -117,6 +117,9 @@ bool LacksSideFile(int result) {
          result == SQLITE_CANTOPEN;
 }
 
+// Of page 1, or of another one.
+bool IsUndecipherable(int result) { return result == SQLITE_NOTADB || result == SQLITE_CORRUPT; }
+
 // A locked file is taken as readable.
 bool IsPassed(int result) {
   return result == SQLITE_OK || result == SQLITE_BUSY || result == SQLITE_LOCKED;
@@ -366,7 +369,7 @@ sqlite3* SQLiteDB::Mended(sqlite3* probe, int result) const {
   if (IsPassed(result)) {  // reads all of the log, as closing would
     result = sqlite3_wal_checkpoint_v2(probe, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
   }
-  if (IsPassed(result)) return probe;
+  if (!LacksSideFile(result) && !IsUndecipherable(result)) return probe;
   (void)sqlite3_close(probe);
   if (LacksSideFile(result)) return OpenWithoutIndex();
   DiscardForeignLog();

@@ -225,10 +225,13 @@ TEST_F(ECSDataTest, ADatabaseMadeAnewMeetsNothingOfItsPredecessor) {
   EXPECT_EQ(ReadText(*storage, "SELECT COUNT(*) FROM ConfigCacheTab;"), "0");
 }
 
+// Taken as it is: deriving one in each of the starts would take most of the time.
+constexpr char kRawKey[] = "raw:000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F";
+
 // Adds rows one by one and in batches until it is killed, and writes down each number that is done.
 [[noreturn]] void AddRowsForEver(const std::string& file, int first, int acknowledged) {
   constexpr int kBatch = 30;
-  if (!ECSData::GetInst().InitializeSDKCaCheDB(file, "the key")) ::_exit(1);
+  if (!ECSData::GetInst().InitializeSDKCaCheDB(file, kRawKey)) ::_exit(1);
   for (int next = first;; ++next) {
     ConfigCacheList rows;
     const int end = next % 2 == 0 ? next + kBatch : next + 1;
@@ -258,7 +261,7 @@ TEST_F(ECSDataTest, EveryRowThatWasReportedIsThereAfterKillNineAndNoBatchInPart)
     while (::read(ends[0], &last, sizeof(last)) == sizeof(last)) continue;
     ::close(ends[0]);
 
-    ASSERT_TRUE(m_data.CheckSDKCacheDB(DbFile(), "the key"));
+    ASSERT_TRUE(m_data.CheckSDKCacheDB(DbFile(), kRawKey));
     IDataStorage* const storage = DataStorageMgr::GetInst().GetDataStorage(kCacheDbName);
     const int count = std::stoi(ReadText(*storage, "SELECT COUNT(*) FROM ConfigCacheTab;"));
     ASSERT_EQ(ReadText(*storage, "PRAGMA integrity_check;"), "ok");

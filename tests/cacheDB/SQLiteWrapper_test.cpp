@@ -336,7 +336,7 @@ class SQLiteLogTest : public SQLiteWrapperTest {
     living.Exec(kMakeTable);
     living.Exec("PRAGMA wal_checkpoint(TRUNCATE);");
     for (int i = 1; i <= rows; ++i) {
-      living.Exec("INSERT INTO T VALUES (" + std::to_string(i) + ", '" + directory + "');");
+      living.Exec("INSERT INTO T VALUES (" + std::to_string(i) + ", NULL);");
     }
     std::filesystem::create_directory(m_dir.File(directory));
     for (const char* const suffix : {"", "-wal"}) {

@@ -230,8 +230,25 @@ class Cache(DataTest):
         self.assertEqual(self.content(), before)
         self.succeed("cache", "put", self.data, "a", "1")
         after = self.content()
-        del before["sdkcache.db"], after["sdkcache.db"]
-        self.assertEqual({k: v for k, v in after.items() if not k.startswith("sdkcache.db-")}, before)
+        self.assertNotIn("sdkcache.db-wal", after)
+        others = [{k: v for k, v in files.items() if not k.startswith("sdkcache.db")}
+                  for files in (before, after)]
+        self.assertEqual(*others)
+
+    def test_rows_that_are_only_in_the_log_of_a_killed_client_are_seen(self):
+        self.succeed("cache", "put", self.data, "a", "settled")
+        before = (self.data / "sdkcache.db").read_bytes()
+        self.play_client()  # which never closes its database
+        log = self.data / "sdkcache.db-wal"
+        self.assertEqual(mode_of(log), 0o640)
+        self.assertGreater(log.stat().st_size, 0)
+        self.assertEqual((self.data / "sdkcache.db").read_bytes(), before)
+        left = self.content()
+        self.assertEqual(json.loads(self.succeed("cache", "verify", self.data, "--json")),
+                         {"sound": True, "entries": 2, "damagedPages": [], "remarks": []})
+        self.assertEqual(set(self.listed()), {"a"})
+        self.assertEqual(self.succeed("doctor", self.data), "nothing found\n")
+        self.assertEqual(self.content(), left)
 
     def test_a_running_client_keeps_the_tools_out(self):
         with self.running_client() as client:
@@ -327,6 +344,8 @@ class Doctor(DataTest):
         row = "INSERT INTO ConfigCacheTab(KEY, VALUE) VALUES('old', '%s')"
         line = self.salt.read_text()
         every, none = set(self.KEYS), set()
+        foreign = self.folder / "foreign"
+        self.succeed("--data", foreign / "data", "-", text=self.INIT.encode())
         cases = {  # what is done to the directory, what is found, which entries survive
             "file of the key store missing": (
                 self.store.unlink, ["key-store-file-missing"], every),
@@ -370,6 +389,13 @@ class Doctor(DataTest):
             "without a column": (
                 lambda: self.plain_database(table.replace(", VALUE VARCHAR(512)", ""), index),
                 ["database-older-format", "database-older-format"], none),
+            "log of another database": (
+                lambda: [shutil.copy(f, self.data) for f in foreign.glob("data/sdkcache.db-*")],
+                ["log-foreign"], every),
+            "damaged, with a log": (
+                lambda: (self.play_client(), damage(self.database, 6), damage(self.database, 8),
+                         (self.data / "sdkcache.db-wal").chmod(0o666)),
+                ["database-page-damaged", "mode-too-open"], None),
             "modes": (
                 lambda: (self.store.chmod(0o644), self.database.chmod(0o666),
                          self.data.chmod(0o777)), ["mode-too-open"] * 3, every),

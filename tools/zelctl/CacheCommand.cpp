@@ -125,17 +125,22 @@ struct FileFacts {
   long long writtenAt = 0;  // seconds since the epoch
 };
 
-FileFacts FactsOf(const std::string& path) {
+// What was written last may still be in the log beside the database.
+FileFacts FactsOf(const std::string& directory) {
   struct stat found;
-  if (::stat(path.c_str(), &found) != 0) return {};
-  return {found.st_size, found.st_mtime};
+  if (::stat((directory + "/" + kDatabaseFile).c_str(), &found) != 0) return {};
+  FileFacts facts = {found.st_size, found.st_mtime};
+  if (::stat((directory + "/" + kWriteAheadFile).c_str(), &found) == 0) {
+    facts.writtenAt = std::max<long long>(facts.writtenAt, found.st_mtime);
+  }
+  return facts;
 }
 
 // A copy of the directory's cache, made while no client is in it, whose database opens.
 class CacheCopy {
  public:
   explicit CacheCopy(const std::string& directory)
-      : m_facts(FactsOf(directory + "/" + kDatabaseFile)), m_staged(directory) {
+      : m_facts(FactsOf(directory)), m_staged(directory) {
     FindDatabaseKey(m_staged, &m_key);
     if (m_key.state != KeyState::kReady) Refuse(directory, ReasonOf(m_key.state));
     CacheFile file(m_staged.Of(kDatabaseFile), m_key.key);
@@ -148,6 +153,9 @@ class CacheCopy {
   std::unique_ptr<CacheFile> Open() const {
     return std::make_unique<CacheFile>(m_staged.Of(kDatabaseFile), m_key.key);
   }
+  // Takes the log over into the real database and removes it. The library, which never closes a
+  // database, must not use it any more.
+  void Settle() const { (void)Open(); }
   const FileFacts& Facts() const { return m_facts; }
 
  private:
@@ -322,7 +330,9 @@ bool PutCache(const std::vector<std::string>& given, const std::atomic<bool>&) {
     InitLibrary(copy.Staged());
     (void)CommonUtilPrivateManager::getInst().BatchAddConfigCache(&entry, 1);  // tells of memory
     ZelConfigCache stored;
-    if (QueryDatabase(key, &stored) && stored.value == entry.value) {
+    const bool isStored = QueryDatabase(key, &stored) && stored.value == entry.value;
+    copy.Settle();
+    if (isStored) {
       return Print("stored " + std::to_string(entry.value.size()) + " bytes\n");
     }
     throw CacheError("the database did not take the entry; see zelctl doctor");
@@ -340,7 +350,9 @@ bool DeleteCache(const std::vector<std::string>& given, const std::atomic<bool>&
     ZelConfigCache entry;
     if (!QueryDatabase(key, &entry)) throw CacheError("no entry " + Quoted(key));
     const int result = CommonUtilPrivateManager::getInst().DeleteConfigCacheByKey(key);
-    if (result == commonutil::kOk && !QueryDatabase(key, &entry)) return Print("deleted\n");
+    const bool isDeleted = result == commonutil::kOk && !QueryDatabase(key, &entry);
+    copy.Settle();
+    if (isDeleted) return Print("deleted\n");
     throw CacheError("the database did not remove the entry; see zelctl doctor");
   });
 }

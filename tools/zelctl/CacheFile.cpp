@@ -18,6 +18,9 @@ namespace fs = std::filesystem;
 constexpr char kPlainHeader[] = "SQLite format 3";
 constexpr char kProbeSql[] = "SELECT count(*) FROM sqlite_master";
 constexpr char kTakeWhatThereIsSql[] = "PRAGMA writable_schema = ON";
+constexpr char kTakeLogOverSql[] = "PRAGMA wal_checkpoint";
+constexpr char kLogSuffix[] = "-wal";
+constexpr char kIndexSuffix[] = "-shm";
 constexpr char kCheckSql[] = "PRAGMA integrity_check";
 constexpr char kColumnsSql[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab LIMIT 0";
 constexpr char kRowsSql[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab NOT INDEXED ";
@@ -128,12 +131,30 @@ CacheFile::State CacheFile::Open(const std::string& path, const std::string& key
     return State::kFailed;
   }
   if (!isPlain) SetKey(m_database, key);
+  if (fs::exists(path + kLogSuffix, error) && !CanReadLog()) return WithoutLog(path, key);
   if (!Run(m_database, kProbeSql)) {
     // SQLite refuses a file that lacks pages unless it is told to take what there is.
     m_isCutOff = Run(m_database, kTakeWhatThereIsSql) && Run(m_database, kProbeSql);
     if (!m_isCutOff) return State::kUnreadable;
   }
   return isPlain ? State::kUnencrypted : State::kOpen;
+}
+
+// Reads all of the log. Only what does not decrypt counts: a full disk is no fault of the log.
+bool CacheFile::CanReadLog() {
+  if (Run(m_database, kProbeSql) && Run(m_database, kTakeLogOverSql)) return true;
+  const int error = sqlite3_errcode(m_database);
+  return error != SQLITE_NOTADB && error != SQLITE_CORRUPT;
+}
+
+CacheFile::State CacheFile::WithoutLog(const std::string& path, const std::string& key) {
+  (void)sqlite3_close(std::exchange(m_database, nullptr));
+  std::error_code error;
+  fs::remove(path + kLogSuffix, error);
+  fs::remove(path + kIndexSuffix, error);
+  const State state = Open(path, key);
+  m_hasForeignLog = CanRead(state);
+  return state;
 }
 
 CacheCheck CacheFile::Check() {

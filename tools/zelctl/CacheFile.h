@@ -43,7 +43,9 @@ class CacheFile {
   CacheFile& operator=(const CacheFile&) = delete;
 
   State GetState() const { return m_state; }
-  bool CanRead() const { return m_state == State::kOpen || m_state == State::kUnencrypted; }
+  bool CanRead() const { return CanRead(m_state); }
+  // It can be read since its write-ahead log, of another database or key, was removed.
+  bool HasForeignLog() const { return m_hasForeignLog; }
 
   // It can be read, but ends before its last page: no client would open it.
   bool IsCutOff() const { return m_isCutOff; }
@@ -63,12 +65,16 @@ class CacheFile {
                     const std::vector<CacheRow>& rows);
 
  private:
+  static bool CanRead(State state) { return state == State::kOpen || state == State::kUnencrypted; }
   State Open(const std::string& path, const std::string& key);
+  bool CanReadLog();
+  State WithoutLog(const std::string& path, const std::string& key);
   bool Holds(const char* type, const char* name);
   bool ReadRows(const std::string& condition, std::vector<CacheRow>* rows);
 
   sqlite3* m_database = nullptr;
   bool m_isCutOff = false;
+  bool m_hasForeignLog = false;
   State m_state;  // its initialisation sets the others
 };
 

@@ -99,10 +99,10 @@ void Examination::ExamineSpace() {
        {}});
 }
 
-// With the side files that SQLite may have left.
+// With the side files that SQLite may have left, which go before the file that they belong to.
 std::vector<std::string> Examination::DatabaseFiles() const {
   std::vector<std::string> files;
-  for (const char* const name : {kDatabaseFile, kJournalFile, kWriteAheadFile, kSharedIndexFile}) {
+  for (const char* const name : {kJournalFile, kWriteAheadFile, kSharedIndexFile, kDatabaseFile}) {
     if (IsThere(m_directory + "/" + name)) files.emplace_back(name);
   }
   return files;
@@ -216,6 +216,15 @@ void Examination::ExamineDatabase() {
     auto trimmed = std::make_unique<CacheFile>(m_staged.Of(kDatabaseFile), m_key.trimmedKey);
     m_usesTrimmedKey = trimmed->GetState() == CacheFile::State::kOpen;
     if (m_usesTrimmedKey) file = std::move(trimmed);
+  }
+  if (m_key.state == KeyState::kReady && file->HasForeignLog()) {
+    Add({"log-foreign",
+         kWriteAheadFile,
+         "the log is of another database or key, and hides the database",
+         "It was copied here, or was left when the database was restored without it.",
+         "None is needed: the client removes it at its next start, and so does --repair.",
+         Repair::kRemove,
+         {kWriteAheadFile, kSharedIndexFile}});
   }
   const bool isThere = IsThere(m_directory + "/" + kDatabaseFile);
   if (isThere && file->GetState() == CacheFile::State::kMissing) {  // nothing that was copied
