@@ -423,6 +423,7 @@ TEST_F(SQLiteLogTest, WithoutSharedMemoryEveryWriteIsSyncedAndALogLeftBehindIsTa
 
 TEST_F(SQLiteLogTest, ADirectoryThatTakesNoFileLeavesTheDatabaseReadable) {
   constexpr uid_t kNobody = 65534;
+  const uid_t wasUser = ::getuid();
   const std::string directory = m_dir.File("100% fixed?#");
   std::filesystem::create_directory(directory);
   const std::string file = directory + "/file.db";
@@ -438,7 +439,7 @@ TEST_F(SQLiteLogTest, ADirectoryThatTakesNoFileLeavesTheDatabaseReadable) {
       ASSERT_EQ(::chown(file.c_str(), kNobody, kNobody), 0);
       ASSERT_EQ(::chmod(m_dir.Path().c_str(), 0755), 0);
       ASSERT_EQ(::chmod(directory.c_str(), 0555), 0);
-      ASSERT_EQ(::seteuid(kNobody), 0);
+      ASSERT_EQ(::setresuid(kNobody, kNobody, 0), 0);
     }
     (void)::chmod(directory.c_str(), 0555);
     SQLiteDB db("db", file, kKey);
@@ -448,7 +449,7 @@ TEST_F(SQLiteLogTest, ADirectoryThatTakesNoFileLeavesTheDatabaseReadable) {
     EXPECT_EQ(CountLogPrefix("[db] sqlite exception(", kError), 1) << mode;
     EXPECT_EQ(ReadText(db, kCountRows), "1") << mode;
     db.Close();
-    if (::getuid() == 0) ASSERT_EQ(::seteuid(0), 0);
+    ASSERT_EQ(::setresuid(wasUser, wasUser, wasUser), 0);
     (void)::chmod(directory.c_str(), 0755);
   }
 }
