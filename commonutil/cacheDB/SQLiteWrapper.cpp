@@ -35,9 +35,13 @@ constexpr char kTrySql[] = "BEGIN IMMEDIATE; ROLLBACK;";
 // The log is taken over at 1000 pages, SQLite's default; only a large batch makes it longer than
 // this for a while.
 constexpr char kTuneSql[] = "PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 4194304;";
-// Alone with the database SQLite keeps the index of the log in its own memory.
-constexpr char kAloneSql[] = "PRAGMA locking_mode = EXCLUSIVE;";
-constexpr char kSyncedSql[] = "PRAGMA journal_mode = DELETE;";
+// Alone with the database SQLite keeps the index of the log in its own memory. The log is taken
+// over, and the database's mark of having one removed, if there is space for that.
+constexpr char kLeaveLogSql[] =
+    "PRAGMA locking_mode = EXCLUSIVE; SELECT COUNT(*) FROM sqlite_master; PRAGMA journal_mode = "
+    "DELETE;";
+// Lets others in with the next read, unless the log is still there.
+constexpr char kShareSql[] = "PRAGMA locking_mode = NORMAL; SELECT COUNT(*) FROM sqlite_master;";
 constexpr char kLogSuffix[] = "-wal";
 constexpr char kIndexSuffix[] = "-shm";
 
@@ -293,13 +297,14 @@ sqlite3* SQLiteDB::GetDBConnection() {
   }
 
   Close();
-  (void)sqlite3_close(OpenWithoutIndex());
   sqlite3* const second = AddConnection();
   if (second == nullptr) {
     ZEL_LOG(kWarning) << "db file damaged : cant not open...";
     return nullptr;
   }
   if (!key.empty()) Key(key);
+  (void)Run(second, kLeaveLogSql);  // every operation tells by itself
+  (void)Run(second, kShareSql);
   return second;
 }
 
@@ -348,14 +353,6 @@ bool SQLiteDB::IsReadable(int flags, const std::string& name) const {
   return isReadable;
 }
 
-// A handle that keeps all others out. The log is taken over, and the database's mark of having one
-// removed, if there is space for that.
-sqlite3* SQLiteDB::OpenWithoutIndex() const {
-  sqlite3* const db = OpenAside(kOpenFlags, dbPath, kAloneSql);
-  if (Run(db, kReadSql) == SQLITE_OK) (void)Run(db, kSyncedSql);
-  return db;
-}
-
 // A log that another database has left, or another key has written, hides a database that is sound.
 void SQLiteDB::DiscardForeignLog() const {
   if (!Exists(dbPath + kLogSuffix) || !IsReadable(kFixedFlags, FixedName(dbPath))) return;
@@ -371,7 +368,7 @@ sqlite3* SQLiteDB::Mended(sqlite3* probe, int result) const {
   }
   if (!LacksSideFile(result) && !IsUndecipherable(result)) return probe;
   (void)sqlite3_close(probe);
-  if (LacksSideFile(result)) return OpenWithoutIndex();
+  if (LacksSideFile(result)) return OpenAside(kOpenFlags, dbPath, kLeaveLogSql);
   DiscardForeignLog();
   return OpenAside(kOpenFlags, dbPath, "");
 }

@@ -130,7 +130,6 @@ class SQLiteDB : public IDataStorage {
   // A handle of its own, keyed; `arrange` runs before anything is read. The caller closes it.
   sqlite3* OpenAside(int flags, const std::string& name, const char* arrange) const;
   bool IsReadable(int flags, const std::string& name) const;
-  sqlite3* OpenWithoutIndex() const;
   void DiscardForeignLog() const;
   sqlite3* Mended(sqlite3* probe, int result) const;
   sqlite3_stmt* Prepare(sqlite3* db, const std::string& sql) const;
