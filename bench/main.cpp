@@ -14,20 +14,14 @@ struct Benchmark {
 
 // Tracking comes first: it starts the tracking library its own way.
 constexpr Benchmark kBenchmarks[] = {
-    {"track", bench::BenchTrack},         {"log", bench::BenchLog},
-    {"message", bench::BenchMessage},     {"queue", bench::BenchQueue},
-    {"ring", bench::BenchRing},           {"worker", bench::BenchWorker},
-    {"cache", bench::BenchCache},         {"proxy", bench::BenchProxy},
-    {"detect", bench::BenchDetect},       {"start", bench::BenchStart},
-    {"masking", bench::BenchMasking},     {"cleanup", bench::BenchCleanup},
-    {"footprint", bench::BenchFootprint}, {"growth", bench::BenchGrowth},
     {"track", bench::BenchTrack},     {"log", bench::BenchLog},
     {"message", bench::BenchMessage}, {"queue", bench::BenchQueue},
     {"ring", bench::BenchRing},       {"worker", bench::BenchWorker},
     {"memory", bench::BenchMemory},   {"cache", bench::BenchCache},
     {"proxy", bench::BenchProxy},     {"detect", bench::BenchDetect},
     {"start", bench::BenchStart},     {"masking", bench::BenchMasking},
-    {"cleanup", bench::BenchCleanup},
+    {"cleanup", bench::BenchCleanup}, {"footprint", bench::BenchFootprint},
+    {"growth", bench::BenchGrowth},
 };
 
 const Benchmark* Find(const char* name) {
