@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 
 #include "Arguments.h"
@@ -19,6 +20,7 @@
 #include "DatabaseKey.h"
 #include "DirectoryLock.h"
 #include "Options.h"
+#include "Progress.h"
 #include "Report.h"
 #include "StagedDirectory.h"
 #include "Text.h"
@@ -362,6 +364,7 @@ bool ExportCache(const std::vector<std::string>& given, const std::atomic<bool>&
   const std::string& file = arguments.Words()[1];
   return Guarded([&] {
     const std::string& directory = arguments.Words()[0];
+    std::optional<Progress> progress("exporting");
     const auto copy = CopyOf(directory);
     const std::vector<CacheRow> rows = AllRows(*copy, directory);
     if (!WritePrivately(file,
@@ -376,11 +379,13 @@ bool ExportCache(const std::vector<std::string>& given, const std::atomic<bool>&
 bool VerifyCache(const std::vector<std::string>& given, const std::atomic<bool>&) {
   const Arguments arguments = Parse(given, {kJsonOption}, 1, "cache verify needs one DIR");
   return Guarded([&] {
+    std::optional<Progress> progress("checking the database");
     const auto copy = CopyOf(arguments.Words()[0]);
     const auto file = copy->Open();
     const CacheCheck check = file->Check();
     bool isComplete = false;
     const std::size_t rows = file->Rows(&isComplete).size();
+    progress.reset();
     const bool printed = Print(arguments.Has(kJsonOption) ? JsonText(VerifyJson(check, rows))
                                                           : VerifyText(check, copy->Facts(), rows));
     return printed && check.IsSound() && isComplete;

@@ -10,6 +10,7 @@
 #include "DirectoryRepair.h"
 #include "Examination.h"
 #include "Options.h"
+#include "Progress.h"
 #include "Report.h"
 #include "Text.h"
 
@@ -36,6 +37,7 @@ bool IsOpen(const std::vector<Finding>& findings, const Finding& wanted) {
 
 // A client may start as soon as the copy is made.
 Diagnosis Diagnose(const std::string& directory) {
+  const Progress progress("examining");
   std::unique_ptr<Examination> examination;
   {
     const DirectoryLock lock(directory);
@@ -47,6 +49,7 @@ Diagnosis Diagnose(const std::string& directory) {
 
 // What a second examination does not find any more is repaired.
 Diagnosis DiagnoseAndRepair(const std::string& directory) {
+  const Progress progress("examining and repairing");
   const DirectoryLock lock(directory);
   const Examination before(directory);
   DirectoryRepair repair(directory, before);
@@ -120,6 +123,14 @@ bool Report(const std::string& directory, bool isRepairing, bool asJson) {
 }
 
 }  // namespace
+
+void ReportOn(const std::string& directory, const Examination& examination, std::string* text,
+              Json::Value* json) {
+  const std::vector<Finding>& findings = examination.Findings();
+  const Diagnosis diagnosis = {findings, std::vector<bool>(findings.size(), false), ""};
+  *text = Text(diagnosis, false);
+  *json = DiagnosisJson(directory, diagnosis);
+}
 
 bool RunDoctor(const std::vector<std::string>& given, const std::atomic<bool>&) {
   const Arguments arguments(given, {kJsonOption, kRepairOption});

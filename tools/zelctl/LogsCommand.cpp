@@ -13,6 +13,7 @@
 #include "JsonText.h"
 #include "ModuleFile.h"
 #include "Options.h"
+#include "Progress.h"
 #include "Text.h"
 #include "util/LogBusiness.h"
 
@@ -124,7 +125,10 @@ bool CleanLogs(const std::vector<std::string>& given, const std::atomic<bool>& i
   if (!arguments.number) throw UsageError("--days is missing; say how many days of logs to keep");
   LogBusiness::InitConfig(arguments.directory, *arguments.number);
   LogBusiness::DoAsyncDelete(LogBusiness::kAfterConference);
-  while (LogBusiness::IsCleaning() && !interrupted) std::this_thread::sleep_for(kCleanPoll);
+  {
+    const Progress progress("removing");
+    while (LogBusiness::IsCleaning() && !interrupted) std::this_thread::sleep_for(kCleanPoll);
+  }
   if (interrupted) Complain("interrupted");
   const std::string count = std::to_string(LogBusiness::DeletedFiles());
   std::cout << (arguments.asJson ? "{\"removed\":" + count + "}\n"

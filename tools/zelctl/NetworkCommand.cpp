@@ -14,6 +14,7 @@
 
 #include "CommonUtil.h"
 #include "Options.h"
+#include "Progress.h"
 #include "Report.h"
 #include "Text.h"
 #include "config/config_ref.h"
@@ -286,15 +287,18 @@ bool MeasureServers(const std::vector<std::string>& arguments,
   const char* servers[kMostServers] = {};
   for (std::size_t i = 0; i < net.servers.size(); ++i) servers[i] = net.servers[i].c_str();
   static DetectReceiver& receiver = *new DetectReceiver;
+  std::optional<Progress> progress("measuring");
   CommonUtil& facade = CommonUtil::getInst();
   const int set = facade.SetNetDetectSrvs(servers[0], servers[1], servers[2], servers[3], nullptr,
                                           nullptr, false);
   if (set != 0 || facade.NetDetect(1, &receiver) != 0) {
+    progress.reset();
     Complain("the detection does not start");
     return false;
   }
   const bool isWhole = receiver.Await(net.servers.size(), interrupted);
   const auto reports = receiver.Values();
+  progress.reset();
   const bool isPrinted = Print(net.asJson ? JsonText(DetectJson(net.servers, reports))
                                           : DetectTable(net.servers, reports));
   return isPrinted && isWhole &&
@@ -303,11 +307,13 @@ bool MeasureServers(const std::vector<std::string>& arguments,
 
 bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted) {
   const ProxyArguments parsed = ParseProxy(arguments);
+  std::optional<Progress> progress("trying");
   const std::vector<Way> ways = TryWays(parsed);
   const bool hasProxy = *parsed.proxy.server != '\0';
   const bool canBeReached =
       std::any_of(ways.begin(), ways.end(), [](const Way& way) { return way.result == 0; });
   const std::optional<std::string> decision = Decide(parsed, canBeReached, interrupted);
+  progress.reset();
   if (parsed.asJson) {
     Json::Value object(Json::objectValue);
     for (const Way& way : ways) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "BundleCommand.h"
 #include "CacheCommand.h"
 #include "ConfigCommand.h"
 #include "DoctorCommand.h"
@@ -16,6 +17,12 @@ namespace zelctl {
 namespace {
 
 constexpr Subcommand kSubcommands[] = {
+    {"bundle", WriteBundle,
+     "  zelctl bundle DIR OUT.tar.gz          pack logs, versions and the doctor's report for "
+     "support,\n"
+     "                                        without secrets (--logs DIR, --max-size 20M, "
+     "--list,\n"
+     "                                        --force, --json)\n"},
     {"cache list", ListCache,
      "  zelctl cache list DIR                 list the config cache of a client that does not run\n"
      "                                        (--values: with the values; --json)\n"},
