@@ -72,11 +72,11 @@ class NewFile {
 // The calls of libarchive, whose failures are thrown.
 class Writer {
  public:
-  explicit Writer(int descriptor) : m_archive(::archive_write_new()) {
+  explicit Writer(int descriptor) : m_descriptor(descriptor), m_archive(::archive_write_new()) {
     if (!m_archive) throw std::bad_alloc();
     Check(::archive_write_set_format_pax_restricted(m_archive.get()));
     Check(::archive_write_add_filter_gzip(m_archive.get()));
-    Check(::archive_write_open_fd(m_archive.get(), descriptor));
+    Check(::archive_write_open(m_archive.get(), this, nullptr, &Writer::Take, nullptr));
   }
 
   void Begin(const std::string& name, std::uint64_t size, long long writtenAt) {
@@ -91,27 +91,41 @@ class Writer {
   }
   void Append(const char* data, std::size_t size) {
     const la_ssize_t written = ::archive_write_data(m_archive.get(), data, size);
-    if (written < 0 || static_cast<std::size_t>(written) != size) Check(ARCHIVE_FATAL);
+    const bool isWhole = written >= 0 && static_cast<std::size_t>(written) == size;
+    Check(isWhole ? ARCHIVE_OK : ARCHIVE_FATAL);
   }
   void Close() { Check(::archive_write_close(m_archive.get())); }
 
  private:
   struct FreeArchive {
     void operator()(archive* writer) const {
-      (void)::archive_write_fail(writer);  // nothing more is written of what failed
-      (void)::archive_write_free(writer);
+      (void)::archive_write_free(writer);  // what it still writes goes with the file
     }
   };
   struct FreeEntry {
     void operator()(archive_entry* entry) const { ::archive_entry_free(entry); }
   };
 
-  void Check(int result) {
-    if (result == ARCHIVE_OK) return;
-    const int error = ::archive_errno(m_archive.get());
-    Throw(error > 0 ? error : EIO, "cannot write the archive");
+  // libarchive keeps memory of its own after a failed write, so it is told of none: from the first
+  // one on nothing is written, and the next check throws.
+  static la_ssize_t Take(archive*, void* self, const void* data, size_t size) {
+    auto* const writer = static_cast<Writer*>(self);
+    const char* const bytes = static_cast<const char*>(data);
+    for (std::size_t done = 0; done < size && writer->m_error == 0;) {
+      const ssize_t written = ::write(writer->m_descriptor, bytes + done, size - done);
+      if (written < 0 && errno != EINTR) writer->m_error = errno;
+      if (written > 0) done += static_cast<std::size_t>(written);
+    }
+    return static_cast<la_ssize_t>(size);
   }
 
+  void Check(int result) {
+    if (m_error != 0) Throw(m_error, "cannot write the archive");
+    if (result != ARCHIVE_OK) Throw(EIO, "cannot make the archive");
+  }
+
+  const int m_descriptor;
+  int m_error = 0;
   const std::unique_ptr<archive, FreeArchive> m_archive;
 };
 

@@ -13,7 +13,7 @@ namespace zelctl {
 namespace {
 
 constexpr std::size_t kGap = 2;
-constexpr std::size_t kLineColumns = 96;
+constexpr std::size_t kLineColumns = 80;
 
 // Quotes and backslashes stand as they are in a table.
 std::string WithoutControls(const std::string& text) {

@@ -32,7 +32,7 @@ class Table {
 // "2026-11-21 08:05:17", local time.
 std::string TimeText(long long secondsSinceEpoch);
 
-// `text` broken at blanks into lines of at most 96 columns; the later ones begin with `indent`
+// `text` broken at blanks into lines of at most 80 columns; the later ones begin with `indent`
 // blanks, and so much room the first line has less.
 std::string Wrapped(const std::string& text, std::size_t indent);
 

@@ -18,11 +18,9 @@ namespace {
 
 constexpr Subcommand kSubcommands[] = {
     {"bundle", WriteBundle,
-     "  zelctl bundle DIR OUT.tar.gz          pack logs, versions and the doctor's report for "
-     "support,\n"
-     "                                        without secrets (--logs DIR, --max-size 20M, "
-     "--list,\n"
-     "                                        --force, --json)\n"},
+     "  zelctl bundle DIR OUT.tar.gz [--logs DIR] [--max-size 20M] [--force] [--list] [--json]\n"
+     "                                        pack logs, versions and the doctor's report,\n"
+     "                                        without secrets (--list: only show)\n"},
     {"cache list", ListCache,
      "  zelctl cache list DIR                 list the config cache of a client that does not run\n"
      "                                        (--values: with the values; --json)\n"},
