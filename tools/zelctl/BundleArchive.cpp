@@ -76,6 +76,7 @@ class Writer {
     if (!m_archive) throw std::bad_alloc();
     Check(::archive_write_set_format_pax_restricted(m_archive.get()));
     Check(::archive_write_add_filter_gzip(m_archive.get()));
+    Check(::archive_write_set_bytes_in_last_block(m_archive.get(), 1));  // no padding
     Check(::archive_write_open(m_archive.get(), this, nullptr, &Writer::Take, nullptr));
   }
 

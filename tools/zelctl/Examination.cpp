@@ -77,7 +77,8 @@ void Examination::ExamineModes() {
          *file.name == '\0' ? "." : file.name,
          "its mode " + Octal(mode) + " lets other users in",
          "It was copied, restored or changed by hand.",
-         "Run zelctl doctor with --repair, or: chmod " + Octal(mode & file.mode),
+         "Run zelctl doctor with --repair, or: chmod " + Octal(mode & file.mode) + " " +
+             (*file.name == '\0' ? "." : file.name),
          Repair::kCloseMode,
          {file.name}});
   }
