@@ -40,7 +40,7 @@ constexpr char kTuneSql[] = "PRAGMA synchronous = NORMAL; PRAGMA journal_size_li
 constexpr char kLeaveLogSql[] =
     "PRAGMA locking_mode = EXCLUSIVE; SELECT COUNT(*) FROM sqlite_master; PRAGMA journal_mode = "
     "DELETE;";
-// Lets others in with the next read, unless the log is still there.
+// Lets others in.
 constexpr char kShareSql[] = "PRAGMA locking_mode = NORMAL; SELECT COUNT(*) FROM sqlite_master;";
 constexpr char kLogSuffix[] = "-wal";
 constexpr char kIndexSuffix[] = "-shm";
@@ -303,8 +303,8 @@ sqlite3* SQLiteDB::GetDBConnection() {
     return nullptr;
   }
   if (!key.empty()) Key(key);
-  (void)Run(second, kLeaveLogSql);  // every operation tells by itself
-  (void)Run(second, kShareSql);
+  // Otherwise, as on a full disk, it stays alone and can at least be read.
+  if (Run(second, kLeaveLogSql) == SQLITE_OK) (void)Run(second, kShareSql);
   return second;
 }
 
