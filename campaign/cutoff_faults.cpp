@@ -1,0 +1,219 @@
+// Fails each call of the system in turn - the first, the second, and so on until the host's run
+// no longer comes to it - once and from there on, in a first and in a later start.
+#include <errno.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cutoff.h"
+#include "support/TempDir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using campaign::HostEnd;
+using campaign::HostRun;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kRunsAtOnce = 4;  // most of a run with a fault is waiting
+constexpr unsigned int kFirstSeed = 1;
+constexpr unsigned int kSecondSeed = 2;
+constexpr unsigned int kStride = 61;  // allocations are many: all of the run is seen early
+
+struct Kind {
+  const char* name;
+  int error;
+};
+
+constexpr Kind kKinds[] = {{"write", ENOSPC}, {"sync", EIO},      {"rename", EIO},
+                           {"open", EMFILE},  {"remove", EACCES}, {"mkdir", ENOSPC},
+                           {"truncate", EIO}, {"thread", EAGAIN}, {"alloc", ENOMEM}};
+
+struct Case {
+  const Kind* kind;
+  std::string mode;
+  bool later;  // a start on what an earlier one has made
+  long number;
+
+  std::string Faults() const {
+    return std::string(kind->name) + " " + mode + " " + std::to_string(number) + " " +
+           std::to_string(kind->error);
+  }
+  std::string Name() const {
+    return std::string(later ? "later" : "first") + "," + kind->name + "," + mode + "," +
+           std::to_string(number);
+  }
+};
+
+HostRun Work(unsigned int seed, const std::string& faults) {
+  HostRun run;
+  run.seed = seed;
+  run.faults = faults;
+  return run;
+}
+
+// What the run itself did wrong; losses show after it.
+std::string WrongIn(const HostEnd& end, const std::string& data) {
+  if (end.hung) return " hangs;";
+  if (end.status == 0) return {};
+  const std::string said = support::ReadWholeFile(data + ".stderr");
+  return " ends with " + std::to_string(end.status) + " " + said.substr(0, said.find('\n')) + ";";
+}
+
+class Campaign {
+ public:
+  explicit Campaign(const campaign::Options& options)
+      : m_options(options), m_ends(Clock::now() + std::chrono::seconds(options.seconds)) {}
+
+  int Run() {
+    MakeTemplate();
+    if (m_options.only.empty()) {
+      PlanAll();
+    } else {
+      PlanOne();
+    }
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kRunsAtOnce; ++i) threads.emplace_back([this] { TakeCases(); });
+    for (std::thread& thread : threads) thread.join();
+    return Report();
+  }
+
+ private:
+  void MakeTemplate() {
+    m_template = m_dir.File("template");
+    fs::create_directories(m_template + "/log");
+    m_templateEnd = RunHost(m_template, Work(kFirstSeed, ""));
+  }
+
+  // The calls of a kind that a run without a fault makes; a few more may come with one.
+  long CallsOf(const Kind& kind, bool later) {
+    const std::string data = m_dir.File("count");
+    Prepare(data, later);
+    const std::string never = std::string(kind.name) + " once 1000000000 5";
+    const HostEnd end = RunHost(data, Work(kSecondSeed, never));
+    fs::remove_all(data);
+    for (const std::string& line : end.lines) {
+      if (line[0] == 'N') return std::atol(line.c_str() + 1) * 21 / 20 + 2;
+    }
+    return 0;
+  }
+
+  void Prepare(const std::string& data, bool later) const {
+    if (later) {
+      fs::copy(m_template, data, fs::copy_options::recursive);
+    } else {
+      fs::create_directories(data + "/log");
+    }
+  }
+
+  void PlanAll() {
+    for (const Kind& kind : kKinds) {
+      for (const bool later : {true, false}) {
+        const long calls = CallsOf(kind, later);
+        const bool many = kind.name == std::string("alloc");
+        const long stride = many ? kStride : 1;
+        for (long offset = 1; offset <= stride; ++offset) {
+          for (long number = offset; number <= calls; number += stride) {
+            m_cases.push_back({&kind, "once", later, number});
+            m_cases.push_back({&kind, "from", later, number});
+          }
+        }
+      }
+    }
+    // Both starts and all offsets of the allocations in turn.
+    const auto allocations = std::find_if(m_cases.begin(), m_cases.end(), [](const Case& c) {
+      return c.kind->name == std::string("alloc");
+    });
+    std::stable_sort(allocations, m_cases.end(), [](const Case& a, const Case& b) {
+      return (a.number - 1) % kStride < (b.number - 1) % kStride;
+    });
+  }
+
+  // "later,write,once,7", or with a kind alone all of it.
+  void PlanOne() {
+    std::string name = m_options.only;
+    std::replace(name.begin(), name.end(), ',', ' ');
+    std::istringstream words(name);
+    std::string start;
+    std::string kind;
+    std::string mode;
+    long number = 0;
+    words >> start >> kind >> mode >> number;
+    for (const Kind& known : kKinds) {
+      if (kind == known.name) m_cases.push_back({&known, mode, start == "later", number});
+    }
+  }
+
+  void TakeCases() {
+    for (std::size_t i; (i = m_next.fetch_add(1)) < m_cases.size() && Clock::now() < m_ends;) {
+      RunCase(m_cases[i], m_dir.File("case" + std::to_string(i)));
+    }
+  }
+
+  void RunCase(const Case& one, const std::string& data) {
+    Prepare(data, one.later);
+    campaign::Model model(data);
+    if (one.later) (void)model.Learn(m_templateEnd);
+    const HostEnd end = RunHost(data, Work(kSecondSeed, one.Faults()));
+    std::string wrong = WrongIn(end, data) + model.Learn(end);
+    // A disk that goes on refusing leaves events nowhere but in memory.
+    wrong += model.Check(one.mode == "once" && end.status == 0);
+    if (m_options.only.empty()) {
+      fs::remove_all(data);
+      fs::remove(data + ".stderr");
+    }
+    const std::lock_guard<std::mutex> hold(m_lock);
+    ++m_runs[one.kind->name];
+    if (wrong.empty()) return;
+    ++m_found[one.kind->name];
+    std::printf("finding: --only %s:%s\n", one.Name().c_str(), wrong.c_str());
+    std::fflush(stdout);
+  }
+
+  int Report() {
+    Json::Value result;
+    int findings = 0;
+    int runs = 0;
+    for (const Kind& kind : kKinds) {
+      const auto planned = std::count_if(m_cases.begin(), m_cases.end(),
+                                         [&](const Case& c) { return c.kind == &kind; });
+      std::printf("faults: %-8s %6d of %6d runs, %d findings\n", kind.name, m_runs[kind.name],
+                  static_cast<int>(planned), m_found[kind.name]);
+      result["kind"].append(kind.name);
+      result["planned"].append(static_cast<int>(planned));
+      result["run"].append(m_runs[kind.name]);
+      result["found"].append(m_found[kind.name]);
+      runs += m_runs[kind.name];
+      findings += m_found[kind.name];
+    }
+    result["what"] = "the N-th call of the system fails";
+    result["rounds"] = runs;
+    result["findings"] = findings;
+    WriteJson(m_options, result);
+    return findings == 0 ? 0 : 1;
+  }
+
+  const campaign::Options m_options;
+  const Clock::time_point m_ends;
+  support::TempDir m_dir;
+  std::string m_template;
+  HostEnd m_templateEnd;
+  std::vector<Case> m_cases;
+  std::atomic<std::size_t> m_next{0};
+  std::mutex m_lock;  // guards the two below
+  std::map<std::string, int> m_runs;
+  std::map<std::string, int> m_found;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) { return Campaign(campaign::ReadOptions(argc, argv)).Run(); }

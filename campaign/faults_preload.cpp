@@ -1,0 +1,219 @@
+// Calls of libc that fail, or end the process, at a chosen one of them.
+//
+// ZEL_FAULTS is "kind mode number errno". Counted are the calls of the kind, or of every kind but
+// alloc for "any", between zel_faults_arm(1) and zel_faults_arm(0), on all threads. Modes: "once"
+// fails the call of that number, "from" that one and all later ones, "kill" ends the process
+// before it, "torn" after half of what it writes. Sleeps are cut short, so that retries do not
+// take their time. A call that libc makes itself is not seen.
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#pragma GCC visibility push(default)
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+}
+
+namespace {
+
+constexpr long kSleepDivisor = 50;
+
+char g_kind[16];
+char g_mode[16];
+long g_number;
+int g_errno;
+std::atomic<bool> g_armed{false};
+std::atomic<long> g_calls{0};
+std::atomic<bool> g_fired{false};
+
+__attribute__((constructor)) void ReadSettings() {
+  const char* const text = getenv("ZEL_FAULTS");
+  if (text == nullptr ||
+      sscanf(text, "%15s %15s %ld %d", g_kind, g_mode, &g_number, &g_errno) < 4) {
+    g_number = 0;
+  }
+}
+
+bool IsMode(const char* mode) { return strcmp(g_mode, mode) == 0; }
+
+[[noreturn]] void Die() {
+  for (;;) (void)kill(getpid(), SIGKILL);
+}
+
+bool Counts(const char* kind) {
+  if (g_number == 0 || !g_armed.load(std::memory_order_relaxed)) return false;
+  return strcmp(g_kind, kind) == 0 || (strcmp(g_kind, "any") == 0 && strcmp(kind, "alloc") != 0);
+}
+
+// True when this call is to fail. `torn`, where it can be, is set instead of ending the process.
+bool Fails(const char* kind, bool* torn = nullptr) {
+  if (!Counts(kind)) return false;
+  const long call = g_calls.fetch_add(1) + 1;
+  if (call < g_number || (call > g_number && !IsMode("from"))) return false;
+  g_fired.store(true);
+  if (IsMode("torn") && torn != nullptr) {
+    *torn = true;
+    return false;
+  }
+  if (IsMode("kill") || IsMode("torn")) Die();
+  errno = g_errno;
+  return true;
+}
+
+template <class F>
+F* Next(F* /*type*/, const char* name) {
+  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
+}
+
+// Runs libc's own `name` unless the call is to fail.
+template <class Result, class F, class... Args>
+Result Call(const char* kind, Result failed, F* self, const char* name, Args... args) {
+  if (Fails(kind)) return failed;
+  return Next(self, name)(args...);
+}
+
+ssize_t Write(int file, const void* data, size_t size, const off64_t* place) {
+  bool torn = false;
+  if (file > 2 && Fails("write", &torn)) return -1;
+  const size_t length = torn ? size / 2 : size;
+  const long written = place != nullptr ? syscall(SYS_pwrite64, file, data, length, *place)
+                                        : syscall(SYS_write, file, data, length);
+  if (torn) Die();
+  return written;
+}
+
+int Open(int directory, const char* path, int flags, mode_t mode) {
+  if (Fails("open")) return -1;
+  return static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
+}
+
+mode_t ModeOf(int flags, va_list args) {
+  return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
+}
+
+timespec Shortened(const timespec* time) {
+  const long long ns = (time->tv_sec * 1000000000LL + time->tv_nsec) / kSleepDivisor;
+  return {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+}
+
+}  // namespace
+
+extern "C" {
+
+void zel_faults_arm(int armed) { g_armed.store(armed != 0); }
+int zel_faults_fired() { return g_fired.load() ? 1 : 0; }
+long zel_faults_calls() { return g_calls.load(); }
+
+void* malloc(size_t size) noexcept { return Fails("alloc") ? nullptr : __libc_malloc(size); }
+void* calloc(size_t count, size_t size) noexcept {
+  return Fails("alloc") ? nullptr : __libc_calloc(count, size);
+}
+void* realloc(void* memory, size_t size) noexcept {
+  return Fails("alloc") ? nullptr : __libc_realloc(memory, size);
+}
+
+ssize_t write(int file, const void* data, size_t size) { return Write(file, data, size, nullptr); }
+ssize_t pwrite(int file, const void* data, size_t size, off_t place) {
+  return Write(file, data, size, &place);
+}
+ssize_t pwrite64(int file, const void* data, size_t size, off64_t place) {
+  return Write(file, data, size, &place);
+}
+ssize_t writev(int file, const iovec* parts, int count) {
+  if (Fails("write")) return -1;
+  return syscall(SYS_writev, file, parts, count);
+}
+size_t fwrite(const void* data, size_t size, size_t count, FILE* file) {
+  if (file == stderr || file == stdout) return Next(&fwrite, "fwrite")(data, size, count, file);
+  return Call("write", size_t{0}, &fwrite, "fwrite", data, size, count, file);
+}
+
+int open(const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const mode_t mode = ModeOf(flags, args);
+  va_end(args);
+  return Open(AT_FDCWD, path, flags, mode);
+}
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
+int openat(int directory, const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const mode_t mode = ModeOf(flags, args);
+  va_end(args);
+  return Open(directory, path, flags, mode);
+}
+int openat64(int directory, const char* path, int flags, ...) __attribute__((alias("openat")));
+int __open_2(const char* path, int flags) { return Open(AT_FDCWD, path, flags, 0); }
+int __open64_2(const char* path, int flags) { return Open(AT_FDCWD, path, flags, 0); }
+int __openat_2(int directory, const char* path, int flags) {
+  return Open(directory, path, flags, 0);
+}
+int creat(const char* path, mode_t mode) {
+  return Open(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC, mode);
+}
+FILE* fopen(const char* path, const char* mode) {
+  return Call("open", static_cast<FILE*>(nullptr), &fopen, "fopen", path, mode);
+}
+
+int fsync(int file) { return Fails("sync") ? -1 : static_cast<int>(syscall(SYS_fsync, file)); }
+int fdatasync(int file) {
+  return Fails("sync") ? -1 : static_cast<int>(syscall(SYS_fdatasync, file));
+}
+int ftruncate(int file, off_t length) noexcept {
+  return Fails("truncate") ? -1 : static_cast<int>(syscall(SYS_ftruncate, file, length));
+}
+int ftruncate64(int file, off64_t length) noexcept {
+  return Fails("truncate") ? -1 : static_cast<int>(syscall(SYS_ftruncate, file, length));
+}
+int rename(const char* from, const char* to) noexcept {
+  return Fails("rename") ? -1 : static_cast<int>(syscall(SYS_rename, from, to));
+}
+int renameat(int fromDirectory, const char* from, int toDirectory, const char* to) noexcept {
+  if (Fails("rename")) return -1;
+  return static_cast<int>(syscall(SYS_renameat, fromDirectory, from, toDirectory, to));
+}
+int unlink(const char* path) noexcept {
+  return Fails("remove") ? -1 : static_cast<int>(syscall(SYS_unlink, path));
+}
+int unlinkat(int directory, const char* path, int flags) noexcept {
+  if (Fails("remove")) return -1;
+  return static_cast<int>(syscall(SYS_unlinkat, directory, path, flags));
+}
+int remove(const char* path) noexcept { return Call("remove", -1, &remove, "remove", path); }
+int mkdir(const char* path, mode_t mode) noexcept {
+  return Fails("mkdir") ? -1 : static_cast<int>(syscall(SYS_mkdir, path, mode));
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*entry)(void*),
+                   void* arg) noexcept {
+  return Call("thread", g_errno, &pthread_create, "pthread_create", thread, attr, entry, arg);
+}
+
+int nanosleep(const timespec* time, timespec* rest) {
+  const timespec shortened = Shortened(time);
+  return static_cast<int>(syscall(SYS_nanosleep, &shortened, rest));
+}
+int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* rest) {
+  const timespec shortened = (flags & TIMER_ABSTIME) != 0 ? *time : Shortened(time);
+  const long result = syscall(SYS_clock_nanosleep, clock, flags, &shortened, rest);
+  return result == 0 ? 0 : errno;
+}
+
+}  // extern "C"
