@@ -7,8 +7,10 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <mutex>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -24,10 +26,10 @@ using campaign::HostEnd;
 using campaign::HostRun;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kRunsAtOnce = 4;  // most of a run with a fault is waiting
+constexpr int kRunsAtOnce = 6;  // most of a run with a fault is waiting
 constexpr unsigned int kFirstSeed = 1;
 constexpr unsigned int kSecondSeed = 2;
-constexpr unsigned int kStride = 61;  // allocations are many: all of the run is seen early
+constexpr int kMoreCalls = 10;  // a run with a fault may make some more than one without
 
 struct Kind {
   const char* name;
@@ -37,6 +39,8 @@ struct Kind {
 constexpr Kind kKinds[] = {{"write", ENOSPC}, {"sync", EIO},      {"rename", EIO},
                            {"open", EMFILE},  {"remove", EACCES}, {"mkdir", ENOSPC},
                            {"truncate", EIO}, {"thread", EAGAIN}, {"alloc", ENOMEM}};
+
+constexpr const Kind* kAllocations = std::end(kKinds) - 1;
 
 struct Case {
   const Kind* kind;
@@ -94,17 +98,20 @@ class Campaign {
     m_templateEnd = RunHost(m_template, Work(kFirstSeed, ""));
   }
 
-  // The calls of a kind that a run without a fault makes; a few more may come with one.
-  long CallsOf(const Kind& kind, bool later) {
-    const std::string data = m_dir.File("count");
+  // The calls of a kind that a run without a fault makes. Of the allocations, which are many, the
+  // first of each place that allocates.
+  std::vector<long> CallsOf(const Kind& kind, bool later) {
+    const std::string data = m_dir.File("list");
     Prepare(data, later);
-    const std::string never = std::string(kind.name) + " once 1000000000 5";
-    const HostEnd end = RunHost(data, Work(kSecondSeed, never));
+    const HostEnd end = RunHost(data, Work(kSecondSeed, std::string(kind.name) + " list -1 0"));
     fs::remove_all(data);
+    std::vector<long> calls;
     for (const std::string& line : end.lines) {
-      if (line[0] == 'N') return std::atol(line.c_str() + 1) * 21 / 20 + 2;
+      if (line[0] == 'N') calls.push_back(std::atol(line.c_str() + 1));
     }
-    return 0;
+    if (calls.empty() || &kind == kAllocations) return calls;
+    for (int i = 0; i < kMoreCalls; ++i) calls.push_back(calls.back() + 1);
+    return calls;
   }
 
   void Prepare(const std::string& data, bool later) const {
@@ -118,24 +125,14 @@ class Campaign {
   void PlanAll() {
     for (const Kind& kind : kKinds) {
       for (const bool later : {true, false}) {
-        const long calls = CallsOf(kind, later);
-        const bool many = kind.name == std::string("alloc");
-        const long stride = many ? kStride : 1;
-        for (long offset = 1; offset <= stride; ++offset) {
-          for (long number = offset; number <= calls; number += stride) {
-            m_cases.push_back({&kind, "once", later, number});
-            m_cases.push_back({&kind, "from", later, number});
-          }
+        for (const long number : CallsOf(kind, later)) {
+          m_cases.push_back({&kind, "once", later, number});
+          m_cases.push_back({&kind, "from", later, number});
         }
       }
     }
-    // Both starts and all offsets of the allocations in turn.
-    const auto allocations = std::find_if(m_cases.begin(), m_cases.end(), [](const Case& c) {
-      return c.kind->name == std::string("alloc");
-    });
-    std::stable_sort(allocations, m_cases.end(), [](const Case& a, const Case& b) {
-      return (a.number - 1) % kStride < (b.number - 1) % kStride;
-    });
+    // So that a short run sees some of everything.
+    std::shuffle(m_cases.begin(), m_cases.end(), std::minstd_rand(m_options.seed));
   }
 
   // "later,write,once,7", or with a kind alone all of it.

@@ -1,7 +1,8 @@
 // The host that is cut off: campaign_cutoff_host work|check DIRECTORY SEED ROUNDS. It tells on
 // standard output, a line each, what it is about to do (M, with the value that a key may then
 // have) and what is done for good (A a row, D a deleted one, E an event), what it found in the
-// database (R), how the initialisation and the end went (I, X), and what a door threw (T).
+// database (R), how the initialisation and the end went (I, X), what a door threw (T), and
+// the calls that came from new places (N).
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,7 +29,7 @@
 extern "C" {
 __attribute__((weak)) void zel_faults_arm(int armed);
 __attribute__((weak)) int zel_faults_fired();
-__attribute__((weak)) long zel_faults_calls();
+__attribute__((weak)) long zel_faults_place(std::size_t index);
 }
 
 namespace {
@@ -256,6 +257,8 @@ int main(int argc, char** argv) {
   }
   host.End();
   Arm(0);
-  if (zel_faults_calls != nullptr) Tell("N %ld\n", zel_faults_calls());
+  if (zel_faults_place == nullptr) return 0;
+  long call = 0;
+  for (std::size_t i = 0; (call = zel_faults_place(i)) != 0; ++i) Tell("N %ld\n", call);
   return 0;
 }

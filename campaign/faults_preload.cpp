@@ -3,10 +3,12 @@
 // ZEL_FAULTS is "kind mode number errno". Counted are the calls of the kind, or of every kind but
 // alloc for "any", between zel_faults_arm(1) and zel_faults_arm(0), on all threads. Modes: "once"
 // fails the call of that number, "from" that one and all later ones, "kill" ends the process
-// before it, "torn" after half of what it writes. Sleeps are cut short, so that retries do not
-// take their time. A call that libc makes itself is not seen.
+// before it, "torn" after half of what it writes, "list" fails none and keeps their numbers, of
+// the allocations the first of each place, told by the innermost callers. Sleeps are cut short, so
+// that retries do not take their time. A call that libc makes itself is not seen.
 #include <dlfcn.h>
 #include <errno.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -21,6 +23,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 
 #pragma GCC visibility push(default)
 
@@ -33,6 +36,8 @@ void* __libc_realloc(void* memory, size_t size);
 namespace {
 
 constexpr long kSleepDivisor = 50;
+constexpr int kCallers = 10;
+constexpr size_t kPlaces = 65536;  // a power of 2, and many more than there are
 
 char g_kind[16];
 char g_mode[16];
@@ -41,6 +46,10 @@ int g_errno;
 std::atomic<bool> g_armed{false};
 std::atomic<long> g_calls{0};
 std::atomic<bool> g_fired{false};
+std::atomic<uint64_t> g_places[kPlaces];  // hashes of those seen
+std::atomic<long> g_placeCalls[kPlaces];  // the first call of each, in their order
+std::atomic<size_t> g_placeCount{0};
+__attribute__((tls_model("initial-exec"))) thread_local bool g_looking;  // the unwinder allocates
 
 __attribute__((constructor)) void ReadSettings() {
   const char* const text = getenv("ZEL_FAULTS");
@@ -50,21 +59,48 @@ __attribute__((constructor)) void ReadSettings() {
   }
 }
 
+bool IsKind(const char* kind, const char* wanted) { return strcmp(kind, wanted) == 0; }
 bool IsMode(const char* mode) { return strcmp(g_mode, mode) == 0; }
 
 [[noreturn]] void Die() {
   for (;;) (void)kill(getpid(), SIGKILL);
 }
 
+uint64_t PlaceOfCall() {
+  void* callers[kCallers];
+  g_looking = true;
+  const int count = backtrace(callers, kCallers);
+  g_looking = false;
+  uint64_t hash = 1;
+  for (int i = 0; i < count; ++i) {
+    hash = (hash ^ reinterpret_cast<uintptr_t>(callers[i])) * 0x9E3779B97F4A7C15U;
+    hash ^= hash >> 29;
+  }
+  return hash | 1;
+}
+
+void KeepCall(long call, uint64_t place) {
+  for (size_t i = place >> 20;; ++i) {
+    uint64_t found = 0;
+    if (g_places[i % kPlaces].compare_exchange_strong(found, place)) break;
+    if (found == place) return;
+  }
+  g_placeCalls[g_placeCount.fetch_add(1) % kPlaces].store(call);
+}
+
 bool Counts(const char* kind) {
-  if (g_number == 0 || !g_armed.load(std::memory_order_relaxed)) return false;
-  return strcmp(g_kind, kind) == 0 || (strcmp(g_kind, "any") == 0 && strcmp(kind, "alloc") != 0);
+  if (g_number == 0 || !g_armed.load(std::memory_order_relaxed) || g_looking) return false;
+  return IsKind(g_kind, kind) || (IsKind(g_kind, "any") && !IsKind(kind, "alloc"));
 }
 
 // True when this call is to fail. `torn`, where it can be, is set instead of ending the process.
 bool Fails(const char* kind, bool* torn = nullptr) {
   if (!Counts(kind)) return false;
   const long call = g_calls.fetch_add(1) + 1;
+  if (IsMode("list")) {
+    KeepCall(call, IsKind(kind, "alloc") ? PlaceOfCall() : static_cast<uint64_t>(call));
+    return false;
+  }
   if (call < g_number || (call > g_number && !IsMode("from"))) return false;
   g_fired.store(true);
   if (IsMode("torn") && torn != nullptr) {
@@ -118,7 +154,10 @@ extern "C" {
 
 void zel_faults_arm(int armed) { g_armed.store(armed != 0); }
 int zel_faults_fired() { return g_fired.load() ? 1 : 0; }
-long zel_faults_calls() { return g_calls.load(); }
+// The first call of the place of that index; 0 behind the last.
+long zel_faults_place(size_t index) {
+  return index < g_placeCount.load() ? g_placeCalls[index].load() : 0;
+}
 
 void* malloc(size_t size) noexcept { return Fails("alloc") ? nullptr : __libc_malloc(size); }
 void* calloc(size_t count, size_t size) noexcept {

@@ -245,9 +245,10 @@ std::string ECSUtil::GetDBKeySalt() const {
 void ECSUtil::WriteLocalConfigGUID(const std::string& line) const {
   const std::string path = GetConfigPath();
   if (PRAX_ReplaceFile(path.c_str(), line.data(), line.size(), kSaltFileMode) == 0) return;
-  // A directory that takes no new file may still let its old one be written. Failures stay
-  // silent: the next start makes a new secret.
-  {
+  // A directory that takes no new file may still let its old one be written. What holds the line
+  // already is left alone: on a full disk it would be emptied. Failures stay silent: the next
+  // start makes a new secret.
+  if (GetDBKeySalt() != line) {
     const FileHandle file(PRAX_Fopen(path.c_str(), "wb"));
     if (file != nullptr) (void)PRAX_Fwrite(line.data(), 1, line.size(), file.get());
   }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <random>
 
@@ -125,6 +126,17 @@ TEST_F(ECSDataTest, ASaltFileThatCannotBeReplacedIsWrittenInPlace) {
   m_ecs.WriteLocalConfigGUID("other|salt");  // in vain, and without a word
   EXPECT_EQ(ReadWholeFile(SaltFile()), "line|salt");
   EXPECT_TRUE(support::LogLines().empty());
+}
+
+// The line is written anew at every start: a full disk then emptied the file, and the rows were
+// lost.
+TEST_F(ECSDataTest, ASaltFileThatHoldsTheLineIsNotOpenedForWritingWhenItCannotBeReplaced) {
+  m_ecs.WriteLocalConfigGUID("line|salt");
+  const auto written = std::filesystem::last_write_time(SaltFile()) - std::chrono::hours(1);
+  std::filesystem::last_write_time(SaltFile(), written);
+  PRAX_Ref_FailNext(PRAX_REF_REPLACE_FILE, 1, ENOSPC);
+  m_ecs.WriteLocalConfigGUID("line|salt");
+  EXPECT_EQ(std::filesystem::last_write_time(SaltFile()), written);
 }
 
 TEST_F(ECSDataTest, TheSaltFileHoldsTheLineAloneAndIsReadableForOwnerAndGroup) {
