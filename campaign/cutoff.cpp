@@ -212,6 +212,9 @@ std::string Model::CheckEvents() {
 
 std::string Model::CheckFiles() const {
   std::string wrong;
+  if (ReadIfThere(m_directory + "/sdkcache.db").rfind("SQLite format 3", 0) == 0) {
+    wrong += " the database is not encrypted;";
+  }
   for (const auto& entry : fs::recursive_directory_iterator(m_directory)) {
     const std::string name = fs::relative(entry.path(), m_directory).string();
     if (!std::regex_match(name, Expected())) wrong += " " + name + " is left behind;";

@@ -29,6 +29,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kRunsAtOnce = 6;  // most of a run with a fault is waiting
 constexpr unsigned int kFirstSeed = 1;
 constexpr unsigned int kSecondSeed = 2;
+constexpr unsigned long kLastTurn = 1000000;
+constexpr unsigned long kAllocationShare = 6;  // so many times more of them than of all others
 constexpr int kMoreCalls = 10;  // a run with a fault may make some more than one without
 
 struct Kind {
@@ -47,6 +49,7 @@ struct Case {
   std::string mode;
   bool later;  // a start on what an earlier one has made
   long number;
+  unsigned long turn = 0;
 
   std::string Faults() const {
     return std::string(kind->name) + " " + mode + " " + std::to_string(number) + " " +
@@ -70,7 +73,7 @@ std::string WrongIn(const HostEnd& end, const std::string& data) {
   if (end.hung) return " hangs;";
   if (end.status == 0) return {};
   const std::string said = support::ReadWholeFile(data + ".stderr");
-  return " ends with " + std::to_string(end.status) + " " + said.substr(0, said.find('\n')) + ";";
+  return " ends with " + std::to_string(end.status) + " " + said.substr(0, said.find("lib")) + ";";
 }
 
 class Campaign {
@@ -131,8 +134,13 @@ class Campaign {
         }
       }
     }
-    // So that a short run sees some of everything.
-    std::shuffle(m_cases.begin(), m_cases.end(), std::minstd_rand(m_options.seed));
+    // So that a short run sees some of everything, and of the allocations no more than of the rest.
+    std::minstd_rand random(m_options.seed);
+    for (Case& one : m_cases) {
+      one.turn = random() % (one.kind == kAllocations ? kLastTurn : kLastTurn / kAllocationShare);
+    }
+    std::sort(m_cases.begin(), m_cases.end(),
+              [](const Case& a, const Case& b) { return a.turn < b.turn; });
   }
 
   // "later,write,once,7", or with a kind alone all of it.

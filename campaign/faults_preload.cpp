@@ -37,6 +37,7 @@ namespace {
 
 constexpr long kSleepDivisor = 50;
 constexpr int kCallers = 10;
+constexpr int kFatalCallers = 40;
 constexpr size_t kPlaces = 65536;  // a power of 2, and many more than there are
 
 char g_kind[16];
@@ -51,7 +52,20 @@ std::atomic<long> g_placeCalls[kPlaces];  // the first call of each, in their or
 std::atomic<size_t> g_placeCount{0};
 __attribute__((tls_model("initial-exec"))) thread_local bool g_looking;  // the unwinder allocates
 
+// Says where on standard error, then lets the signal do what it does.
+void OnFatal(int number) {
+  g_armed.store(false);
+  void* callers[kFatalCallers];
+  backtrace_symbols_fd(callers, backtrace(callers, kFatalCallers), STDERR_FILENO);
+  (void)signal(number, SIG_DFL);
+  (void)raise(number);
+}
+
 __attribute__((constructor)) void ReadSettings() {
+  void* caller[1];
+  (void)backtrace(caller, 1);  // loads the unwinder, which allocates
+  (void)signal(SIGABRT, OnFatal);
+  (void)signal(SIGSEGV, OnFatal);
   const char* const text = getenv("ZEL_FAULTS");
   if (text == nullptr ||
       sscanf(text, "%15s %15s %ld %d", g_kind, g_mode, &g_number, &g_errno) < 4) {

@@ -3,6 +3,8 @@
 #include <functional>
 
 #include "publicInc/CommonUtilManager.h"
+#include "publicInc/ResultCode.h"
+#include "util/Boundary.h"
 #include "util/Log.h"
 #include "util/MsgMgr.h"
 #include "zel_platform/securec.h"
@@ -26,7 +28,8 @@ CommonUtil& CommonUtil::getInst() {
 
 int CommonUtil::InitCommonUtil(const tagZelUtilInitParam& param, GlobalCallback* callback) {
   const std::function<int()> command = [&param, callback] {
-    return CommonUtilManager::GetInstance().InitCommonUtil(param, callback);
+    return AtBoundary(
+        kFailed, [&] { return CommonUtilManager::GetInstance().InitCommonUtil(param, callback); });
   };
   return MsgMainThreadMgrHandler::GetInst().PushCmd(command, kInitCommandName);
 }

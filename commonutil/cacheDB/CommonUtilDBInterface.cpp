@@ -10,6 +10,7 @@
 #include "util/Boundary.h"
 #include "util/Log.h"
 #include "util/MsgMgr.h"
+#include "util/ScopeGuard.h"
 #include "util/SecureWipe.h"
 #include "zel_platform/prax.h"
 #include "zel_platform/track.h"
@@ -59,6 +60,12 @@ int StartKeyManagement() {
   }
 }
 
+// A text that does not decrypt for want of memory may do so the next time.
+std::string DecryptSecret(const std::string& cipherHex) {
+  std::string random = ECSUtil::GetInst().DecryptZorm(cipherHex);
+  return random.empty() ? ECSUtil::GetInst().DecryptZorm(cipherHex) : random;
+}
+
 // Takes secret and salt from the line of the salt file, which is written once more.
 bool TakeStoredSecret(const std::string& line) {
   if (line.empty()) {
@@ -70,7 +77,7 @@ bool TakeStoredSecret(const std::string& line) {
     ZEL_LOG_MILESTONE(kError) << "localDBKey error!";
     return false;
   }
-  std::string random = ECSUtil::GetInst().DecryptZorm(line.substr(0, separator));
+  std::string random = DecryptSecret(line.substr(0, separator));
   const WipeGuard wipe(random);
   if (random.empty()) {
     ZEL_LOG_MILESTONE(kError) << "DecryptZorm dbRandom failed!";
@@ -95,13 +102,17 @@ int MakeNewSecret() {
   return kOk;
 }
 
-// Opens the database with the derived key. One that does not open is made anew.
+// Opens the database with the derived key. One that does not open is made anew, but not when the
+// machine was at fault: it would cost all entries.
 bool OpenDatabase(const std::string& file) {
   std::string key = ECSUtil::GetInst().GetPwdKeyFromORB();
   const WipeGuard wipe(key);
   ECSUtil::GetInst().ForgetSecret();
+  if (key.empty()) return false;  // without one the database would not be encrypted
   ECSData& data = ECSData::GetInst();
-  if (!data.CheckSDKCacheDB(file, key)) (void)data.FinalizeSDKCacheDB(file);  // always true
+  if (!data.CheckSDKCacheDB(file, key) && !data.IsUnknown()) {
+    (void)data.FinalizeSDKCacheDB(file);  // always true
+  }
   return data.InitializeSDKCaCheDB(file, key);
 }
 
@@ -156,7 +167,10 @@ SqliteInterfaceManager& SqliteInterfaceManager::GetInst() {
 
 int SqliteInterfaceManager::InitDB(const std::string& dbPath, const std::string& logPath) {
   MutexLock lock(m_initLock);
-  return InitDBLocked(dbPath, logPath);
+  ScopeGuard thrown([] { (void)ECSUtil::GetInst().StopZORM(); });  // the exception tells
+  const int rc = InitDBLocked(dbPath, logPath);
+  thrown.Dismiss();
+  return rc;
 }
 
 int SqliteInterfaceManager::InitDBLocked(const std::string& dbPath, const std::string& logPath) {
@@ -195,7 +209,13 @@ int SqliteInterfaceManager::InitDBLocked(const std::string& dbPath, const std::s
 }
 
 int SqliteInterfaceManager::CheckDBSaltKey() {
-  return TakeStoredSecret(ECSUtil::GetInst().GetDBKeySalt()) ? kOk : MakeNewSecret();
+  std::string line;
+  if (!ECSUtil::GetInst().ReadDBKeySalt(line)) {
+    ZEL_LOG_MILESTONE(kError)
+        << "the salt file cannot be read";  // a new one would cost all entries
+    return kFailed;
+  }
+  return TakeStoredSecret(line) ? kOk : MakeNewSecret();
 }
 
 void SqliteInterfaceManager::SingleAddConfigCache(const ZelConfigCache& entry) {
@@ -296,7 +316,9 @@ constexpr char kBatchAddName[] = "int CallBackBatchAddConfigCache(const void *, 
 
 int PushBatchAdd(const commonutil::ZelConfigCache* entries, int count) {
   const std::function<int()> add = [entries, count] {
-    return commonutil::SqliteInterfaceManager::GetInst().BatchAddConfigCache(entries, count);
+    return commonutil::AtBoundary(commonutil::kFailed, [&] {
+      return commonutil::SqliteInterfaceManager::GetInst().BatchAddConfigCache(entries, count);
+    });
   };
   return commonutil::MsgMainThreadMgrHandler::GetInst().PushCmd(add, kBatchAddName);
 }

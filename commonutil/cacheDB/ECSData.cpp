@@ -71,6 +71,12 @@ bool ECSData::CheckSDKCacheDB(std::string dbFile, std::string key) {
   return false;
 }
 
+bool ECSData::IsUnknown() const {
+  const auto storage = DataStorageMgr::GetInst().ShareDataStorage(kCacheDbName);
+  const auto* const database = dynamic_cast<const SQLiteDB*>(storage.get());
+  return database != nullptr && database->IsProbeVoid();
+}
+
 bool ECSData::FinalizeSDKCacheDB(std::string dbFile) const {
   DataStorageMgr& registry = DataStorageMgr::GetInst();
   if (const auto storage = registry.ShareDataStorage(kCacheDbName)) storage->Close();

@@ -52,6 +52,8 @@ class ECSUtil {
 
   // The line of the salt file, up to 639 bytes of it.
   std::string GetDBKeySalt() const;
+  // The same; false when there is a file that cannot be read.
+  [[nodiscard]] bool ReadDBKeySalt(std::string& line) const;
   // Replaces the salt file; a crash leaves either the old line or the new one.
   void WriteLocalConfigGUID(const std::string& line) const;
   // Writes `line` and keeps what it stands for.
@@ -87,6 +89,9 @@ class ECSData {
   bool InitializeSDKCaCheDB(std::string dbFile, std::string key);
   // Whether the file is there and opens with `key`.
   bool CheckSDKCacheDB(std::string dbFile, std::string key);
+  // Whether CheckSDKCacheDB failed last for want of something of the machine: the file may be
+  // sound.
+  bool IsUnknown() const;
   // Closes, unregisters and deletes the database. True also when the file stays.
   bool FinalizeSDKCacheDB(std::string dbFile) const;
 

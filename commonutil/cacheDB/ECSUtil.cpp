@@ -233,13 +233,21 @@ std::string ECSUtil::DecryptZorm(const std::string& cipherHex) const {
 }
 
 std::string ECSUtil::GetDBKeySalt() const {
-  const std::string path = GetConfigPath();
-  if (!Exists(path)) return {};
-  const FileHandle file(PRAX_Fopen(path.c_str(), "rb"));
-  if (file == nullptr) return {};
-  char line[kSaltLineBytes] = {};
-  if (std::fgets(line, sizeof line, file.get()) == nullptr) return {};
+  std::string line;
+  (void)ReadDBKeySalt(line);
   return line;
+}
+
+bool ECSUtil::ReadDBKeySalt(std::string& line) const {
+  line.clear();
+  const std::string path = GetConfigPath();
+  if (!Exists(path)) return true;
+  const FileHandle file(PRAX_Fopen(path.c_str(), "rb"));
+  if (file == nullptr) return false;
+  char text[kSaltLineBytes] = {};
+  if (std::fgets(text, sizeof text, file.get()) == nullptr) return std::ferror(file.get()) == 0;
+  line = text;
+  return true;
 }
 
 void ECSUtil::WriteLocalConfigGUID(const std::string& line) const {

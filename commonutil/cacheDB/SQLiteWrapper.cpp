@@ -129,6 +129,18 @@ bool IsPassed(int result) {
   return result == SQLITE_OK || result == SQLITE_BUSY || result == SQLITE_LOCKED;
 }
 
+bool IsFaultOfMachine(int result) {
+  switch (result & 0xff) {  // extended codes keep the plain one there
+    case SQLITE_NOMEM:
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 RecursiveMutex& SQLiteDB::m_decLock = *new RecursiveMutex;
@@ -223,6 +235,7 @@ bool SQLiteDB::IsCanOpen() {
     ZEL_LOG_MILESTONE(kWarning) << "Close the db, and the result is nRet: " << result
                                 << ", closeRet: " << closeResult;
     ZEL_LOG_MILESTONE(kInfo) << "Fail to open the db";
+    m_probeVoid.store(IsFaultOfMachine(result));
     return false;
   }
   if (key.empty()) {
@@ -236,8 +249,8 @@ bool SQLiteDB::IsCanOpen() {
 // Closes `probe`.
 bool SQLiteDB::ProbeWithKey(sqlite3* probe) {
   ZEL_LOG_MILESTONE(kInfo) << "IsCanOpen, key = " << key;
-  (void)ApplyKey(probe, key);  // succeeds for a wrong key too; the statement tells
-  int result = Run(probe, kProbeSql);
+  int result = ApplyKey(probe, key);  // succeeds for a wrong key too; the statement tells
+  if (result == SQLITE_OK) result = Run(probe, kProbeSql);
   if (sqlite3* const mended = Mended(probe, result); mended != probe) {
     probe = mended;
     result = Run(probe, kProbeSql);
@@ -246,6 +259,7 @@ bool SQLiteDB::ProbeWithKey(sqlite3* probe) {
     const int closeResult = sqlite3_close(probe);
     ZEL_LOG_MILESTONE(kWarning) << "Close the db, and the result is " << result
                                 << ", closeRet: " << closeResult;
+    m_probeVoid.store(IsFaultOfMachine(result));
     return false;
   }
   ZEL_LOG_MILESTONE(kWarning) << "Close the db, and the result is: " << result;
@@ -267,6 +281,7 @@ bool SQLiteDB::ConfirmProbe(sqlite3* probe, int result) {
   ZEL_LOG_MILESTONE(kInfo) << "Close the db, and the result is " << closeResult;
   if (!IsPassed(result)) {
     ZEL_LOG_MILESTONE(kInfo) << "Fail to open the db";
+    m_probeVoid.store(IsFaultOfMachine(result));
     return false;
   }
   m_decryptMap[dbPath] = kTested;

@@ -6,6 +6,7 @@
 // operation says. Any thread may call any operation.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <map>
@@ -94,6 +95,9 @@ class SQLiteDB : public IDataStorage {
   bool TestOpen() override;
   // A locked file counts as readable, and so does any openable file without a key.
   bool IsCanOpen() override;
+  // Whether it was memory, space or descriptors that IsCanOpen lacked last: it tells nothing about
+  // the file then.
+  bool IsProbeVoid() const { return m_probeVoid.load(); }
   void Key(const std::string& databaseKey) override;
   std::int64_t GetLastInsertRowId() override;
   std::string GetDBName() const override;
@@ -145,6 +149,7 @@ class SQLiteDB : public IDataStorage {
   // SQLite runs and the outcome is logged, so that no thread closes the shared connection
   // under another one's call; taken before SQLite's own lock of the connection.
   RecursiveMutex m_connectionLock;
+  std::atomic<bool> m_probeVoid{false};  // written by IsCanOpen
 
   // Paths that passed the probe with their key in this process (value 1). The lock is held
   // while the probe is confirmed, closed and logged. Never destroyed.

@@ -8,6 +8,7 @@
 
 #include "publicInc/CommonUtilManager.h"
 #include "publicInc/ResultCode.h"
+#include "util/Boundary.h"
 #include "util/FixedText.h"
 #include "util/Log.h"
 #include "util/MsgMgr.h"
@@ -53,8 +54,10 @@ int StoreInMemory(const ZelConfigCache& row) {
   return ZELCache::GetInstance()->Put(MemoryKey(row.key), std::make_shared<std::string>(row.value));
 }
 
+// A command that throws would end the process.
 int RunOnWorker(const std::function<int()>& command, const char* name) {
-  return MsgMainThreadMgrHandler::GetInst().PushCmd(command, name);
+  const std::function<int()> safe = [command] { return AtBoundary(kFailed, command); };
+  return MsgMainThreadMgrHandler::GetInst().PushCmd(safe, name);
 }
 
 void ReleaseQuery(ZelQueryConfigCache* query) {
@@ -113,7 +116,7 @@ CommonUtilPrivateManager& CommonUtilPrivateManager::getInst() {
 int CommonUtilPrivateManager::SingleAddConfigCache(const ZelConfigCache& row) {
   ZEL_LOG_DATA(kInfo) << "start, key = " << row.key;
   std::function<void()> command = [row] {
-    SqliteInterfaceManager::GetInst().SingleAddConfigCache(row);
+    AtBoundary([&] { SqliteInterfaceManager::GetInst().SingleAddConfigCache(row); });
   };
   MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), kSingleAddName);
   return StoreInMemory(row);

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "publicInc/ResultCode.h"
+#include "util/Boundary.h"
 #include "util/Log.h"
 
 namespace commonutil {
@@ -95,7 +96,7 @@ void ServiceHost::Serve() {
       m_unhandled = message;
       return;
     }
-    service->ProcessRecvMsg(message);
+    AtBoundary([&] { service->ProcessRecvMsg(message); });  // a request too many for the memory
     service->PrimaryStore().ReleaseRequest(message);
   }
   DropService();
