@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kHung{40};
+constexpr int kMoreStarts = 3;
 constexpr char kMemoryDirectory[] = "/dev/shm";
 constexpr char kEventMark[] = "cutoff";
 
@@ -171,6 +172,8 @@ std::string Model::Learn(const HostEnd& end) {
 
 std::string Model::Check(bool events) {
   std::string wrong = CheckStart() + CheckStart();
+  // A process may end while the library writes, and leave a journal to the next.
+  for (int i = 0; i < kMoreStarts && !CheckFiles().empty(); ++i) wrong += CheckStart();
   if (events) wrong += CheckEvents();
   return wrong + CheckFiles();
 }

@@ -43,7 +43,7 @@ class Model {
 
   // Takes what a run told. Returns what is wrong with the rows that it found, or "".
   std::string Learn(const HostEnd& end);
-  // Starts without a fault, twice, and looks at everything. Returns what is wrong, or "".
+  // Starts without a fault, twice or more, and looks at everything. Returns what is wrong, or "".
   // `events`: the confirmed events count too.
   std::string Check(bool events);
   bool Started() const { return m_started; }

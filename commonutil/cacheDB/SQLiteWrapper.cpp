@@ -218,6 +218,7 @@ void SQLiteDB::Key(const std::string& databaseKey) {
     return;
   }
   const int result = ApplyKey(db, databaseKey);
+  m_isKeyed = result == SQLITE_OK;
   ZEL_LOG_MILESTONE(kInfo) << "[" << dbName << "] sqlite3_key() = " << result;
   if (result != SQLITE_OK) {
     ZEL_LOG_MILESTONE(kError) << "[" << dbName << "] sqlite3_key() = " << result;
@@ -305,6 +306,7 @@ sqlite3* SQLiteDB::GetDBConnection() {
   if (!key.empty()) {
     ZEL_LOG_MILESTONE(kInfo) << "GetDBConnection, key = " << key;
     Key(key);
+    if (!m_isKeyed) return CloseUnkeyed();
   }
   if (TestOpen()) {
     ZEL_LOG_MILESTONE(kInfo) << "db file is not corrupted.";
@@ -318,9 +320,16 @@ sqlite3* SQLiteDB::GetDBConnection() {
     return nullptr;
   }
   if (!key.empty()) Key(key);
+  if (!key.empty() && !m_isKeyed) return CloseUnkeyed();
   // Otherwise, as on a full disk, it stays alone and can at least be read.
   if (Run(second, kLeaveLogSql) == SQLITE_OK) (void)Run(second, kShareSql);
   return second;
+}
+
+// A connection without its key would make a database that is not encrypted. Null.
+sqlite3* SQLiteDB::CloseUnkeyed() {
+  Close();
+  return nullptr;
 }
 
 sqlite3* SQLiteDB::AddConnection() {

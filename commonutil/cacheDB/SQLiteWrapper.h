@@ -137,6 +137,7 @@ class SQLiteDB : public IDataStorage {
   void DiscardForeignLog() const;
   sqlite3* Mended(sqlite3* probe, int result) const;
   sqlite3_stmt* Prepare(sqlite3* db, const std::string& sql) const;
+  sqlite3* CloseUnkeyed() ZEL_REQUIRES(m_connectionLock);
   bool ProbeWithKey(sqlite3* probe);
   bool ConfirmProbe(sqlite3* probe, int result);
 
@@ -149,7 +150,8 @@ class SQLiteDB : public IDataStorage {
   // SQLite runs and the outcome is logged, so that no thread closes the shared connection
   // under another one's call; taken before SQLite's own lock of the connection.
   RecursiveMutex m_connectionLock;
-  std::atomic<bool> m_probeVoid{false};  // written by IsCanOpen
+  bool m_isKeyed ZEL_GUARDED_BY(m_connectionLock) = false;  // whether the last Key succeeded
+  std::atomic<bool> m_probeVoid{false};                     // written by IsCanOpen
 
   // Paths that passed the probe with their key in this process (value 1). The lock is held
   // while the probe is confirmed, closed and logged. Never destroyed.

@@ -37,16 +37,17 @@ int MsgMainThreadMgr::PushCmd(std::function<int()> func, const std::string& name
   }
   if (ThisThread() == m_tid.load()) return func();
 
-  std::shared_future<std::int32_t> result;
+  std::shared_ptr<ThreadExec> command;
+  std::shared_future<std::int32_t> result;  // goes first: to break a promise takes memory
   try {
-    std::promise<std::int32_t> promise;
-    result = promise.get_future().share();
-    // The queue alone keeps the command: dropping it there must break the promise.
-    Push(std::make_shared<ThreadExec>(std::move(func), name, std::move(promise)));
+    command = std::make_shared<ThreadExec>(std::move(func), name, std::promise<std::int32_t>());
+    result = command->Result();
+    Push(command);
   } catch (const std::bad_alloc&) {
     ZEL_LOG(kWarning) << "pThreadExec new failed!";
     return kPushNoMemory;
   }
+  command.reset();  // the queue alone keeps it: dropping it there must break the promise
   try {
     return result.get();
   } catch (const std::future_error&) {  // dropped: the only error a command leaves here

@@ -89,6 +89,8 @@ class ThreadExec : public ThreadExecInterface {
              std::promise<std::int32_t> result)
       : ThreadExecInterface(name), m_func(std::move(func)), m_result(std::move(result)) {}
   void Exec() override { m_result.set_value(m_func()); }
+  // Once.
+  std::shared_future<std::int32_t> Result() { return m_result.get_future().share(); }
 
  private:
   const std::function<std::int32_t()> m_func;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -140,7 +141,11 @@ void TrackState::CommandEnded() {
 
 void TrackState::Start() {
   auto keeper = std::make_shared<Keeper>(m_current, m_previous);
-  std::thread([keeper] { keeper->Run(); }).detach();
+  try {
+    std::thread([keeper] { keeper->Run(); }).detach();
+  } catch (const std::system_error&) {  // the events matter more
+    return;
+  }
   const std::lock_guard<std::mutex> hold(m_lock);
   if (m_keeper != nullptr) m_keeper->Stop();
   if (m_ready) keeper->Ready(m_functions);

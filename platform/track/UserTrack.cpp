@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include "config/settings.h"
@@ -46,10 +47,14 @@ constexpr int kMaxDays = 7;
 constexpr std::uint64_t kBytesPerKb = 1024;
 constexpr std::int64_t kMsPerDay = std::int64_t{24} * 3600 * 1000;
 
+// Key management runs for a moment only: what fails once, for want of a descriptor say, is tried
+// again at once.
+constexpr int kOpenAttempts = 2;
+
 constexpr char kDroppedEvent[] = "track_dropped";
 constexpr char kSessionEvent[] = "track_session";
 
-void LogProblem(const std::string& text) {
+void LogProblem(const char* text) {
   LogStream::GetLogStream(kLogModule, LOGGER_LEVEL_ERROR, 0, "platform/track/UserTrack",
                           "LogProblem", __LINE__)
       << text;
@@ -130,8 +135,8 @@ int UserTrack::Start(const TrackOutput& output, const std::string& databaseDirec
       m_state.Start();
     }
   }
+  orb_zorm_on_started(&UserTrack::OnKeyManagementStarted);  // whatever becomes of the rest
   const int moved = Move(output);
-  orb_zorm_on_started(&UserTrack::OnKeyManagementStarted);
   const bool usable = !databaseDirectory.empty() &&
                       PrepareDirectoryOf(WithSlash(databaseDirectory) + kSpoolDirectory) == 0;
   OpenSpool();  // where the key is known from an earlier start
@@ -207,9 +212,22 @@ UserTrack::Sender UserTrack::MakeSender() const {
 }
 
 void UserTrack::OnKeyManagementStarted() {
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    try {
+      Instance().OpenSpool();
+    } catch (...) {  // no memory
+    }
+  }
+}
+
+// Without a thread the events are stored, and sent by a later process.
+std::shared_ptr<TrackUploader> UserTrack::StartUploader(const std::shared_ptr<TrackSpool>& spool) {
+  const Sender sender = MakeSender();
   try {
-    Instance().OpenSpool();
-  } catch (...) {  // no memory: the next start of key management tries again
+    return std::make_shared<TrackUploader>(spool, sender.transport, sender.options);
+  } catch (const std::system_error&) {
+    LogProblem("track: no thread can be started; events are kept and not sent");
+    return nullptr;
   }
 }
 
@@ -222,14 +240,13 @@ void UserTrack::OpenSpool() {
   }
   const std::shared_ptr<TrackSpool> spool = MakeSpool(m_spoolDirectory);
   if (spool == nullptr) return;
-  const Sender sender = MakeSender();
-  const auto uploader = std::make_shared<TrackUploader>(spool, sender.transport, sender.options);
+  const auto uploader = StartUploader(spool);
   const Locked hold(*this);
   m_spool = spool;
   m_uploader = uploader;
   if (m_uploadSwitch == 0) m_spool->Purge();
   (void)StoreWaitingLocked(LogClockMs());  // what fails goes on waiting
-  m_uploader->EventAdded(m_spool->Pending() > 0 ? 1 : 0);
+  if (m_uploader != nullptr) m_uploader->EventAdded(m_spool->Pending() > 0 ? 1 : 0);
   ReportDroppedLocked();
 }
 
@@ -293,7 +310,7 @@ bool UserTrack::AppendLocked(std::string_view record, std::int64_t nowMs) {
   std::uint64_t pending = 0;
   const bool appended = m_spool->Append(record, nowMs, &pending);
   if (appended) {
-    m_uploader->EventAdded(pending);
+    if (m_uploader != nullptr) m_uploader->EventAdded(pending);
   } else if (!m_spoolFails) {
     m_problem = "track: the spool cannot be written; events wait in memory";
   }
@@ -408,7 +425,7 @@ int UserTrack::SetSdk(const TrackFields& fields) {
 
 // The host's function may come back as an event, which waits for the next upload.
 void UserTrack::OnUploadProblem(const std::string& text) {
-  LogProblem(text);
+  LogProblem(text.c_str());
   if (const auto onError = Instance().m_onError.load()) onError(text.c_str());
 }
 

@@ -74,6 +74,7 @@ class UserTrack {
   bool UseEventFile(const TrackOutput& output);
   Sender MakeSender() const;
   void OpenSpool();
+  std::shared_ptr<TrackUploader> StartUploader(const std::shared_ptr<TrackSpool>& spool);
   std::shared_ptr<TrackSpool> MakeSpool(const std::string& directory);
   bool LoadKey(const std::string& directory, bool* isNew);
   int AddLocked(TrackKind kind, const TrackFields& fields);
@@ -120,5 +121,5 @@ class UserTrack {
   bool m_spoolFails = false;
   const char* m_problem = nullptr;            // to be logged when the lock is free
   std::shared_ptr<TrackSpool> m_spool;        // null until key management has run
-  std::shared_ptr<TrackUploader> m_uploader;  // together with m_spool
+  std::shared_ptr<TrackUploader> m_uploader;  // together with m_spool; null without a thread
 };

@@ -208,7 +208,11 @@ int MediaTrack_SetCpuAndMemoryInfo(const UTCpuMemoryRecord* record) {
 
 void Track_MsgDotCount(int category) {
   MessageCounter(category).fetch_add(1, std::memory_order_relaxed);
-  if (category == kCommandWorker) UserTrack::Instance().State().CommandEnded();
+  if (category != kCommandWorker) return;
+  (void)Safely(kOk, [] {  // there is no result to pass on
+    UserTrack::Instance().State().CommandEnded();
+    return kOk;
+  });
 }
 
 // The error function may itself come back here, so it is never called from here.
