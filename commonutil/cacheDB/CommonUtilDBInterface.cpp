@@ -167,7 +167,7 @@ SqliteInterfaceManager& SqliteInterfaceManager::GetInst() {
 
 int SqliteInterfaceManager::InitDB(const std::string& dbPath, const std::string& logPath) {
   MutexLock lock(m_initLock);
-  ScopeGuard thrown([] { (void)ECSUtil::GetInst().StopZORM(); });  // the exception tells
+  ScopeGuard thrown([] { (void)orb_zorm_service_stop(); });  // the exception tells
   const int rc = InitDBLocked(dbPath, logPath);
   thrown.Dismiss();
   return rc;

@@ -241,9 +241,8 @@ std::string ECSUtil::GetDBKeySalt() const {
 bool ECSUtil::ReadDBKeySalt(std::string& line) const {
   line.clear();
   const std::string path = GetConfigPath();
-  if (!Exists(path)) return true;
   const FileHandle file(PRAX_Fopen(path.c_str(), "rb"));
-  if (file == nullptr) return false;
+  if (file == nullptr) return !Exists(path);
   char text[kSaltLineBytes] = {};
   if (std::fgets(text, sizeof text, file.get()) == nullptr) return std::ferror(file.get()) == 0;
   line = text;
@@ -254,9 +253,10 @@ void ECSUtil::WriteLocalConfigGUID(const std::string& line) const {
   const std::string path = GetConfigPath();
   if (PRAX_ReplaceFile(path.c_str(), line.data(), line.size(), kSaltFileMode) == 0) return;
   // A directory that takes no new file may still let its old one be written. What holds the line
-  // already is left alone: on a full disk it would be emptied. Failures stay silent: the next
-  // start makes a new secret.
-  if (GetDBKeySalt() != line) {
+  // already, or cannot be read now, is left alone: on a full disk it would be emptied. Failures
+  // stay silent: the next start makes a new secret.
+  std::string held;
+  if (ReadDBKeySalt(held) && held != line) {
     const FileHandle file(PRAX_Fopen(path.c_str(), "wb"));
     if (file != nullptr) (void)PRAX_Fwrite(line.data(), 1, line.size(), file.get());
   }

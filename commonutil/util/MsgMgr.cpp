@@ -28,6 +28,12 @@ unsigned long ThisThread() {
 std::atomic<unsigned long> MsgMainThreadMgr::m_tid{0};
 std::atomic<int> MsgMainThreadMgr::m_stopRunFlag{0};
 
+const std::exception_ptr& ThreadExec::Dropped() {
+  static const std::exception_ptr& dropped = *new std::exception_ptr(
+      std::make_exception_ptr(std::future_error(std::future_errc::broken_promise)));
+  return dropped;
+}
+
 void MsgMainThreadMgr::Init() { std::thread(&MsgMainThreadMgr::ThreadFunc, this).detach(); }
 
 int MsgMainThreadMgr::PushCmd(std::function<int()> func, const std::string& name) {
@@ -37,17 +43,17 @@ int MsgMainThreadMgr::PushCmd(std::function<int()> func, const std::string& name
   }
   if (ThisThread() == m_tid.load()) return func();
 
-  std::shared_ptr<ThreadExec> command;
-  std::shared_future<std::int32_t> result;  // goes first: to break a promise takes memory
+  std::shared_future<std::int32_t> result;
   try {
-    command = std::make_shared<ThreadExec>(std::move(func), name, std::promise<std::int32_t>());
+    auto command =
+        std::make_shared<ThreadExec>(std::move(func), name, std::promise<std::int32_t>());
     result = command->Result();
-    Push(command);
+    // The queue alone keeps the command: dropping it there must break the promise.
+    Push(std::move(command));
   } catch (const std::bad_alloc&) {
     ZEL_LOG(kWarning) << "pThreadExec new failed!";
     return kPushNoMemory;
   }
-  command.reset();  // the queue alone keeps it: dropping it there must break the promise
   try {
     return result.get();
   } catch (const std::future_error&) {  // dropped: the only error a command leaves here

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <future>
 #include <memory>
@@ -87,14 +88,28 @@ class ThreadExec : public ThreadExecInterface {
  public:
   ThreadExec(std::function<std::int32_t()> func, const std::string& name,
              std::promise<std::int32_t> result)
-      : ThreadExecInterface(name), m_func(std::move(func)), m_result(std::move(result)) {}
-  void Exec() override { m_result.set_value(m_func()); }
+      : ThreadExecInterface(name),
+        m_func(std::move(func)),
+        m_result(std::move(result)),
+        m_dropped(Dropped()) {}
+  ~ThreadExec() override {
+    if (!m_ran) m_result.set_exception(m_dropped);
+  }
+  void Exec() override {
+    m_ran = true;
+    m_result.set_value(m_func());
+  }
   // Once.
   std::shared_future<std::int32_t> Result() { return m_result.get_future().share(); }
 
  private:
+  // Made once, because the worker that drops a command may find no memory for it.
+  static const std::exception_ptr& Dropped();
+
   const std::function<std::int32_t()> m_func;
   std::promise<std::int32_t> m_result;
+  const std::exception_ptr& m_dropped;
+  bool m_ran = false;  // or throws, and nobody is told
 };
 
 class ThreadNoRetExec : public ThreadExecInterface {
