@@ -252,10 +252,7 @@ bool SQLiteDB::ProbeWithKey(sqlite3* probe) {
   ZEL_LOG_MILESTONE(kInfo) << "IsCanOpen, key = " << key;
   int result = ApplyKey(probe, key);  // succeeds for a wrong key too; the statement tells
   if (result == SQLITE_OK) result = Run(probe, kProbeSql);
-  if (sqlite3* const mended = Mended(probe, result); mended != probe) {
-    probe = mended;
-    result = Run(probe, kProbeSql);
-  }
+  if (Mend(probe, result)) result = Run(probe, kProbeSql);
   if (!IsPassed(result)) {
     const int closeResult = sqlite3_close(probe);
     ZEL_LOG_MILESTONE(kWarning) << "Close the db, and the result is " << result
@@ -385,16 +382,16 @@ void SQLiteDB::DiscardForeignLog() const {
   (void)PRAX_Remove((dbPath + kIndexSuffix).c_str());
 }
 
-// `probe`, or another handle in its place when something beside the database kept it from that.
-sqlite3* SQLiteDB::Mended(sqlite3* probe, int result) const {
+// Puts another handle in place of `probe` when something beside the database made `result` of it.
+bool SQLiteDB::Mend(sqlite3*& probe, int result) const {
   if (IsPassed(result)) {  // reads all of the log, as closing would
     result = sqlite3_wal_checkpoint_v2(probe, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
   }
-  if (!LacksSideFile(result) && !IsUndecipherable(result)) return probe;
+  if (!LacksSideFile(result) && !IsUndecipherable(result)) return false;
   (void)sqlite3_close(probe);
-  if (LacksSideFile(result)) return OpenAside(kOpenFlags, dbPath, kLeaveLogSql);
-  DiscardForeignLog();
-  return OpenAside(kOpenFlags, dbPath, "");
+  if (!LacksSideFile(result)) DiscardForeignLog();
+  probe = OpenAside(kOpenFlags, dbPath, LacksSideFile(result) ? kLeaveLogSql : "");
+  return true;
 }
 
 SQLiteDB::Connection* SQLiteDB::FindConnection() {

@@ -135,7 +135,7 @@ class SQLiteDB : public IDataStorage {
   sqlite3* OpenAside(int flags, const std::string& name, const char* arrange) const;
   bool IsReadable(int flags, const std::string& name) const;
   void DiscardForeignLog() const;
-  sqlite3* Mended(sqlite3* probe, int result) const;
+  bool Mend(sqlite3*& probe, int result) const;
   sqlite3_stmt* Prepare(sqlite3* db, const std::string& sql) const;
   sqlite3* CloseUnkeyed() ZEL_REQUIRES(m_connectionLock);
   bool ProbeWithKey(sqlite3* probe);
