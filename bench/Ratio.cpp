@@ -4,10 +4,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <vector>
 
 #include <json/json.h>
+
+#include "CommonUtil.h"
 
 namespace bench {
 
@@ -19,6 +22,11 @@ constexpr int kGrowthRounds = 3;
 Json::Value& Printed() {
   static Json::Value& printed = *new Json::Value(Json::objectValue);
   return printed;
+}
+
+bool& Initialised() {
+  static bool initialised = false;
+  return initialised;
 }
 
 double Nanoseconds(const Round& round) {
@@ -123,6 +131,28 @@ std::vector<double> NumbersOf(const std::string& command) {
   while (fscanf(pipe, "%lf", &number) == 1) numbers.push_back(number);
   if (pclose(pipe) != 0 || numbers.empty()) std::abort();
   return numbers;
+}
+
+const std::string& LibraryDirectory() {
+  static const std::string& directory = *[] {
+    auto* const path =
+        new std::string((std::filesystem::temp_directory_path() / "zel-benchXXXXXX").string());
+    commonutil::tagZelUtilInitParam param = {};
+    if (mkdtemp(path->data()) == nullptr) std::abort();
+    std::snprintf(param.dbPath, sizeof(param.dbPath), "%s/", path->c_str());
+    std::snprintf(param.logPath, sizeof(param.logPath), "%s/", path->c_str());
+    param.logLevel = 2;
+    param.logSize = 5120;
+    param.fileCount = 2;
+    if (commonutil::CommonUtil::getInst().InitCommonUtil(param, nullptr) != 0) std::abort();
+    Initialised() = true;
+    return path;
+  }();
+  return directory;
+}
+
+void RemoveLibraryDirectory() {
+  if (Initialised()) std::filesystem::remove_all(LibraryDirectory());
 }
 
 double Median(std::vector<double> values) {

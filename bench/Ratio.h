@@ -40,6 +40,7 @@ void Grow(const std::string& work, int size, const SizedRound& round);
 // All that was printed, as one JSON object: "comparisons", "figures" and "growth"; false where
 // the file cannot be written.
 bool WriteJson(const std::string& path);
+
 // Keeps the calling thread, and those that it starts, on one core: a wake-up across cores costs
 // several times one on the same core, and where the scheduler puts two threads is chance.
 class Pinned {
@@ -69,6 +70,10 @@ void BenchMasking();
 void BenchCleanup();
 void BenchFootprint();
 void BenchGrowth();
+// Initialises the library, once in this process, and returns the directory of its files.
+const std::string& LibraryDirectory();
+// Removes it; the last thing that a process does.
+void RemoveLibraryDirectory();
 // A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
 int StartChild(const std::string& dir);
 // Runs a command and returns the numbers it prints.

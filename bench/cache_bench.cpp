@@ -2,9 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -16,7 +14,6 @@
 #include <leveldb/write_batch.h>
 #include <sqlite3.h>
 
-#include "CommonUtil.h"
 #include "Ratio.h"
 #include "cache/cache_ref.h"
 #include "cacheDB/DataStorage.h"
@@ -27,7 +24,6 @@ namespace bench {
 
 namespace {
 
-using commonutil::CommonUtil;
 using commonutil::CommonUtilPrivateManager;
 using commonutil::ZelConfigCache;
 
@@ -66,17 +62,6 @@ class PeerCache {
 
   std::array<Shard, kPeerShards> m_shards;
 };
-
-// Real files behind the cache and the log.
-void Initialise(const std::string& dir) {
-  commonutil::tagZelUtilInitParam param = {};
-  std::snprintf(param.dbPath, sizeof(param.dbPath), "%s", dir.c_str());
-  std::snprintf(param.logPath, sizeof(param.logPath), "%s", dir.c_str());
-  param.logLevel = 2;
-  param.logSize = 5120;
-  param.fileCount = 2;
-  if (CommonUtil::getInst().InitCommonUtil(param, nullptr) != 0) std::abort();
-}
 
 // The usual nanoseconds of one `work`, as its caller meets them.
 double UsualTime(const std::function<void()>& work) {
@@ -307,9 +292,7 @@ void BenchDatabaseAdds(RawDatabase& raw, const std::string& dir) {
 }  // namespace
 
 void BenchCache() {
-  std::string dir = (std::filesystem::temp_directory_path() / "zel-bench-cacheXXXXXX").string();
-  if (mkdtemp(dir.data()) == nullptr) std::abort();
-  Initialise(dir);
+  const std::string& dir = LibraryDirectory();
   PeerCache peer;
   BenchAdd(peer);
   {
@@ -317,7 +300,6 @@ void BenchCache() {
     BenchDatabaseQuery(raw);
     BenchDatabaseAdds(raw, dir);
   }
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace bench

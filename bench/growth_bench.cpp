@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "CommonUtil.h"
 #include "Ratio.h"
 #include "publicInc/CommonUtilEntry.h"
 #include "publicInc/CommonUtilPrivateManager.h"
@@ -108,14 +107,7 @@ double Files(int count) {
 }  // namespace
 
 void BenchGrowth() {
-  const Folder folder;
-  commonutil::tagZelUtilInitParam param = {};
-  std::snprintf(param.dbPath, sizeof(param.dbPath), "%s/", folder.Path().c_str());
-  std::snprintf(param.logPath, sizeof(param.logPath), "%s/", folder.Path().c_str());
-  param.logLevel = 0;
-  param.logSize = 5120;
-  param.fileCount = 2;
-  if (commonutil::CommonUtil::getInst().InitCommonUtil(param, nullptr) != 0) std::abort();
+  (void)LibraryDirectory();
   Grow("requests", 1000, Messages);
   Grow("rows added in one batch", 100, Rows);
   Grow("events stored", 1000, Events);

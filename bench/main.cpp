@@ -45,6 +45,7 @@ int RunNamed(const std::vector<const char*>& names) {
     if (names.empty()) benchmark.run();
   }
   for (const char* const name : names) Find(name)->run();
+  bench::RemoveLibraryDirectory();
   return 0;
 }
 
