@@ -1,8 +1,11 @@
 #include "cacheDB/CommonUtilDBInterface.h"
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <thread>
+
+#include <sqlite3.h>
 
 #include "CacheDbTest.h"
 #include "prax/prax_ref.h"
@@ -169,6 +172,26 @@ TEST_F(CommonUtilDBInterfaceTest, AnEmptySaltIsAValidOne) {
   EXPECT_EQ(InitAgain(), 0);
   EXPECT_EQ(CountLogPrefix("localDBKey"), 0);
   EXPECT_EQ(Query("a", 1), 0);
+}
+
+// A salt file or database that could not be read for a moment was taken for damaged: the start made
+// a new one, and the entries were gone.
+TEST_F(CommonUtilDBInterfaceTest, AStartThatLacksDescriptorsOrMemoryFailsAndKeepsTheEntries) {
+  ASSERT_EQ(Init(), 0);
+  AddThree();
+  const std::string line = ReadWholeFile(SaltFile());
+  PRAX_Ref_FailNext(PRAX_REF_FOPEN, 1, EMFILE);
+  EXPECT_EQ(InitAgain(), 1);
+  EXPECT_EQ(CountLog("the salt file cannot be read", kError), 1);
+  sqlite3_vfs& system = *sqlite3_vfs_find(nullptr);
+  const auto open = system.xOpen;
+  system.xOpen = [](sqlite3_vfs*, const char*, sqlite3_file*, int, int*) { return SQLITE_NOMEM; };
+  EXPECT_EQ(InitAgain(), 1);
+  system.xOpen = open;
+  EXPECT_EQ(InitAgain(), 0);
+  EXPECT_EQ(ReadWholeFile(SaltFile()), line);
+  EXPECT_EQ(Query("", 2, 8), 0);
+  EXPECT_EQ(m_count, 3);
 }
 
 TEST_F(CommonUtilDBInterfaceTest, ADamagedDatabaseIsMadeAnew) {

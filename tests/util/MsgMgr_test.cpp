@@ -129,6 +129,16 @@ TEST_F(MsgMgrTest, WithoutMemoryNothingIsQueued) {
   EXPECT_GE(refusals, 2);
   EXPECT_EQ(support::CountLog("pThreadExec new failed!", kWarningLevel), refusals);
 }
+
+// The worker drops commands as it stops; without memory for the exception the process ended.
+TEST(ThreadExecTest, ACommandIsDroppedWithoutMemory) {
+  auto command = std::make_unique<ThreadExec>([] { return 0; }, "", std::promise<std::int32_t>());
+  const std::shared_future<std::int32_t> result = command->Result();
+  t_allocationsLeft = 0;
+  command.reset();
+  t_allocationsLeft = -1;
+  EXPECT_THROW((void)result.get(), std::future_error);
+}
 #endif
 
 TEST_F(MsgMgrTest, SynchronousPushOnTheWorkerRunsBeforeEverythingQueued) {
