@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kLogFile[] = "commonutil/CommonUtilConfig";
 constexpr char kFileName[] = "config.txt";
-constexpr std::size_t kReadBytes = 64 * 1024;
+constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
 
 using Settings = std::map<std::string, std::string>;
 

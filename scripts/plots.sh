@@ -40,7 +40,7 @@ plot_ratios() {
     set terminal svg size 900,1000 font 'sans,12' background 'white';
     set output '$figures/ratios.svg';
     set title 'Time, as a multiple of the floor or peer'; set key outside bottom horizontal;
-    set logscale x 2; set grid x; set yrange [*:*] reverse; set offsets 0.2,0.2,0.6,0.6; set tmargin 3;
+    set logscale x 2; set grid x; set yrange [*:*] reverse; set offsets graph 0, graph 0.05, graph 0.02, graph 0.02; set tmargin 3;
     set style fill solid 0.6 noborder; set boxwidth 0.5; set lmargin 48;
     plot '-' using (0.5*(0.25+\$1)):0:(0.25):1:(\$0-0.3):(\$0+0.3):ytic(3) with boxxyerror lc rgb '#4878a8' title 'ours',
          '' using 2:0 with points pt 9 ps 1.2 lc rgb '#c04040' title 'goal'"

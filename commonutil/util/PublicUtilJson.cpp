@@ -17,7 +17,7 @@ using ReaderPtr = std::unique_ptr<Json::CharReader>;
 
 // To make a reader takes as long as to parse a small message, so each thread keeps one. A
 // reader holds on to the memory that its largest text took: after one beyond this it goes.
-constexpr std::size_t kLargestTextOfKeptReader = 64 * 1024;
+constexpr std::size_t kLargestTextOfKeptReader = std::size_t{64} * 1024;
 
 // Code that runs while the thread's objects are being destroyed does without.
 thread_local bool t_threadEnds = false;

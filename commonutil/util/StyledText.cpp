@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t kUsualTextBytes = 512;
 // After a larger text the writer goes, and with it the memory that it took.
-constexpr std::size_t kLargestTextOfKeptWriter = 64 * 1024;
+constexpr std::size_t kLargestTextOfKeptWriter = std::size_t{64} * 1024;
 
 // Appends to one text. What it outgrows is wiped.
 class TextBuffer : public std::streambuf {

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t kMaxBytes = 1024 * 1024;
+constexpr std::size_t kMaxBytes = std::size_t{1024} * 1024;
 constexpr int kMaxDepth = 32;
 
 class Descriptor {

@@ -13,7 +13,7 @@
 
 #include "zel_platform/http.h"
 
-inline constexpr std::size_t kHttpKeptBytes = 64 * 1024;
+inline constexpr std::size_t kHttpKeptBytes = std::size_t{64} * 1024;
 
 enum class HttpMethod { kGet, kPost };
 

@@ -21,7 +21,7 @@ class LogModule {
  public:
   // What a module without a file keeps; the oldest lines make room.
   static constexpr std::size_t kKeptLines = 500;
-  static constexpr std::size_t kKeptBytes = 128 * 1024;
+  static constexpr std::size_t kKeptBytes = std::size_t{128} * 1024;
 
   LogModule(std::string name, LogModule* next);
 

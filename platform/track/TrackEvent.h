@@ -63,7 +63,7 @@ constexpr TrackField operator+(TrackField first, std::size_t step) {
 }
 
 // No record is longer; what would be is dropped.
-constexpr std::size_t kLongestTrackRecord = 256 * 1024;
+constexpr std::size_t kLongestTrackRecord = std::size_t{256} * 1024;
 
 using TrackSession = std::array<unsigned char, 16>;
 constexpr std::size_t kTrackSessionLength = 36;

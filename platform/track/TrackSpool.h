@@ -23,10 +23,10 @@
 #include "zorm/zorm_file.h"
 
 struct TrackLimits {
-  std::uint64_t bytes = 10 * 1024 * 1024;
+  std::uint64_t bytes = std::uint64_t{10} * 1024 * 1024;
   std::uint64_t records = 100000;
   std::int64_t ageMs = std::int64_t{7} * 24 * 3600 * 1000;
-  std::uint64_t fileBytes = 512 * 1024;
+  std::uint64_t fileBytes = std::uint64_t{512} * 1024;
 };
 
 // Behind the record of that number, counted from 0, of a file.

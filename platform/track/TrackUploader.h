@@ -18,7 +18,7 @@
 
 struct TrackUploadOptions {
   std::size_t batchEvents = 512;
-  std::size_t batchBytes = 1024 * 1024;  // of encoded events; a longer one goes alone
+  std::size_t batchBytes = std::size_t{1024} * 1024;  // of encoded events; a longer one goes alone
   std::chrono::milliseconds interval{60000};
   std::chrono::milliseconds firstBackOff{1000};  // doubled with each failure
   std::chrono::milliseconds longestWait{300000};

@@ -31,7 +31,7 @@ constexpr char kKeyName[] = "key";
 constexpr mode_t kLogDirectoryMode = 0750;
 
 constexpr std::size_t kWaitingRecords = 1000;
-constexpr std::size_t kWaitingBytes = 1024 * 1024;
+constexpr std::size_t kWaitingBytes = std::size_t{1024} * 1024;
 constexpr std::size_t kTimedEvents = 256;
 constexpr std::size_t kLongestIndex = 256;
 constexpr std::chrono::milliseconds kExitPatience(2000);
@@ -82,7 +82,7 @@ TrackLimits LimitSettings() {
 }
 
 std::string EndpointSetting() {
-  const std::string endpoint = orb_config_text(kEndpointSetting, "");
+  std::string endpoint = orb_config_text(kEndpointSetting, "");
   if (!endpoint.empty()) return endpoint;
   const char* const variable = ::getenv(kEndpointVariable);
   return variable == nullptr ? "" : variable;

@@ -46,10 +46,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::uint64_t kDefaultCap = 20 * 1024 * 1024;
-constexpr std::uint64_t kLeastCap = 64 * 1024;
+constexpr std::uint64_t kDefaultCap = std::uint64_t{20} * 1024 * 1024;
+constexpr std::uint64_t kLeastCap = std::uint64_t{64} * 1024;
 constexpr std::uint64_t kMostCap = 1024ULL * 1024 * 1024 * 1024;
-constexpr std::uint64_t kManifestBytes = 32 * 1024;  // kept free for it
+constexpr std::uint64_t kManifestBytes = std::uint64_t{32} * 1024;  // kept free for it
 constexpr off_t kLargestSettings = 1024 * 1024;
 constexpr std::size_t kMostFiles = 10000;
 constexpr std::size_t kMostLeftOut = 50;

@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr unsigned long long kLeastFreeBytes = 1024 * 1024;
+constexpr unsigned long long kLeastFreeBytes = std::uint64_t{1024} * 1024;
 constexpr mode_t kPermissions = 0777;
 constexpr char kStartsEmpty[] =
     "None is needed: the client makes it anew at its next start, and its cache begins empty. To "

@@ -14,7 +14,7 @@ namespace zelctl {
 namespace {
 
 constexpr int kPollMs = 1;
-constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kChunk = std::size_t{64} * 1024;
 
 [[noreturn]] void Refuse(const std::string& path, const std::string& reason) {
   throw UsageError("cannot read " + Quoted(path) + ": " + reason +

@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kPatienceSeconds = 5;
 constexpr int kPatienceMs = kPatienceSeconds * 1000;
-constexpr std::size_t kHeaderBytes = 64 * 1024;
+constexpr std::size_t kHeaderBytes = std::size_t{64} * 1024;
 constexpr std::size_t kBodyBytes = 64UL * 1024 * 1024;
 constexpr char kEndOfHeaders[] = "\r\n\r\n";
 constexpr int kNone = -1;

@@ -40,6 +40,7 @@ void Table::Add(const std::vector<std::string>& row) {
 
 std::string Table::Text() const {
   std::vector<std::vector<std::string>> lines(1);
+  lines[0].reserve(m_columns.size());
   for (const Column& column : m_columns) lines[0].push_back(column.title);
   lines.insert(lines.end(), m_rows.begin(), m_rows.end());
   std::vector<std::size_t> widths(m_columns.size(), 0);
