@@ -120,12 +120,13 @@ const char* UsageText() {
   return R"(usage: zelctl [OPTION...] [FILE|-]
        zelctl [OPTION...] --replay FILE
 
-Without FILE, at a terminal, a console: type requests, TAB completes, :help tells more.
-With FILE, plays the JSON requests in it, one a line, against libzel_utils and prints every
-reply and notification as one JSON line. Blank lines and lines that begin with # are
-skipped, :help and the like work as in the console; the line !reports lets the network
-tools report made-up results of detections that no message starts.
-"-" reads standard input, line by line as it arrives; so does no FILE without a terminal.
+Without FILE, at a terminal, a console: type requests, TAB completes, :help tells
+more. With FILE, plays the JSON requests in it, one a line, against libzel_utils
+and prints every reply and notification as one JSON line. Blank lines and lines
+that begin with # are skipped, :help and the like work as in the console; the
+line !reports lets the network tools report made-up results of detections that no
+message starts. "-" reads standard input, line by line as it arrives; so does no
+FILE without a terminal.
 
   --data DIR         data directory, made when missing (default ./zel-data);
                      ${DATA} in a request stands for its absolute path
@@ -135,13 +136,13 @@ tools report made-up results of detections that no message starts.
                      ${PROXY_PORT}, ${PROXY_USER}, ${PROXY_PASSWORD} and ${STUN};
                      without it ${NAME:-text} stands for the text
   --record FILE      write the conversation to a new file, passwords replaced
-  --replay FILE      send what such a file holds, at the same times; passwords are sent
-                     as ***, or as ZEL_PROXY_PASSWORD says
+  --replay FILE      send what such a file holds, at the same times; passwords are
+                     sent as ***, or as ZEL_PROXY_PASSWORD says
   --color WHEN       always, never, or auto: on a terminal unless NO_COLOR is set
   --help             print this text
 
-Exit status: 0 when every request that is due a reply got one in time, 1 otherwise,
-2 for wrong usage. Remarks go to standard error.
+Exit status: 0 when every request that is due a reply got one in time, 1
+otherwise, 2 for wrong usage. Remarks go to standard error.
 )";
 }
 

@@ -17,49 +17,33 @@ namespace zelctl {
 namespace {
 
 constexpr Subcommand kSubcommands[] = {
-    {"bundle", WriteBundle,
-     "  zelctl bundle DIR OUT.tar.gz [--logs DIR] [--max-size 20M] [--force] [--list] [--json]\n"
-     "                                        pack logs, versions and the doctor's report,\n"
-     "                                        without secrets (--list: only show)\n"},
-    {"cache list", ListCache,
-     "  zelctl cache list DIR                 list the config cache of a client that does not run\n"
-     "                                        (--values: with the values; --json)\n"},
-    {"cache get", GetCache,
-     "  zelctl cache get DIR KEY              show one entry (--values, --json)\n"},
-    {"cache put", PutCache,
-     "  zelctl cache put DIR KEY VALUE        store an entry; VALUE - is read from standard "
-     "input\n"},
-    {"cache delete", DeleteCache, "  zelctl cache delete DIR KEY           remove an entry\n"},
-    {"cache export", ExportCache,
-     "  zelctl cache export DIR FILE          write the list as JSON to a new file (--values)\n"},
-    {"cache verify", VerifyCache,
-     "  zelctl cache verify DIR               check the whole database (--json)\n"},
-    {"config", ShowConfig,
-     "  zelctl config DIR [KEY]               print the settings of DIR/config.txt, or one\n"
-     "                                        (--json)\n"},
-    {"doctor", RunDoctor,
-     "  zelctl doctor DIR [--repair]          say what is wrong with the data of a client that "
-     "does\n"
-     "                                        not run, and mend it (--json)\n"},
-    {"explain", ExplainCode,
-     "  zelctl explain CODE [--json]          say what a result code means and what to do\n"},
-    {"logs clean", CleanLogs,
-     "  zelctl logs clean DIR --days N        remove what was last written more than N days ago\n"
-     "                                        (3 to 30 count as given, less as 3, more as 30; "
-     "--json)\n"},
+    {"bundle", WriteBundle, "DIR OUT.tar.gz [--logs DIR] [--max-size 20M] [--force] [--list]",
+     "pack logs, versions and the doctor's report, without secrets;\n      "
+     "--list only shows what would go in"},
+    {"cache list", ListCache, "DIR [--values]",
+     "list the config cache of a client that does not run"},
+    {"cache get", GetCache, "DIR KEY [--values]", "show one entry"},
+    {"cache put", PutCache, "DIR KEY VALUE", "store an entry; VALUE - is read from standard input"},
+    {"cache delete", DeleteCache, "DIR KEY", "remove an entry"},
+    {"cache export", ExportCache, "DIR FILE [--values]", "write the list as JSON to a new file"},
+    {"cache verify", VerifyCache, "DIR", "check the whole database"},
+    {"config", ShowConfig, "DIR [KEY]", "print the settings of DIR/config.txt, or one"},
+    {"doctor", RunDoctor, "DIR [--repair]",
+     "say what is wrong with the data of a client that does not run, and mend it"},
+    {"explain", ExplainCode, "CODE", "say what a result code means and what to do"},
+    {"logs clean", CleanLogs, "DIR --days N",
+     "remove what was last written more than N days ago; 3 to 30 count as given,\n      "
+     "less as 3, more as 30"},
     {"logs view", ViewLogs,
-     "  zelctl logs view DIR [-f] [--module NAME] [--level E|W|I|D] [--since TIME] [--until TIME]\n"
-     "                                        the lines of all modules, merged by their time\n"
-     "                                        (--json: one object a line)\n"},
-    {"logs watch", WatchLogs,
-     "  zelctl logs watch DIR [--seconds N]   print new lines of DIR's module logs (--json)\n"},
-    {"net", MeasureServers,
-     "  zelctl net SERVER... [--tls] [--json] measure up to four STUN servers, HOST or "
-     "HOST:PORT\n"},
-    {"proxy", TryProxy,
-     "  zelctl proxy URL [--proxy HOST:PORT] [--user NAME] [--json]\n"
-     "                                        try the URL directly and through the proxy, whose\n"
-     "                                        password is in ZEL_PROXY_PASSWORD\n"},
+     "DIR [-f] [--module NAME] [--level E|W|I|D]\n"
+     "                   [--since TIME] [--until TIME]",
+     "the lines of all modules, merged by their time; -f goes on with new ones"},
+    {"logs watch", WatchLogs, "DIR [--seconds N]", "print new lines of DIR's module logs"},
+    {"net", MeasureServers, "SERVER... [--tls]",
+     "measure up to four STUN servers, HOST or HOST:PORT"},
+    {"proxy", TryProxy, "URL [--proxy HOST:PORT] [--user NAME]",
+     "try the URL directly and through the proxy, whose password is in\n      "
+     "ZEL_PROXY_PASSWORD"},
 };
 
 std::vector<std::string> WordsOf(const std::string& name) {
@@ -102,8 +86,10 @@ std::optional<bool> RunSubcommand(int argc, const char* const* argv,
 }
 
 std::string SubcommandUsage() {
-  std::string usage = "\nBeside playing requests:\n";
-  for (const Subcommand& subcommand : kSubcommands) usage += subcommand.usage;
+  std::string usage = "\nBeside playing requests; all that tell something know --json:\n";
+  for (const auto& [name, run, parameters, what] : kSubcommands) {
+    usage += std::string("  zelctl ") + name + " " + parameters + "\n      " + what + "\n";
+  }
   return usage;
 }
 

@@ -13,7 +13,8 @@ struct Subcommand {
   // Takes what stands behind the name; ends soon after `interrupted` is set. Returns whether it
   // succeeded. Throws UsageError.
   bool (*run)(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted);
-  const char* usage;  // lines for the usage text
+  const char* parameters;
+  const char* what;  // it does; lines behind the first are indented
 };
 
 // Runs the subcommand that the command line begins with; nothing when it begins with none. Throws
