@@ -17,8 +17,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr unsigned int kKillsPerDirectory = 9;
 constexpr int kGoal = 1000;
-constexpr unsigned int kLongestUs = 150000;
-constexpr unsigned int kMostCalls = 600;
+constexpr unsigned int kLongestUs = 400000;
+constexpr unsigned int kMostCalls = 1500;
 constexpr unsigned int kCallsOfStart = 60;  // within the first initialisation
 
 // The first of a directory are killed early, so that initialisations are cut off too.
@@ -26,7 +26,7 @@ HostRun RandomRun(std::minstd_rand& random, unsigned int kill) {
   HostRun run;
   run.rounds = 100;  // it never comes to an end by itself
   const auto upTo = [&](unsigned int limit) { return 1 + random() % limit; };
-  const std::string place = std::to_string(upTo(kill < 4 ? kCallsOfStart : kMostCalls));
+  const std::string place = std::to_string(upTo(kill < 2 ? kCallsOfStart : kMostCalls));
   switch (random() % 3) {
     case 0:
       run.killAfterUs = static_cast<int>(upTo(kLongestUs));

@@ -180,6 +180,11 @@ void* calloc(size_t count, size_t size) noexcept {
 void* realloc(void* memory, size_t size) noexcept {
   return Fails("alloc") ? nullptr : __libc_realloc(memory, size);
 }
+void* reallocarray(void* memory, size_t count, size_t size) noexcept {
+  size_t bytes = 0;
+  if (__builtin_mul_overflow(count, size, &bytes) || Fails("alloc")) return nullptr;
+  return __libc_realloc(memory, bytes);
+}
 
 ssize_t write(int file, const void* data, size_t size) { return Write(file, data, size, nullptr); }
 ssize_t pwrite(int file, const void* data, size_t size, off_t place) {
