@@ -5,16 +5,13 @@
 #include <sys/file.h>
 #include <sys/fsuid.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -25,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "prax/prax_ref.h"
+#include "support/Child.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -42,7 +40,6 @@ class PraxTest : public testing::Test {
 };
 
 using PraxThreadTest = PraxTest;
-using PraxSeamTest = PraxTest;
 
 void* StoreTid(void* out) {
   *static_cast<unsigned long*>(out) = PRAX_GetTID();
@@ -58,16 +55,6 @@ void KeepTrace(_PRAX_OS_LOG_LEVEL level, const char* text) {
   TracedTexts().push_back(std::to_string(level) + " " + text);
 }
 
-TEST_F(PraxThreadTest, AStartedThreadHandsItsResultToTheJoin) {
-  unsigned long tid = 0;
-  PRAX_THREAD thread = 0;
-  ASSERT_EQ(PRAX_PthreadCreate(&thread, nullptr, StoreTid, &tid), 0);
-  EXPECT_NE(thread, 0U);
-  void* result = nullptr;
-  EXPECT_EQ(PRAX_PthreadJoin(thread, &result), 0);
-  EXPECT_EQ(result, &tid);
-}
-
 // The attribute asks for a stack that no address space holds, so the start really fails.
 TEST_F(PraxThreadTest, AFailedStartLeavesNoHandleAndIsTraced) {
   TracedTexts().clear();
@@ -81,50 +68,32 @@ TEST_F(PraxThreadTest, AFailedStartLeavesNoHandleAndIsTraced) {
 
   EXPECT_EQ(error, EAGAIN);
   EXPECT_EQ(thread, 0U);
-  const std::vector<std::string> expected = {"3 thread start failed, error 11"};
-  EXPECT_EQ(TracedTexts(), expected);
-}
-
-TEST_F(PraxThreadTest, JoiningOneselfOrNoThreadIsAnError) {
-  EXPECT_EQ(PRAX_PthreadJoin(PRAX_PthreadSelf(), nullptr), EDEADLK);
-  EXPECT_EQ(PRAX_PthreadJoin(0, nullptr), ESRCH);
-  EXPECT_EQ(PRAX_PthreadDetach(0), ESRCH);
+  EXPECT_EQ(TracedTexts(), std::vector<std::string>{"3 thread start failed, error 11"});
 }
 
 // A thread handle is commonly given to the next thread at once; the id must not be.
-TEST_F(PraxThreadTest, ThreadsThatFollowEachOtherHaveDistinctIds) {
+TEST_F(PraxThreadTest, ThreadsHandTheirResultToTheJoinAndHaveDistinctIds) {
   std::set<unsigned long> ids = {PRAX_GetTID()};
   constexpr int kThreads = 20;
   for (int i = 0; i < kThreads; ++i) {
     unsigned long tid = 0;
     PRAX_THREAD thread = 0;
+    void* result = nullptr;
     ASSERT_EQ(PRAX_PthreadCreate(&thread, nullptr, StoreTid, &tid), 0);
-    ASSERT_EQ(PRAX_PthreadJoin(thread, nullptr), 0);
+    ASSERT_EQ(PRAX_PthreadJoin(thread, &result), 0);
+    EXPECT_EQ(result, &tid);
     ids.insert(tid);
   }
   EXPECT_EQ(ids.size(), kThreads + 1U);
-}
-
-TEST_F(PraxThreadTest, ALongNameIsCutNotRefused) {
-  char name[32] = "";
-  int result = -1;
-  std::thread named([&] {
-    result = PRAX_PthreadSetName("CommonUtilService");
+  EXPECT_EQ(PRAX_PthreadJoin(PRAX_PthreadSelf(), nullptr), EDEADLK);
+  EXPECT_EQ(PRAX_PthreadJoin(0, nullptr), ESRCH);
+  EXPECT_EQ(PRAX_PthreadDetach(0), ESRCH);
+  std::thread([] {
+    char name[32] = "";
+    EXPECT_EQ(PRAX_PthreadSetName("CommonUtilService"), 0);
     pthread_getname_np(pthread_self(), name, sizeof(name));
-  });
-  named.join();
-  EXPECT_EQ(result, 0);
-  EXPECT_STREQ(name, "CommonUtilServi");
-}
-
-int TryLockElsewhere(PRAX_MUTEX* mutex) {
-  int result = -1;
-  std::thread other([&] {
-    result = pthread_mutex_trylock(mutex);
-    if (result == 0) PRAX_MutexUnLock(mutex);
-  });
-  other.join();
-  return result;
+    EXPECT_STREQ(name, "CommonUtilServi");
+  }).join();
 }
 
 TEST_F(PraxThreadTest, ARecursiveMutexIsFreeAfterAsManyUnlocksAsLocks) {
@@ -133,25 +102,19 @@ TEST_F(PraxThreadTest, ARecursiveMutexIsFreeAfterAsManyUnlocksAsLocks) {
   ASSERT_EQ(PRAX_MutexInitRecursive(&mutex), 0);
   EXPECT_EQ(PRAX_MutexLock(&mutex), 0);
   EXPECT_EQ(PRAX_MutexLock(&mutex), 0);
-  EXPECT_EQ(PRAX_MutexUnLock(&mutex), 0);
-  EXPECT_EQ(TryLockElsewhere(&mutex), EBUSY);
-  EXPECT_EQ(PRAX_MutexUnLock(&mutex), 0);
-  EXPECT_EQ(TryLockElsewhere(&mutex), 0);
+  for (const int elsewhere : {EBUSY, 0}) {
+    EXPECT_EQ(PRAX_MutexUnLock(&mutex), 0);
+    std::thread([&] {
+      EXPECT_EQ(pthread_mutex_trylock(&mutex), elsewhere);
+      if (elsewhere == 0) PRAX_MutexUnLock(&mutex);
+    }).join();
+  }
   EXPECT_EQ(PRAX_MutexDestroy(&mutex), 0);
 }
 
 std::atomic<int> handledSignals{0};
 
 void CountSignal(int) { handledSignals.fetch_add(1); }
-
-bool WaitUntil(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
 
 TEST_F(PraxThreadTest, AWaitOutlastsSignalsAndEndsWithAPost) {
   struct sigaction action = {};
@@ -168,10 +131,10 @@ TEST_F(PraxThreadTest, AWaitOutlastsSignalsAndEndsWithAPost) {
     returned = true;
   });
   // Sent again and again: a sanitizer may put off a signal that comes just before the wait.
-  EXPECT_TRUE(WaitUntil([&] {
+  while (handledSignals < 200 && !returned) {
     pthread_kill(waiter.native_handle(), SIGUSR1);
-    return handledSignals >= 200 || returned;
-  }));
+    std::this_thread::yield();
+  }
   EXPECT_FALSE(returned);
   EXPECT_EQ(PRAX_SemPost(&sem), 0);
   waiter.join();
@@ -214,19 +177,14 @@ TEST_F(ReplaceFileTest, WritesTheWholeContentWithTheModeWhateverTheUmask) {
   ASSERT_EQ(PRAX_Stat(m_path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, kMode);
   EXPECT_EQ(Names(), std::set<std::string>{"file"});
-}
-
-TEST_F(ReplaceFileTest, CreatesAFileAndAcceptsAnEmptyContent) {
   std::filesystem::remove(m_path);
+  EXPECT_NE(PRAX_ReplaceFile(m_path.c_str(), nullptr, 1, kMode), 0);
   ASSERT_EQ(PRAX_ReplaceFile(m_path.c_str(), nullptr, 0, kMode), 0);
   EXPECT_EQ(ReadWholeFile(m_path), "");
-  EXPECT_NE(PRAX_ReplaceFile(m_path.c_str(), nullptr, 1, kMode), 0);
-  EXPECT_NE(PRAX_ReplaceFile(nullptr, "x", 1, kMode), 0);
-  EXPECT_FALSE(std::filesystem::exists(".tmp"));
 }
 
 // Root may write everywhere, so this thread takes another user's rights for the call.
-TEST_F(ReplaceFileTest, AWriteProtectedDirectoryKeepsTheOldContent) {
+TEST_F(ReplaceFileTest, AProtectedDirectoryOrAnImpossibleRenameKeepsTheOldContent) {
   std::filesystem::permissions(m_dir.Path(), std::filesystem::perms{0555});
   const auto userBefore = static_cast<uid_t>(::setfsuid(kNobody));
   const int result = Replace("new");
@@ -236,9 +194,7 @@ TEST_F(ReplaceFileTest, AWriteProtectedDirectoryKeepsTheOldContent) {
   EXPECT_NE(result, 0);
   EXPECT_EQ(error, EACCES);
   ExpectOnlyTheOldFile();
-}
 
-TEST_F(ReplaceFileTest, AnImpossibleRenameLeavesNoTemporaryFile) {
   std::filesystem::remove(m_path);
   std::filesystem::create_directory(m_path);
   EXPECT_NE(Replace("new"), 0);
@@ -251,19 +207,12 @@ TEST_F(ReplaceFileTest, AnImpossibleRenameLeavesNoTemporaryFile) {
 
 // The size limit of a process of its own stands for a full disk.
 TEST_F(ReplaceFileTest, AWriteThatFailsHalfWayKeepsTheOldContent) {
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  EXPECT_TRUE(support::InChild([&] {
     const rlimit limit{4096, 4096};
     ::signal(SIGXFSZ, SIG_IGN);
-    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(2);
-    const std::string content(10000, 'x');
-    const int result = PRAX_ReplaceFile(m_path.c_str(), content.data(), content.size(), kMode);
-    ::_exit(result != 0 && errno == EFBIG ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 && Replace(std::string(10000, 'x')) != 0 &&
+           errno == EFBIG;
+  }));
   ExpectOnlyTheOldFile();
 }
 
@@ -321,18 +270,12 @@ class PraxFileTest : public PraxTest {
   TempDir m_dir;
 };
 
-TEST_F(PraxFileTest, StreamsAreNotInheritedByOtherPrograms) {
+TEST_F(PraxFileTest, FailuresLeaveTheirOutputAloneAndAreToldAfterOtherCalls) {
   FILE* const file = PRAX_Fopen(m_dir.File("f").c_str(), "wb");
   ASSERT_NE(file, nullptr);
   EXPECT_NE(::fcntl(::fileno(file), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_EQ(PRAX_Fwrite("abc", 1, 3, file), 3U);
   EXPECT_EQ(PRAX_Fclose(file), 0);
-  unsigned long size = 0;
-  EXPECT_EQ(PRAX_GetFileSize(m_dir.File("f").c_str(), &size), 0);
-  EXPECT_EQ(size, 3U);
-}
-
-TEST_F(PraxFileTest, FailuresLeaveTheirOutputAloneAndAreToldAfterOtherCalls) {
   unsigned long size = 99;
   EXPECT_NE(PRAX_GetFileSize(m_dir.File("none").c_str(), &size), 0);
   EXPECT_EQ(size, 99U);
@@ -347,40 +290,24 @@ TEST_F(PraxFileTest, FailuresLeaveTheirOutputAloneAndAreToldAfterOtherCalls) {
 
 int NotDots(const struct dirent* entry) { return entry->d_name[0] != '.'; }
 
-TEST_F(PraxFileTest, AScanTellsALinkFromTheDirectoryItPointsTo) {
+TEST_F(PraxFileTest, AScanHoldsManyAndLongNamesAndTellsALinkFromItsDirectory) {
   ASSERT_EQ(PRAX_MkDir(m_dir.File("directory").c_str(), 0755), 0);
-  WriteWholeFile(m_dir.File("file"), "");
   std::filesystem::create_directory_symlink(m_dir.File("directory"), m_dir.File("link"));
   EXPECT_NE(PRAX_IsDir(m_dir.File("link").c_str()), 0) << "a link to a directory is followed here";
-
+  std::map<std::string, int> expected = {{"directory", DT_DIR}, {"link", DT_LNK}};
+  for (int i = 0; i < 100; ++i) {
+    const std::string name = std::string(200, 'n') + std::to_string(i);
+    WriteWholeFile(m_dir.File(name), "");
+    expected[name] = DT_REG;
+  }
   struct dirent** list = nullptr;
   const int count = PRAX_ScanDir(m_dir.Path().c_str(), &list, NotDots);
   std::map<std::string, int> types;
   for (int i = 0; i < count; ++i) types[list[i]->d_name] = list[i]->d_type;
   PRAX_DestoryNameList(list, count);
-  const std::map<std::string, int> expected = {
-      {"directory", DT_DIR}, {"file", DT_REG}, {"link", DT_LNK}};
   EXPECT_EQ(types, expected);
-}
-
-TEST_F(PraxFileTest, AScanHoldsManyAndLongNamesAndNoneOfAnUnreadableDirectory) {
-  std::set<std::string> expected;
-  for (int i = 0; i < 100; ++i) {
-    const std::string name = std::string(200, 'n') + std::to_string(i);
-    WriteWholeFile(m_dir.File(name), "");
-    expected.insert(name);
-  }
-  struct dirent** list = nullptr;
-  int count = PRAX_ScanDir(m_dir.Path().c_str(), &list, NotDots);
-  std::set<std::string> names;
-  for (int i = 0; i < count; ++i) names.insert(list[i]->d_name);
-  PRAX_DestoryNameList(list, count);
-  EXPECT_EQ(names, expected);
-
-  count = PRAX_ScanDir(m_dir.File("none").c_str(), &list, nullptr);
-  EXPECT_EQ(count, -1);
+  EXPECT_EQ(PRAX_ScanDir(m_dir.File("none").c_str(), &list, nullptr), -1);
   EXPECT_EQ(list, nullptr);
-  PRAX_DestoryNameList(list, count);
 }
 
 TEST_F(PraxTest, MemoryIsZeroFilledEvenWhenUsedBefore) {
@@ -405,61 +332,6 @@ TEST_F(PraxTest, OnlyFourDecimalPartsAreAnAddress) {
     EXPECT_EQ(PRAX_InetAddr(text), 0xFFFFFFFFU) << text;
   }
   EXPECT_EQ(PRAX_InetAddr(nullptr), 0xFFFFFFFFU);
-}
-
-TEST_F(PraxSeamTest, ExactlyThePlannedCallsFailWithTheirError) {
-  TempDir dir;
-  PRAX_Ref_FailNext(PRAX_REF_MALLOC, 2, ENOMEM, 1);
-  void* const first = PRAX_MemMallocS(1);
-  EXPECT_NE(first, nullptr);
-  EXPECT_EQ(PRAX_MemMallocS(1), nullptr);
-  EXPECT_EQ(PRAX_MemMallocS(1), nullptr);
-  void* const last = PRAX_MemMallocS(1);
-  EXPECT_NE(last, nullptr);
-  PRAX_MemFreeD(first);
-  PRAX_MemFreeD(last);
-
-  const std::string path = dir.File("f");
-  WriteWholeFile(path, "old");
-  PRAX_Ref_FailNext(PRAX_REF_REPLACE_FILE, 1, ENOSPC);
-  PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
-  EXPECT_NE(PRAX_ReplaceFile(path.c_str(), "new", 3, kMode), 0);
-  EXPECT_EQ(PRAX_GetLastErr(), ENOSPC);
-  EXPECT_NE(PRAX_Remove(path.c_str()), 0);
-  EXPECT_EQ(PRAX_GetLastErr(), EPERM);
-  EXPECT_EQ(ReadWholeFile(path), "old");
-  EXPECT_EQ(PRAX_Remove(path.c_str()), 0);
-}
-
-TEST_F(PraxSeamTest, ARefusedThreadStartRunsNothing) {
-  PRAX_Ref_FailNext(PRAX_REF_THREAD_CREATE, 1, EPERM);
-  unsigned long tid = 0;
-  PRAX_THREAD thread = 77;
-  EXPECT_EQ(PRAX_PthreadCreate(&thread, nullptr, StoreTid, &tid), EPERM);
-  EXPECT_EQ(thread, 0U);
-  EXPECT_EQ(PRAX_PthreadCreate(&thread, nullptr, StoreTid, &tid), 0);
-  EXPECT_EQ(PRAX_PthreadJoin(thread, nullptr), 0);
-}
-
-TEST_F(PraxSeamTest, TheHookSleepsInsteadAndTheClockObeys) {
-  std::vector<unsigned int> slept;
-  unsigned long long now = 1000;
-  PRAX_Ref_SetClock([&] { return now; });
-  PRAX_Ref_SetSleepHook([&](unsigned int ms) {
-    slept.push_back(ms);
-    now += ms;
-  });
-  PRAX_SleepMs(4000000000U);
-  EXPECT_EQ(slept, std::vector<unsigned int>{4000000000U});
-  EXPECT_EQ(PRAX_GetSystemTime(), 4000001000ULL);
-  PRAX_Ref_SetClockOffset(-500);
-  EXPECT_EQ(PRAX_GetSystemTime(), 4000000500ULL);
-
-  PRAX_Ref_Reset();
-  PRAX_SleepMs(0);
-  EXPECT_EQ(slept.size(), 1U);
-  const auto epochMs = static_cast<unsigned long long>(time(nullptr)) * 1000;
-  EXPECT_NEAR(static_cast<double>(PRAX_GetSystemTime()), static_cast<double>(epochMs), 60000.0);
 }
 
 }  // namespace

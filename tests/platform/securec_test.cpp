@@ -18,19 +18,15 @@ constexpr rsize_t kTooLarge = kRsizeMax + 1;
 
 class SecurecTest : public testing::Test {
  protected:
-  void SetUp() override { std::memset(m_buffer, 'x', sizeof(m_buffer)); }
+  void SetUp() override { std::memset(m_buffer, 'x', kSize); }
+  std::string Whole() const { return std::string(m_buffer, kSize); }
 
-  char m_buffer[8];
+  static constexpr rsize_t kSize = 8;
+  const std::string m_zeros = std::string(kSize, '\0');
+  char m_buffer[kSize];
 };
 
-TEST_F(SecurecTest, ATextThatJustFitsIsCopiedAndOneThatDoesNotLeavesAnEmptyText) {
-  EXPECT_EQ(strcpy_s(m_buffer, sizeof(m_buffer), "1234567"), 0);
-  EXPECT_STREQ(m_buffer, "1234567");
-  EXPECT_EQ(strcpy_s(m_buffer, sizeof(m_buffer), "12345678"), ERANGE);
-  EXPECT_STREQ(m_buffer, "");
-}
-
-TEST_F(SecurecTest, UnusableDestinationsAreRefusedAndNotWritten) {
+TEST_F(SecurecTest, UnusableDestinationsAreNotWrittenAndANullSourceLeavesAnEmptyOne) {
   for (const rsize_t size : {rsize_t{0}, kTooLarge, static_cast<rsize_t>(-1)}) {
     EXPECT_EQ(strcpy_s(m_buffer, size, "a"), EINVAL);
     EXPECT_EQ(strncpy_s(m_buffer, size, "a", 1), EINVAL);
@@ -38,70 +34,69 @@ TEST_F(SecurecTest, UnusableDestinationsAreRefusedAndNotWritten) {
     EXPECT_EQ(memset_s(m_buffer, size, 0, 1), EINVAL);
     EXPECT_EQ(sprintf_s(m_buffer, size, "%d", 1), -1);
   }
-  EXPECT_EQ(std::string(m_buffer, sizeof(m_buffer)), "xxxxxxxx");
+  EXPECT_EQ(Whole(), "xxxxxxxx");
   EXPECT_EQ(strcpy_s(nullptr, 1, "a"), EINVAL);
   EXPECT_EQ(memcpy_s(nullptr, 1, "a", 1), EINVAL);
   EXPECT_EQ(memset_s(nullptr, 1, 0, 1), EINVAL);
-}
 
-TEST_F(SecurecTest, ANullSourceLeavesAnEmptyDestination) {
-  EXPECT_EQ(strcpy_s(m_buffer, sizeof(m_buffer), nullptr), EINVAL);
+  EXPECT_EQ(strcpy_s(m_buffer, kSize, nullptr), EINVAL);
   EXPECT_STREQ(m_buffer, "");
   m_buffer[0] = 'x';
-  EXPECT_EQ(strncpy_s(m_buffer, sizeof(m_buffer), nullptr, 3), EINVAL);
+  EXPECT_EQ(strncpy_s(m_buffer, kSize, nullptr, 3), EINVAL);
   EXPECT_STREQ(m_buffer, "");
-  EXPECT_EQ(memcpy_s(m_buffer, sizeof(m_buffer), nullptr, 3), EINVAL);
-  EXPECT_EQ(std::string(m_buffer, sizeof(m_buffer)), std::string(8, '\0'));
+  EXPECT_EQ(memcpy_s(m_buffer, kSize, nullptr, 3), EINVAL);
+  EXPECT_EQ(Whole(), m_zeros);
 }
 
-TEST_F(SecurecTest, ACountBelowTheLengthCutsTheTextAndReadsNothingBehindIt) {
+TEST_F(SecurecTest, ATextThatJustFitsIsCopiedAndOneThatDoesNotLeavesAnEmptyText) {
+  EXPECT_EQ(strcpy_s(m_buffer, kSize, "1234567"), 0);
+  EXPECT_STREQ(m_buffer, "1234567");
+  EXPECT_EQ(strcpy_s(m_buffer, kSize, "12345678"), ERANGE);
+  EXPECT_STREQ(m_buffer, "");
+
   const std::vector<char> withoutNul = {'a', 'b', 'c'};
-  EXPECT_EQ(strncpy_s(m_buffer, sizeof(m_buffer), withoutNul.data(), withoutNul.size()), 0);
+  EXPECT_EQ(strncpy_s(m_buffer, kSize, withoutNul.data(), withoutNul.size()), 0);
   EXPECT_STREQ(m_buffer, "abc");
   EXPECT_EQ(strncpy_s(m_buffer, 3, "abc", 3), ERANGE);
   EXPECT_STREQ(m_buffer, "");
   EXPECT_EQ(strncpy_s(m_buffer, 4, "abc", 100), 0);
   EXPECT_STREQ(m_buffer, "abc");
-  EXPECT_EQ(strncpy_s(m_buffer, sizeof(m_buffer), "abc", static_cast<rsize_t>(-1)), EINVAL);
+  EXPECT_EQ(strncpy_s(m_buffer, kSize, "abc", static_cast<rsize_t>(-1)), EINVAL);
+  EXPECT_STREQ(m_buffer, "");
+
+  EXPECT_EQ(sprintf_s(m_buffer, kSize, "%%%X%X", 10U, 11U), 3);
+  EXPECT_STREQ(m_buffer, "%AB");
+  EXPECT_EQ(sprintf_s(m_buffer, kSize, "%s", "1234567"), 7);
+  EXPECT_EQ(sprintf_s(m_buffer, kSize, "%s", "12345678"), -1);
   EXPECT_STREQ(m_buffer, "");
 }
 
-TEST_F(SecurecTest, OverlappingTextsAreRefusedAndNeighboursAreNot) {
+TEST_F(SecurecTest, OverlapsAreRefusedNeighboursAreNotAndFailedByteCopiesZeroTheDestination) {
+  struct Case {
+    rsize_t from;
+    int code;
+    const char* text;
+  };
+  for (const Case& c : {Case{0, EINVAL, ""}, Case{4, 0, "ef"}, Case{3, EINVAL, ""}}) {
+    char text[] = "abcdef";  // from 3 on the NUL would hit the source
+    EXPECT_EQ(strcpy_s(text, sizeof(text), text + c.from), c.code);
+    EXPECT_STREQ(text, c.text);
+  }
   char text[] = "abcdef";
-  EXPECT_EQ(strcpy_s(text, sizeof(text), text), EINVAL);
-  EXPECT_STREQ(text, "");
-
-  std::strcpy(text, "abcdef");
-  EXPECT_EQ(strcpy_s(text, sizeof(text), text + 4), 0) << "\"ef\" and its NUL end before it";
-  EXPECT_STREQ(text, "ef");
-
-  std::strcpy(text, "abcdef");
-  EXPECT_EQ(strcpy_s(text, sizeof(text), text + 3), EINVAL) << "the NUL would hit the source";
-  std::strcpy(text, "abcdef");
   EXPECT_EQ(strncpy_s(text + 2, 5, text + 1, 2), EINVAL);
-}
 
-TEST_F(SecurecTest, FailedByteCopiesZeroTheWholeDestination) {
-  const std::string zeros(sizeof(m_buffer), '\0');
-  EXPECT_EQ(memcpy_s(m_buffer, sizeof(m_buffer), "123456789", 9), ERANGE);
-  EXPECT_EQ(std::string(m_buffer, sizeof(m_buffer)), zeros);
-
+  EXPECT_EQ(memcpy_s(m_buffer, kSize, "123456789", 9), ERANGE);
+  EXPECT_EQ(Whole(), m_zeros);
   char bytes[] = "0123456789";
   EXPECT_EQ(memcpy_s(bytes + 2, 8, bytes, 3), EINVAL) << "the last byte overlaps";
-  EXPECT_EQ(std::string(bytes, 10), "01" + std::string(8, '\0'));
-
+  EXPECT_EQ(std::string(bytes, 10), "01" + m_zeros);
   std::memcpy(bytes, "0123456789", 10);
   EXPECT_EQ(memcpy_s(bytes + 2, 8, bytes, 2), 0) << "side by side";
-  EXPECT_EQ(std::string(bytes, 10), "0101456789");
-  EXPECT_EQ(memcpy_s(bytes, 10, bytes, 0), 0);
-}
-
-TEST_F(SecurecTest, ACountAboveTheBufferFillsItAndFails) {
-  char guarded[] = "0123456789";
-  EXPECT_EQ(memset_s(guarded, 4, 'z', 5), ERANGE);
-  EXPECT_STREQ(guarded, "zzzz456789");
-  EXPECT_EQ(memset_s(guarded, 5, 'y', kTooLarge), EINVAL);
-  EXPECT_STREQ(guarded, "yyyyy56789");
+  EXPECT_STREQ(bytes, "0101456789");
+  EXPECT_EQ(memset_s(bytes, 4, 'z', 5), ERANGE) << "it is filled all the same";
+  EXPECT_STREQ(bytes, "zzzz456789");
+  EXPECT_EQ(memset_s(bytes, 5, 'y', kTooLarge), EINVAL);
+  EXPECT_STREQ(bytes, "yyyyy56789");
 }
 
 constexpr std::size_t kSecretBytes = 65536;
@@ -123,8 +118,7 @@ __attribute__((noinline)) std::uintptr_t WipeAsTheLastAct() {
 }
 
 // The frame is read through the kernel: to the program it is gone, which is why a compiler
-// that sees through the call would drop a plain memset. Later calls reuse the upper end of
-// the frame, so the lower half is looked at.
+// that sees through the call would drop a plain memset. Later calls reuse its upper end.
 TEST_F(SecurecTest, AWipeSurvivesTheOptimiser) {
   const auto frame = static_cast<off_t>(WipeAsTheLastAct());
   const int memory = ::open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
@@ -136,80 +130,50 @@ TEST_F(SecurecTest, AWipeSurvivesTheOptimiser) {
   EXPECT_EQ(std::count(seen.begin(), seen.end(), kSecretByte), 0);
 }
 
-TEST_F(SecurecTest, PrintingReturnsTheLengthOrLeavesAnEmptyText) {
-  EXPECT_EQ(sprintf_s(m_buffer, sizeof(m_buffer), "%%%X%X", 10U, 11U), 3);
-  EXPECT_STREQ(m_buffer, "%AB");
-  EXPECT_EQ(sprintf_s(m_buffer, sizeof(m_buffer), "%s", "1234567"), 7);
-  EXPECT_EQ(sprintf_s(m_buffer, sizeof(m_buffer), "%s", "12345678"), -1);
-  EXPECT_STREQ(m_buffer, "");
-}
-
-struct Parsed {
-  int result;
-  int parts[4];
-  std::string tail;
-};
-
-class ScanAddressTest : public testing::Test {
- protected:
-  static Parsed Scan(const char* text) {
-    int a = -1, b = -1, c = -1, d = -1;
+TEST_F(SecurecTest, AScanReadsNumbersAndOneTokenUntilTheTextDoesNotMatch) {
+  struct Case {
+    const char* text;
+    int result;
+    std::vector<int> parts;  // -1: not read
+    const char* tail;
+  };
+  const std::vector<int> none(4, -1), all = {1, 2, 3, 4};
+  for (const Case& c : {
+           Case{"1.2.3.4", 4, all, ""},
+           Case{" 1. 2.3.4 ", 4, all, ""},
+           Case{"+1.2.3.0004", 4, all, ""},
+           Case{"\t1.\n2.\v3.\f\r4", 4, all, ""},
+           Case{"-1.-20.3.-0", 4, {-1, -20, 3, 0}, ""},
+           Case{"", -1, none, ""},
+           Case{"  ", -1, none, ""},
+           Case{"abc", 0, none, ""},
+           Case{"-", 0, none, ""},
+           Case{"+-1.2.3.4", 0, none, ""},
+           Case{"1.2.3.", 3, {1, 2, 3, -1}, ""},
+           Case{"1 .2.3.4", 1, {1, -1, -1, -1}, ""},  // a blank before the dot does not match it
+           Case{"1..3.4", 1, {1, -1, -1, -1}, ""},
+           Case{"1.2.3.4x", 5, all, "x"},
+           Case{"1.2.3.4  x y", 5, all, "x"},
+           Case{"1.2.3.4.5", 5, all, ".5"},
+           Case{"1.2.3.4 abcdefghijklmno", 5, all, "abcdefghijklmno"},
+           Case{"1.2.3.4 abcdefghijklmnop", 4, all, ""},  // does not fit
+           Case{"2147483647.-2147483648.2147483648.-2147483649",
+                4,
+                {INT_MAX, INT_MIN, INT_MAX, INT_MIN},
+                ""},
+           Case{"4294967297.99999999999999999999999999.-99999999999999999999999999.4",
+                4,
+                {INT_MAX, INT_MAX, INT_MIN, 4},
+                ""},
+       }) {
+    std::vector<int> n(4, -1);
     char tail[16] = "";
-    const int result = sscanf_s(text, "%d.%d.%d.%d%s", &a, &b, &c, &d, tail, rsize_t{sizeof(tail)});
-    return {result, {a, b, c, d}, tail};
+    EXPECT_EQ(sscanf_s(c.text, "%d.%d.%d.%d%s", &n[0], &n[1], &n[2], &n[3], tail, rsize_t{16}),
+              c.result)
+        << c.text;
+    EXPECT_EQ(n, c.parts) << c.text;
+    EXPECT_STREQ(tail, c.tail) << c.text;
   }
-
-  static void ExpectParts(const Parsed& parsed, int a, int b, int c, int d) {
-    EXPECT_EQ(parsed.parts[0], a);
-    EXPECT_EQ(parsed.parts[1], b);
-    EXPECT_EQ(parsed.parts[2], c);
-    EXPECT_EQ(parsed.parts[3], d);
-  }
-};
-
-TEST_F(ScanAddressTest, BlanksAndSignsBeforeANumberBelongToIt) {
-  for (const char* text : {"1.2.3.4", " 1.2.3.4", "1. 2.3.4", "+1.2.3.4", "1.2.3.0004", "1.2.3.4 ",
-                           "\t1.\n2.\v3.\f\r4"}) {
-    const Parsed parsed = Scan(text);
-    EXPECT_EQ(parsed.result, 4) << text;
-    ExpectParts(parsed, 1, 2, 3, 4);
-    EXPECT_EQ(parsed.tail, "") << text;
-  }
-  ExpectParts(Scan("-0.1.2.3"), 0, 1, 2, 3);
-  ExpectParts(Scan("-1.-20.3.4"), -1, -20, 3, 4);
-}
-
-TEST_F(ScanAddressTest, TheScanEndsWhereTheTextDoesNotMatch) {
-  EXPECT_EQ(Scan("").result, -1);
-  EXPECT_EQ(Scan("  ").result, -1);
-  EXPECT_EQ(Scan("abc").result, 0);
-  EXPECT_EQ(Scan("-").result, 0);
-  EXPECT_EQ(Scan("+-1.2.3.4").result, 0);
-  EXPECT_EQ(Scan("1.2.3").result, 3);
-  EXPECT_EQ(Scan("1.2.3.").result, 3);
-  EXPECT_EQ(Scan("1 .2.3.4").result, 1) << "a blank before the dot does not match it";
-  ExpectParts(Scan("1..3.4"), 1, -1, -1, -1);
-}
-
-TEST_F(ScanAddressTest, TheTailIsOneTokenAndATooLongOneLeavesAnEmptyBuffer) {
-  EXPECT_EQ(Scan("1.2.3.4x").tail, "x");
-  EXPECT_EQ(Scan("1.2.3.4  x y").tail, "x");
-  EXPECT_EQ(Scan("1.2.3.4.5").tail, ".5");
-  EXPECT_EQ(Scan("1.2.3.4123456789012345x").parts[3], INT_MAX);
-  const Parsed fits = Scan("1.2.3.4 abcdefghijklmno");
-  EXPECT_EQ(fits.result, 5);
-  EXPECT_EQ(fits.tail, "abcdefghijklmno");
-  const Parsed tooLong = Scan("1.2.3.4 abcdefghijklmnop");
-  EXPECT_EQ(tooLong.result, 4);
-  EXPECT_EQ(tooLong.tail, "");
-  ExpectParts(tooLong, 1, 2, 3, 4);
-}
-
-TEST_F(ScanAddressTest, NumbersBeyondAnIntBecomeTheNearestInt) {
-  ExpectParts(Scan("2147483647.-2147483648.2147483648.-2147483649"), INT_MAX, INT_MIN, INT_MAX,
-              INT_MIN);
-  ExpectParts(Scan("4294967297.99999999999999999999999999.-99999999999999999999999999.4"), INT_MAX,
-              INT_MAX, INT_MIN, 4);
 }
 
 TEST_F(SecurecTest, AnUnusableTokenBufferOrAnUnknownConversionEndsTheScan) {
@@ -220,16 +184,14 @@ TEST_F(SecurecTest, AnUnusableTokenBufferOrAnUnknownConversionEndsTheScan) {
   EXPECT_EQ(sscanf_s("7 8", "%d %f", &number, m_buffer), 1);
   EXPECT_EQ(sscanf_s("7 8", "%d %", &number), 1);
   EXPECT_EQ(sscanf_s(nullptr, "%d", &number), -1);
-}
 
-TEST_F(SecurecTest, TokensAreCutInPlaceUntilNoneIsLeft) {
   char text[] = ";;a;b;";
   char* rest = nullptr;
   EXPECT_STREQ(strtok_s(text, ";", &rest), "a");
   EXPECT_STREQ(strtok_s(nullptr, ";", &rest), "b");
   EXPECT_EQ(strtok_s(nullptr, ";", &rest), nullptr);
-  char* none = nullptr;
-  EXPECT_EQ(strtok_s(nullptr, ";", &none), nullptr);
+  rest = nullptr;
+  EXPECT_EQ(strtok_s(nullptr, ";", &rest), nullptr);
 }
 
 }  // namespace

@@ -2,12 +2,10 @@
 // damaged or killed.
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -17,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Child.h"
 #include "support/TempDir.h"
 #include "track/TrackSpool.h"
 
@@ -84,6 +83,8 @@ TEST_F(TrackSpoolTest, FindsItsRecordsAgainInOrderAndShowsNoneOfThemOnDisk) {
   Reopen();
   Append({"fourth"});
   EXPECT_EQ(m_spool->Pending(), 4U);
+  TrackSpool other(m_dir.Path() + "/", m_key, m_limits);
+  EXPECT_FALSE(other.Open(NowMs())) << "the directory is taken";
   EXPECT_EQ(Read(), (Texts{kThree[0], kThree[1], kThree[2], "fourth"}));
   ASSERT_EQ(Files().size(), 2U);  // the file of another process is never appended to
   for (const std::string& file : Files()) {
@@ -175,20 +176,16 @@ TEST_F(TrackSpoolTest, RemovesOnlyWhatWasAcceptedAlsoAcrossAStart) {
   EXPECT_EQ(Read(), (Texts{"7", "8"}));
 }
 
-TEST_F(TrackSpoolTest, DropsTheOldestFilesForItsLimitsAndCountsThem) {
-  const auto fill = [&](TrackSpool& spool, std::uint64_t* stored) {
-    for (int i = 0; i < 500; ++i, ++*stored) ASSERT_TRUE(spool.Append(std::to_string(i), kNowMs));
-  };
+TEST_F(TrackSpoolTest, DropsTheOldestFilesForItsLimitsAndTheirAgeAndCountsThem) {
   for (const bool byBytes : {true, false}) {
     m_limits = TrackLimits();
     m_limits.fileBytes = 500;
     (byBytes ? m_limits.bytes : m_limits.records) = byBytes ? 5000 : 100;
     Reopen();
-    std::uint64_t stored = 0;
-    fill(*m_spool, &stored);
+    for (int i = 0; i < 500; ++i) ASSERT_TRUE(m_spool->Append(std::to_string(i), kNowMs));
     EXPECT_LE(m_spool->Pending(), byBytes ? 5000 / 25 : 100U);
     EXPECT_GT(m_spool->Pending(), byBytes ? 4000 / 28 : 50U);
-    EXPECT_EQ(m_spool->TakeDropped() + m_spool->Pending(), stored);
+    EXPECT_EQ(m_spool->TakeDropped() + m_spool->Pending(), 500U);
     EXPECT_EQ(Read().back(), "499");
     std::uintmax_t bytes = 0;
     for (const std::string& file : Files()) bytes += fs::file_size(file);
@@ -198,23 +195,13 @@ TEST_F(TrackSpoolTest, DropsTheOldestFilesForItsLimitsAndCountsThem) {
     EXPECT_TRUE(Files().empty());
     EXPECT_FALSE(m_spool->Append(std::string(m_limits.bytes, 'x'), kNowMs));
   }
-}
-
-TEST_F(TrackSpoolTest, DropsWhatIsTooOldFileByFile) {
+  m_limits = TrackLimits();
   Reopen();
   ASSERT_TRUE(m_spool->Append("old", kNowMs));
   ASSERT_TRUE(m_spool->Append("of the next day", kNowMs + kDayMs + 1));  // begins another file
   ASSERT_TRUE(m_spool->Append("new", kNowMs + 7 * kDayMs + 2));
   EXPECT_EQ(Read(), (Texts{"of the next day", "new"}));
   EXPECT_EQ(m_spool->TakeDropped(), 1U);
-}
-
-TEST_F(TrackSpoolTest, TakesNoDirectoryThatAnotherOneHas) {
-  Reopen();
-  Append({"kept"});
-  TrackSpool other(m_dir.Path() + "/", m_key, m_limits);
-  EXPECT_FALSE(other.Open(NowMs()));
-  EXPECT_EQ(Read(), (Texts{"kept"}));
 }
 
 TEST_F(TrackSpoolTest, PurgesWhileItIsReadAndGoesOn) {
@@ -234,17 +221,9 @@ TEST_F(TrackSpoolTest, PurgesWhileItIsReadAndGoesOn) {
   EXPECT_EQ(m_spool->Pending(), 1U);
 }
 
-int RunInChild(const std::function<bool()>& body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body() ? 0 : 1);
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return status;
-}
-
 // A full disk: the record that did not fit is refused, those before and after it are whole.
 TEST_F(TrackSpoolTest, LosesNothingToADiskThatIsFullForAWhile) {
-  const int status = RunInChild([&] {
+  EXPECT_TRUE(support::InChild([&] {
     TrackSpool spool(m_dir.Path() + "/", m_key, m_limits);
     if (!spool.Open(NowMs()) || !spool.Append("before", NowMs())) return false;
     signal(SIGXFSZ, SIG_IGN);
@@ -257,67 +236,54 @@ TEST_F(TrackSpoolTest, LosesNothingToADiskThatIsFullForAWhile) {
     }
     setrlimit(RLIMIT_FSIZE, &limit);
     return spool.Append("after", NowMs());
-  });
-  ASSERT_EQ(status, 0);
+  }));
   Reopen();
   EXPECT_EQ(Read(), (Texts{"before", "after"}));
   EXPECT_EQ(Files().size(), 2U);
 }
 
-// Each child appends numbered records, tells the number of each one that is acknowledged, accepts
-// some of them and is killed at a random moment.
-class Killed {
- public:
-  Killed(const std::string& directory, const TrackKey& key) : m_directory(directory), m_key(key) {}
-
-  // Kills the child some time after so many acknowledgements. Returns the last number acknowledged.
-  int Round(int next, std::uint_fast32_t acknowledgements, std::uint_fast32_t laterUs) const {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = fork();
-    if (child == 0) Work(next, ends[1]);
-    close(ends[1]);
-    int acknowledged = next - 1;
-    const auto takeOne = [&] {
-      return read(ends[0], &acknowledged, sizeof(acknowledged)) == sizeof(acknowledged);
-    };
-    for (; acknowledgements > 0; --acknowledgements) EXPECT_TRUE(takeOne());
-    std::this_thread::sleep_for(std::chrono::microseconds(laterUs));
-    kill(child, SIGKILL);
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    while (takeOne()) {
-    }
-    close(ends[0]);
-    return acknowledged;
-  }
-
- private:
-  [[noreturn]] void Work(int next, int pipeEnd) const {
+// A child appends numbered records from `next` on and tells the number of each acknowledged one; it
+// is killed some time after so many. Returns the last number acknowledged.
+int AppendUntilKilled(const std::string& directory, const TrackKey& key, int next,
+                      std::uint_fast32_t acknowledgements, std::uint_fast32_t laterUs) {
+  int ends[2];
+  EXPECT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
     TrackLimits limits;
     limits.fileBytes = 4096;
-    TrackSpool spool(m_directory, m_key, limits);
-    if (!spool.Open(NowMs())) _exit(1);
-    for (;; ++next) {
-      const std::string text =
-          std::to_string(next) + std::string(static_cast<std::size_t>(next % 200), '.');
-      if (!spool.Append(text, NowMs())) _exit(1);
-      if (write(pipeEnd, &next, sizeof(next)) != sizeof(next)) _exit(1);
+    TrackSpool spool(directory, key, limits);
+    bool works = spool.Open(NowMs());
+    for (; works; ++next) {
+      const std::string dots(static_cast<std::size_t>(next % 200), '.');
+      works = spool.Append(std::to_string(next) + dots, NowMs()) &&
+              write(ends[1], &next, sizeof(next)) == sizeof(next);
     }
+    _exit(1);
   }
-  const std::string m_directory;
-  const TrackKey m_key;
-};
+  close(ends[1]);
+  int acknowledged = next - 1;
+  const auto takeOne = [&] {
+    return read(ends[0], &acknowledged, sizeof(acknowledged)) == sizeof(acknowledged);
+  };
+  for (; acknowledgements > 0; --acknowledgements) EXPECT_TRUE(takeOne());
+  std::this_thread::sleep_for(std::chrono::microseconds(laterUs));
+  kill(child, SIGKILL);
+  EXPECT_EQ(support::WaitFor(child), -SIGKILL);
+  while (takeOne()) {
+  }
+  close(ends[0]);
+  return acknowledged;
+}
 
 constexpr int kKillRounds = 100;
 
 TEST_F(TrackSpoolTest, FindsEachAcknowledgedRecordOnceHoweverOftenItIsKilled) {
-  const Killed killed(m_dir.Path() + "/", m_key);
   std::minstd_rand random(20240611);
   int next = 1;
   for (int round = 0; round < kKillRounds; ++round) {
-    const int acknowledged = killed.Round(next, random() % 30, random() % 500);
+    const int acknowledged =
+        AppendUntilKilled(m_dir.Path() + "/", m_key, next, random() % 30, random() % 500);
     Reopen();
     // One more may be there: stored, but killed before it could be acknowledged.
     Texts records = Read();

@@ -116,31 +116,21 @@ class TrackUploadTest : public testing::Test {
   std::unique_ptr<TrackUploader> m_uploader;
 };
 
-TEST_F(TrackUploadTest, SendsFullBatchesOnceAndInOrder) {
+TEST_F(TrackUploadTest, SendsFullBatchesOnceAndInOrderAndGivesARefusedOneUp) {
+  m_options.batchBytes = 5000;
+  m_options.interval = 5ms;  // by itself
+  m_transport->Answer({{TrackOutcome::kRefused, 0, "status 400"}});
   StoreNumbers(1100);
+  for (const std::size_t size : {3000U, 3000U, 9000U, 10U}) Store(std::string(size, 'x'));
   Start();
-  const std::vector<std::string> sent = Sent(3);
-  ASSERT_EQ(sent.size(), 1100U);
-  for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(sent[i], std::to_string(i));
-  const auto batches = m_transport->WaitForBatches(3);
-  EXPECT_EQ(batches[0].size(), 512U);
-  EXPECT_EQ(batches[1].size(), 512U);
-  EXPECT_EQ(batches[2].size(), 76U);
-  EXPECT_EQ(m_spool->Pending(), 0U);
-}
-
-TEST_F(TrackUploadTest, EndsABatchAtItsLimitOfBytes) {
-  m_options.batchBytes = 1000;
-  const std::vector<std::size_t> sizes = {400, 400, 400, 5000, 10};
-  for (const std::size_t size : sizes) Store(std::string(size, 'x'));
-  Start();
-  m_uploader->Request();
-  m_transport->WaitForBatches(4);
-  EXPECT_TRUE(m_uploader->Stop(kDeadline));
+  const std::vector<std::string> sent = Sent(6);
+  ASSERT_EQ(sent.size(), 1104U);
+  for (std::size_t i = 0; i < 1100; ++i) ASSERT_EQ(sent[i], std::to_string(i));
   std::vector<std::size_t> counts;
-  for (const auto& batch : m_transport->WaitForBatches(4)) counts.push_back(batch.size());
-  EXPECT_EQ(counts, (std::vector<std::size_t>{2, 1, 1, 1}));
+  for (const auto& batch : m_transport->WaitForBatches(6)) counts.push_back(batch.size());
+  EXPECT_EQ(counts, (std::vector<std::size_t>{512, 512, 77, 1, 1, 1}));
   EXPECT_EQ(m_spool->Pending(), 0U);
+  EXPECT_EQ(Problems(), std::vector<std::string>{"track: 512 events given up, status 400"});
 }
 
 TEST_F(TrackUploadTest, SendsAgainUntilItIsAcceptedAndNotBeforeItMay) {
@@ -158,16 +148,6 @@ TEST_F(TrackUploadTest, SendsAgainUntilItIsAcceptedAndNotBeforeItMay) {
   EXPECT_TRUE(m_uploader->Stop(kDeadline));
   EXPECT_EQ(m_spool->Pending(), 0U);
   EXPECT_EQ(Problems(), std::vector<std::string>{"track: events wait, status 503"});
-}
-
-TEST_F(TrackUploadTest, GivesUpARefusedBatchWithOneReportAndGoesOn) {
-  m_options.batchEvents = 2;
-  m_transport->Answer({{TrackOutcome::kRefused, 0, "status 400"}});
-  StoreNumbers(3);
-  Start();
-  EXPECT_EQ(Sent(2), (std::vector<std::string>{"0", "1", "2"}));
-  EXPECT_EQ(m_spool->Pending(), 0U);
-  EXPECT_EQ(Problems(), std::vector<std::string>{"track: 2 events given up, status 400"});
 }
 
 TEST_F(TrackUploadTest, KeepsWhatWasNotSentWhenItIsStoppedDuringABackOff) {
@@ -197,28 +177,6 @@ TEST_F(TrackUploadTest, LeavesAHangingExchangeBehindAndStillSendsEachEventOnce) 
   m_transport->Hang(false);
   EXPECT_EQ(Sent(2), (std::vector<std::string>{"0", "1", "2"}));
   EXPECT_EQ(m_spool->Pending(), 0U);
-}
-
-TEST_F(TrackUploadTest, SendsNothingAfterAPurgeButWhatCameLater) {
-  StoreNumbers(3);
-  m_spool->Purge();
-  Start();
-  m_uploader->Request();
-  Store("later");
-  m_uploader->EventAdded(m_spool->Pending());
-  EXPECT_TRUE(m_uploader->Stop(kDeadline));
-  EXPECT_EQ(m_transport->WaitForBatches(1), (std::vector<std::vector<std::string>>{{"later"}}));
-}
-
-TEST_F(TrackUploadTest, SendsByItselfWhenTheIntervalIsOver) {
-  m_options.interval = 5ms;
-  Start();
-  for (int i = 1; i <= 3; ++i) {
-    Store(std::to_string(i));
-    m_uploader->EventAdded(m_spool->Pending());
-    m_transport->WaitForBatches(static_cast<std::size_t>(i));
-  }
-  EXPECT_EQ(Sent(3), (std::vector<std::string>{"1", "2", "3"}));
 }
 
 }  // namespace

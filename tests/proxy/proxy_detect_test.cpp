@@ -78,6 +78,7 @@ TEST_F(ProxyDetectTest, TheFirstProbeAnswersAndEachDifferenceIsAnnounced) {
     std::string answer, later;
     Servers announced;
   };
+  int ended = 0;
   for (const Case& c : {Case{ProxyProbes::kDirect, "", "proxy.a", {"proxy.a"}},
                         Case{ProxyProbes::kProxied, "proxy.b", "", {"proxy.b", ""}}}) {
     TestDetect& detect = TestDetect::Make();
@@ -104,6 +105,13 @@ TEST_F(ProxyDetectTest, TheFirstProbeAnswersAndEachDifferenceIsAnnounced) {
     EXPECT_EQ(decided.Await(2).back(), c.later);
     EXPECT_EQ(asked.Count(), 1U);
     EXPECT_EQ(superseded.Count(), 0U);
+    detect.SetUserInfo(Proxy(c.answer + c.later), kUrl);  // the same: still decided
+    EXPECT_EQ(detect.GetProxy(&decided), 0U);
+    detect.SetUserInfo(Proxy(c.answer + c.later, 8080), kUrl);
+    EXPECT_EQ(detect.GetProxy(&decided), kUnfinished);
+    m_probes->Finish(ProxyProbes::kDirect, 7);
+    m_probes->Finish(ProxyProbes::kProxied, 7);
+    AwaitLog("detectproxy=", ended += 4);
   }
 }
 
@@ -133,24 +141,7 @@ TEST_F(ProxyDetectTest, TwoFailuresLeaveTheQuestionOpenUntilSomethingChanges) {
   m_probes->Finish(ProxyProbes::kDirect, 7);
 }
 
-TEST_F(ProxyDetectTest, OnlyOtherSettingsForgetADecision) {
-  m_detect.SetUserInfo(Proxy("proxy.example"), kUrl);
-  ProxyRecorder asked;
-  EXPECT_EQ(m_detect.GetProxy(&asked), kUnfinished);
-  m_probes->Finish(ProxyProbes::kDirect, 0);
-  EXPECT_EQ(asked.Await(1), Servers{""});
-  m_detect.SetUserInfo(Proxy("proxy.example"), kUrl);
-  EXPECT_EQ(m_detect.GetProxy(&asked), 0U);  // decided, and now names the user's proxy
-  EXPECT_EQ(asked.Await(2).back(), "proxy.example");
-  m_detect.SetUserInfo(Proxy("proxy.example", 8080), kUrl);
-  EXPECT_EQ(m_detect.GetProxy(&asked), kUnfinished);
-  m_probes->AwaitBegun(4);
-  m_probes->Finish(ProxyProbes::kDirect, 7);
-  m_probes->Finish(ProxyProbes::kProxied, 7);
-  m_probes->Finish(ProxyProbes::kProxied, 7);
-}
-
-TEST_F(ProxyDetectTest, SendsTheSettingsAndKeepsSecretsOutOfTheLog) {
+TEST_F(ProxyDetectTest, SendsTheSettingsWhereTheyFitAndKeepsSecretsOutOfTheLog) {
   ORB_HTTP_REQUEST seen = {};
   ORB_HTTP_PROXY proxy = {};
   support::SetHttpExchange([&](ORB_HTTP_REQUEST& request) {
@@ -179,6 +170,13 @@ TEST_F(ProxyDetectTest, SendsTheSettingsAndKeepsSecretsOutOfTheLog) {
     EXPECT_EQ(line.find("pa ss"), std::string::npos) << line;
     EXPECT_EQ(line.find("name:word"), std::string::npos) << line;
   }
+  ProxyInfo tooLong = Proxy("proxy.example");
+  tooLong.setProxyAccount(std::string(256, 'u'));
+  m_detect.SetUserInfo(tooLong, std::string(2048, 'x'));
+  EXPECT_EQ(m_detect.detectURL(tooLong), 0);
+  EXPECT_STREQ(seen.url, "");
+  EXPECT_STREQ(proxy.user, "");
+  EXPECT_EQ(support::CountLogPrefix("secure function return err: ", 0), 1);
 }
 
 TEST_F(ProxyDetectTest, NoLineShowsWhatWasPastedIntoAnAddress) {
@@ -201,24 +199,6 @@ TEST_F(ProxyDetectTest, NoLineShowsWhatWasPastedIntoAnAddress) {
     EXPECT_EQ(line.find("word@"), std::string::npos) << line;
   }
   EXPECT_EQ(support::CountLog("GetProxy return: SUCCESS: https:///***@h/p"), 1);
-}
-
-TEST_F(ProxyDetectTest, TextsThatDoNotFitAreSentEmptyAndReported) {
-  std::string url = "unset";
-  std::string account = "unset";
-  support::SetHttpExchange([&](ORB_HTTP_REQUEST& request) {
-    if (request.proxy == nullptr) return 7;
-    url = request.url;
-    account = request.proxy->user;
-    return 7;
-  });
-  ProxyInfo proxy = Proxy("proxy.example");
-  proxy.setProxyAccount(std::string(256, 'u'));
-  m_detect.SetUserInfo(proxy, std::string(2048, 'x'));
-  EXPECT_EQ(m_detect.detectURL(proxy), 1);
-  EXPECT_EQ(url, "");
-  EXPECT_EQ(account, "");
-  EXPECT_EQ(support::CountLogPrefix("secure function return err: ", 0), 1);
 }
 
 TEST_F(ProxyDetectTest, ThreadsThatCannotStartAreReportedEach) {

@@ -15,7 +15,6 @@
 #include "proxy/proxy_detect.h"
 #include "publicInc/CommonUtilEntry.h"
 #include "publicInc/ProxyReply.h"
-#include "publicInc/ResultCode.h"
 #include "support/HttpPeers.h"
 
 namespace {
@@ -24,7 +23,6 @@ using commonutil::ProxyDetect;
 using commonutil::ProxyInfo;
 using support::ProxyRecorder;
 
-constexpr unsigned int kUnfinished = commonutil::kProxyUnfinished;
 constexpr std::uint16_t kDeadPort = 1;
 
 std::string Url(std::uint16_t port, const char* path) {
@@ -102,21 +100,6 @@ TEST(ProxyPeersTest, WhatGetsThroughFirstIsTheAnswer) {
     const std::string answer = Ask();
     EXPECT_TRUE(c.answer.empty() || answer == c.answer) << c.what;
   }
-}
-
-TEST(ProxyPeersTest, TwoDeadWaysAnswerOnceThereAreOtherSettings) {
-  const auto proxy = support::StartSquid(support::ProxyAccess::kOpen);
-  ProxyDetect& detect = ProxyDetect::GetInstance();
-  detect.SetUserInfo(Proxy(kDeadPort, "x"), Url(kDeadPort, "/"));
-  ProxyRecorder early;
-  EXPECT_EQ(detect.GetProxy(&early), kUnfinished);
-  EXPECT_EQ(detect.detectURL(ProxyInfo()), 1);
-  EXPECT_EQ(detect.detectURL(Proxy(kDeadPort, "x")), 1);
-  ProxyRecorder superseded;
-  EXPECT_EQ(detect.GetProxy(&superseded), kUnfinished);
-  detect.SetUserInfo(Proxy(proxy->Port(), "x"), Url(kDeadPort, "/"));
-  EXPECT_EQ(Ask(), "proxy");
-  EXPECT_EQ(early.Count() + superseded.Count(), 0U);
 }
 
 }  // namespace

@@ -2,16 +2,13 @@
 // initialises once, so each start is a child of its own.
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -21,6 +18,7 @@
 #include "CommonUtil.h"
 #include "cacheDB/CommonUtilDBInterface.h"
 #include "prax/prax_ref.h"
+#include "support/Child.h"
 #include "support/TempDir.h"
 #include "zel_platform/track.h"
 
@@ -69,21 +67,13 @@ Outcome Start(const std::string& dir) {
   return HasRow() ? kRowMissing : kWrong;
 }
 
-int WaitFor(pid_t child) {
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
 // One start in a child of its own, which ends tracking so that its events are in their file.
 int StartOnce(const std::string& dir) {
-  const pid_t child = fork();
-  if (child == 0) {
+  return support::InChild([&] {
     const Outcome outcome = Start(dir);
     (void)Track_Uninit();
-    _exit(outcome);
-  }
-  return WaitFor(child);
+    return outcome;
+  });
 }
 
 class StartupTest : public testing::Test {
@@ -92,7 +82,6 @@ class StartupTest : public testing::Test {
 
   void FirstStart() { ASSERT_EQ(StartOnce(m_dir.Path()), kRowMissing); }
   int NextStart() { return StartOnce(m_dir.Path()); }
-  std::string Salt() const { return support::ReadWholeFile(m_salt); }
 
   support::TempDir m_dir;
   const std::string m_salt = m_dir.File("sdkcache_config.db");
@@ -124,18 +113,31 @@ void Flip(const std::string& path, std::size_t position) {
   support::WriteWholeFile(path, content);
 }
 
-TEST_F(StartupTest, MakesItsFilesAndFindsThemAgain) {
+TEST_F(StartupTest, MakesItsFilesFindsThemAgainAndLogsNeitherKeyNorDirectory) {
   FirstStart();
   EXPECT_EQ(ModeOf(m_salt), 0640U);
   EXPECT_EQ(ModeOf(m_database), 0640U);
   EXPECT_EQ(ModeOf(m_store), 0600U);
   EXPECT_EQ(ModeOf(m_backup), 0600U);
-  const std::string salt = Salt();
+  const std::string salt = support::ReadWholeFile(m_salt);
   EXPECT_EQ(LongestHexRun(salt), salt.find('|')) << salt;
   EXPECT_EQ(salt.size() - salt.find('|') - 1, 32U) << salt;
   EXPECT_EQ(support::ReadWholeFile(m_database).find(kValue), std::string::npos);
   EXPECT_EQ(NextStart(), kRowFound);
-  EXPECT_EQ(Salt(), salt);
+  EXPECT_EQ(support::ReadWholeFile(m_salt), salt);
+
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(m_dir.File("log"))) {
+    ++files;
+    const std::string text = support::ReadWholeFile(entry.path().string());
+    EXPECT_NE(text, "");
+    EXPECT_LT(LongestHexRun(text), 32U) << entry.path();
+    for (const std::string& secret :
+         {salt.substr(0, salt.find('|')), m_dir.Path(), std::string(kValue)}) {
+      EXPECT_EQ(text.find(secret), std::string::npos) << entry.path();
+    }
+  }
+  EXPECT_GE(files, 2U);
 }
 
 // The umask of a host once left files and directories that nobody could open: the next start, under
@@ -151,57 +153,43 @@ TEST_F(StartupTest, WhatItMakesUnderAnyUmaskStaysOpenToItsOwner) {
   }
 }
 
-TEST_F(StartupTest, ADamagedSaltFileCostsTheRowsButNotTheStart) {
-  for (const std::string& damaged :
-       {std::string(), std::string("|"), std::string("0123456789"), std::string("zz|zz"),
-        std::string("|0123"), std::string(65536, 'A'), std::string("\0\0|\0", 4)}) {
-    FirstStart();
-    support::WriteWholeFile(m_salt, damaged);
-    EXPECT_EQ(NextStart(), kRowMissing) << damaged.substr(0, 20);
+TEST_F(StartupTest, ADamagedSaltFileOrDatabaseCostsTheRowsButNotTheStart) {
+  FirstStart();
+  const std::string whole = support::ReadWholeFile(m_database);
+  const auto expectNew = [&](const std::string& path, const std::string& damaged) {
+    support::WriteWholeFile(path, damaged);
+    EXPECT_EQ(NextStart(), kRowMissing) << path << damaged.substr(0, 20);
     EXPECT_EQ(NextStart(), kRowFound);
-    fs::remove(m_database);
+  };
+  for (const std::string& salt :
+       {std::string(), std::string("|"), std::string("0123456789"), std::string("zz|zz"),
+        std::string(65536, 'A'), std::string("\0\0|\0", 4)}) {
+    expectNew(m_salt, salt);
   }
+  for (const std::string& database :
+       {std::string(), std::string("x"), std::string(20000, '\x5a'), whole.substr(0, 100),
+        std::string("SQLite format 3\0", 16) + whole.substr(16)}) {
+    expectNew(m_database, database);
+  }
+  Flip(m_database, 200);
+  EXPECT_EQ(NextStart(), kRowMissing);
   fs::remove(m_salt);
   EXPECT_EQ(NextStart(), kRowMissing);
   Flip(m_salt, 0);  // one digit of the encrypted secret
   EXPECT_EQ(NextStart(), kRowMissing);
 }
 
-TEST_F(StartupTest, ADamagedDatabaseIsMadeAnew) {
-  FirstStart();
-  const std::string whole = support::ReadWholeFile(m_database);
-  for (const std::string& damaged :
-       {std::string(), std::string("x"), std::string(20000, '\x5a'), whole.substr(0, 100),
-        std::string("SQLite format 3\0", 16) + whole.substr(16)}) {
-    support::WriteWholeFile(m_database, damaged);
-    EXPECT_EQ(NextStart(), kRowMissing) << damaged.size();
-    EXPECT_EQ(NextStart(), kRowFound);
-  }
-  Flip(m_database, 200);
-  EXPECT_EQ(NextStart(), kRowMissing);
-}
-
-TEST_F(StartupTest, ADirectoryInTheDatabasesPlaceFailsTheStartButTheLibraryAnswers) {
+TEST_F(StartupTest, APlaceThatCannotBeUsedFailsTheStartButTheLibraryAnswers) {
   fs::create_directories(m_database + "/full");
   EXPECT_EQ(NextStart(), kInitFailed);
+  support::WriteWholeFile(m_dir.File("file"), "in the way");
+  EXPECT_EQ(StartOnce(m_dir.File("file") + "/below"), kInitFailed);
 }
 
-TEST_F(StartupTest, OneDamagedOrMissingKeyStoreCopyHealsWithoutLoss) {
+TEST_F(StartupTest, OneKeyStoreCopyIsEnoughAndNoneStartsWithAnEmptyCache) {
   FirstStart();
-  const std::string good = support::ReadWholeFile(m_store);
-  for (const std::string& path : {m_store, m_backup}) {
-    Flip(path, good.size() / 2);
-    EXPECT_EQ(NextStart(), kRowFound) << path;
-    support::WriteWholeFile(path, "");
-    EXPECT_EQ(NextStart(), kRowFound) << path;
-    fs::remove(path);
-    EXPECT_EQ(NextStart(), kRowFound) << path;
-    EXPECT_EQ(support::ReadWholeFile(path), good) << path;
-  }
-}
-
-TEST_F(StartupTest, BothKeyStoreCopiesGoneStartsWithAnEmptyCache) {
-  FirstStart();
+  Flip(m_store, 20);
+  EXPECT_EQ(NextStart(), kRowFound);
   fs::remove(m_store);
   fs::remove(m_backup);
   EXPECT_EQ(NextStart(), kRowMissing);
@@ -209,11 +197,6 @@ TEST_F(StartupTest, BothKeyStoreCopiesGoneStartsWithAnEmptyCache) {
   support::WriteWholeFile(m_backup, "damaged");
   EXPECT_EQ(NextStart(), kRowMissing);
   EXPECT_EQ(NextStart(), kRowFound);
-}
-
-TEST_F(StartupTest, ADirectoryThatCannotBeMadeFailsTheStartButTheLibraryAnswers) {
-  support::WriteWholeFile(m_dir.File("file"), "in the way");
-  EXPECT_EQ(StartOnce(m_dir.File("file") + "/below"), kInitFailed);
 }
 
 // Once a start has succeeded, no cut-off of a later one may change the secret.
@@ -225,30 +208,13 @@ TEST_F(StartupTest, KilledAtAnyPointItLosesNeitherSecretNorRow) {
     if (child == 0) _exit(Start(m_dir.Path()));
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 120000));
     kill(child, SIGKILL);
-    const int outcome = WaitFor(child);
+    const int outcome = support::WaitFor(child);
     stored = stored || outcome == kRowMissing || outcome == kRowFound;
     if (round % 5 != 4) continue;
     const int next = NextStart();
     EXPECT_TRUE(next == kRowFound || (!stored && next == kRowMissing)) << round << ": " << next;
     stored = true;
   }
-}
-
-TEST_F(StartupTest, NoLogLineShowsAKeyOrTheDirectory) {
-  FirstStart();
-  ASSERT_EQ(NextStart(), kRowFound);
-  const std::string secret = Salt().substr(0, Salt().find('|'));
-  std::size_t files = 0;
-  for (const auto& entry : fs::directory_iterator(m_dir.File("log"))) {
-    ++files;
-    const std::string text = support::ReadWholeFile(entry.path().string());
-    EXPECT_NE(text, "");
-    EXPECT_LT(LongestHexRun(text), 32U) << entry.path();
-    EXPECT_EQ(text.find(secret), std::string::npos);
-    EXPECT_EQ(text.find(m_dir.Path()), std::string::npos);
-    EXPECT_EQ(text.find(kValue), std::string::npos);
-  }
-  EXPECT_GE(files, 2U);
 }
 
 }  // namespace

@@ -13,39 +13,27 @@ struct LogStream::Line {
 
 namespace {
 
+using support::Locked;
 using support::LogLine;
 
 struct LogRecords {
-  std::mutex lock;
   std::vector<LogLine> lines;
   std::vector<std::string> words;
   std::vector<support::LogOpening> openings;
   std::vector<std::string> closings;
-  int initResult = 0;
 };
 
-LogRecords& Records() {
-  static LogRecords* const instance = new LogRecords;
-  return *instance;
-}
-
-void Record(LogLine&& line) {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.lines.push_back(std::move(line));
-}
+void Record(LogLine&& line) { Locked<LogRecords>()->lines.push_back(std::move(line)); }
 
 template <class Matches>
 int CountLines(int level, Matches matches) {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
+  const Locked<LogRecords> records;
   int count = 0;
-  for (const LogLine& line : records.lines) {
+  for (const LogLine& line : records->lines) {
     if ((level == -1 || line.level == level) && matches(line.text)) ++count;
   }
   return count;
 }
-
 std::string OrEmpty(const char* text) { return text ? text : ""; }
 
 template <class T>
@@ -95,23 +83,16 @@ LogStream& LogStream::operator<<(unsigned long long value) {
 }
 
 int LogStream::InitLog(const char* module, const char* file, int sizeKb, int oldFiles, int level) {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.openings.push_back({OrEmpty(module), OrEmpty(file), sizeKb, oldFiles, level});
-  return records.initResult;
+  Locked<LogRecords>()->openings.push_back(
+      {OrEmpty(module), OrEmpty(file), sizeKb, oldFiles, level});
+  return 0;
 }
-
 void LogStream::UnInitLog(const char* module) {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.closings.push_back(OrEmpty(module));
+  Locked<LogRecords>()->closings.push_back(OrEmpty(module));
 }
 
 void LogStream::AddSensitiveWord(const std::string& word, const char*) {
-  if (word.empty()) return;
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.words.push_back(word);
+  if (!word.empty()) Locked<LogRecords>()->words.push_back(word);
 }
 
 std::string LogStream::FilterWord(const std::string& text, int) {
@@ -142,25 +123,8 @@ void LogOneLog_Write_EX(const char* module, int level, const char* function, con
 
 namespace support {
 
-void ClearLog() {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.lines.clear();
-  records.words.clear();
-  records.openings.clear();
-  records.closings.clear();
-}
-
-void ResetLog() {
-  ClearLog();
-  SetInitLogResult(0);
-}
-
-std::vector<LogLine> LogLines() {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  return records.lines;
-}
+void ClearLog() { *Locked<LogRecords>() = {}; }
+std::vector<LogLine> LogLines() { return Locked<LogRecords>()->lines; }
 
 std::vector<std::string> LogTexts() {
   std::vector<std::string> texts;
@@ -176,29 +140,8 @@ int CountLogPrefix(const std::string& prefix, int level) {
   return CountLines(
       level, [&](const std::string& line) { return line.compare(0, prefix.size(), prefix) == 0; });
 }
-
-std::vector<std::string> SensitiveWords() {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  return records.words;
-}
-
-std::vector<LogOpening> LogOpenings() {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  return records.openings;
-}
-
-std::vector<std::string> LogClosings() {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  return records.closings;
-}
-
-void SetInitLogResult(int result) {
-  LogRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.initResult = result;
-}
+std::vector<std::string> SensitiveWords() { return Locked<LogRecords>()->words; }
+std::vector<LogOpening> LogOpenings() { return Locked<LogRecords>()->openings; }
+std::vector<std::string> LogClosings() { return Locked<LogRecords>()->closings; }
 
 }  // namespace support

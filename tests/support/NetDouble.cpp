@@ -14,27 +14,27 @@
 
 namespace {
 
+using support::Locked;
 using support::PlatformCall;
-using support::TextOrNull;
 
 struct NetRecords {
-  std::mutex lock;
   support::NetScript script;
   std::function<int(ORB_HTTP_REQUEST&)> exchange;
   std::vector<PlatformCall> calls;
   std::map<int, int> settings;
 };
 
-NetRecords& Records() {
-  static NetRecords* const instance = new NetRecords;
-  return *instance;
+int Record(PlatformCall&& call) {
+  const Locked<NetRecords> records;
+  records->calls.push_back(std::move(call));
+  return records->script.result;
 }
 
-int Record(PlatformCall&& call) {
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.calls.push_back(std::move(call));
-  return records.script.result;
+template <class... Arguments>
+int Note(const char* function, Arguments... arguments) {
+  PlatformCall call{function, {}, {}};
+  support::AddTo(call, arguments...);
+  return Record(std::move(call));
 }
 
 // One of `10.0.0.0/8` and its like: an address in host byte order belongs to it.
@@ -49,6 +49,12 @@ constexpr Network kNotPublic[] = {{0x00000000, 8},  {0x0A000000, 8},  {0x6440000
 
 class CacheDouble : public ZELCache {
  public:
+  // The next so many stores; none: as at the start.
+  void Refuse(int count) {
+    std::lock_guard<std::mutex> hold(m_lock);
+    if (count == 0) m_values.clear();
+    m_refusals = count;
+  }
   int Get(const std::string& key, std::shared_ptr<std::string>& out) override {
     std::lock_guard<std::mutex> hold(m_lock);
     const auto entry = m_values.find(key);
@@ -70,16 +76,6 @@ class CacheDouble : public ZELCache {
     return m_values.erase(key) == 1 ? 0 : 1;
   }
 
-  void RefusePuts(int count) {
-    std::lock_guard<std::mutex> hold(m_lock);
-    m_refusals = count;
-  }
-  void Reset() {
-    std::lock_guard<std::mutex> hold(m_lock);
-    m_values.clear();
-    m_refusals = 0;
-  }
-
  private:
   std::mutex m_lock;
   std::map<std::string, std::shared_ptr<std::string>> m_values;
@@ -97,10 +93,9 @@ ZELCache::~ZELCache() = default;
 ZELCache* ZELCache::GetInstance() { return &Cache(); }
 
 int OrbGetGlobalInt32CfgWithDefVal(int number, int defaultValue) {
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  const auto entry = records.settings.find(number);
-  return entry == records.settings.end() ? defaultValue : entry->second;
+  const Locked<NetRecords> records;
+  const auto entry = records->settings.find(number);
+  return entry == records->settings.end() ? defaultValue : entry->second;
 }
 
 int orb_http_syn_send_ex(ORB_HTTP_REQUEST* request, int flags) {
@@ -111,43 +106,37 @@ int orb_http_syn_send_ex(ORB_HTTP_REQUEST* request, int flags) {
   }
   (void)Record(std::move(call));
 
-  NetRecords& records = Records();
-  std::function<int(ORB_HTTP_REQUEST&)> exchange;
-  {
-    std::lock_guard<std::mutex> hold(records.lock);
-    exchange = records.exchange;
-  }
+  const auto exchange = Locked<NetRecords>()->exchange;
   std::strcpy(request->requestId, "00000000000000000000000000000000");
   request->buffer1 = nullptr;
   request->buffer2 = nullptr;
   if (exchange) return exchange(*request);
-  std::lock_guard<std::mutex> hold(records.lock);
+  const Locked<NetRecords> records;
   int code = 0;
-  if (!records.script.httpCodes.empty()) {
-    code = records.script.httpCodes.front();
-    records.script.httpCodes.pop_front();
+  if (!records->script.httpCodes.empty()) {
+    code = records->script.httpCodes.front();
+    records->script.httpCodes.pop_front();
   }
-  if (code == 0) request->status = records.script.httpStatus;
+  if (code == 0) request->status = records->script.httpStatus;
   return code;
 }
 
 int orb_http_set_proxy(const char* domain, const char* user, const char* password,
                        unsigned short port) {
-  return Record(
-      {"orb_http_set_proxy", {TextOrNull(domain), TextOrNull(user), TextOrNull(password)}, {port}});
+  return Note(__func__, domain, user, password, port);
 }
 
 int orb_http_proxy_connect(unsigned int id, const char* host, unsigned short port) {
-  return Record({"orb_http_proxy_connect", {TextOrNull(host)}, {id, port}});
+  return Note(__func__, host, id, port);
 }
 
 // The detections report nothing by themselves.
 int orb_net_detect(int sno, void (*)(const tagNET_DETECT_PROCESS_RESULT*)) {
-  return Record({"orb_net_detect", {}, {sno}});
+  return Note(__func__, sno);
 }
 
 int orb_net_detect_jni(int type, void (*)(tagNET_DETECT_PROCESS_RESULT&), void*) {
-  return Record({"orb_net_detect_jni", {}, {type}});
+  return Note(__func__, type);
 }
 
 int orb_set_net_detect_srvs(const tagNET_DETECT_SRV* servers, unsigned int count) {
@@ -160,11 +149,10 @@ int orb_set_net_detect_srvs(const tagNET_DETECT_SRV* servers, unsigned int count
 }
 
 int GetNetDetectIps(std::vector<std::string>& list, bool flag) {
-  (void)Record({"GetNetDetectIps", {}, {flag}});
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  if (records.script.detectIps.empty()) return 1;
-  list = records.script.detectIps;
+  (void)Note(__func__, flag);
+  const Locked<NetRecords> records;
+  if (records->script.detectIps.empty()) return 1;
+  list = records->script.detectIps;
   return 0;
 }
 
@@ -177,83 +165,44 @@ bool orb_is_public_ipv4(unsigned int address) {
 }
 
 int orb_set_local_addr_str(const char* first, const char* second) {
-  return Record({"orb_set_local_addr_str", {TextOrNull(first), TextOrNull(second)}, {}});
+  return Note(__func__, first, second);
 }
-
 int orb_login_upload_audit_file(const tagLOGIN_AUDIT_UPLOAD* record) {
-  return Record({"orb_login_upload_audit_file", {record->path, record->name}, {}});
+  return Note(__func__, record->path, record->name);
 }
-
 int orb_login_report_audit_task(const tagLOGIN_AUDIT_REPORT* record) {
-  return Record({"orb_login_report_audit_task", {record->text}, {record->id, record->state}});
+  return Note(__func__, record->text, record->id, record->state);
 }
-
 int orb_login_query_audit_task(const tagLOGIN_AUDIT_QUERY* record) {
-  return Record({"orb_login_query_audit_task", {record->text}, {record->id}});
+  return Note(__func__, record->text, record->id);
 }
-
-int orb_login_set_smartroom_param(const char* text) {
-  return Record({"orb_login_set_smartroom_param", {TextOrNull(text)}, {}});
-}
-
+int orb_login_set_smartroom_param(const char* text) { return Note(__func__, text); }
 int orb_confctrl_set_terminal_public_sdk_param(const tagCONFCTRL_TERMINAL_PUBLIC_SDK* record) {
-  return Record({"orb_confctrl_set_terminal_public_sdk_param",
-                 {record->uuid, record->account, record->gantryIp, record->sbcIp},
-                 {}});
+  return Note(__func__, record->uuid, record->account, record->gantryIp, record->sbcIp);
 }
-
-void orb_dns_register_log_func(void (*log)(const char* text)) {
-  (void)Record({"orb_dns_register_log_func", {}, {log != nullptr}});
-}
-
-void orb_dns_set_log_level(int level) { (void)Record({"orb_dns_set_log_level", {}, {level}}); }
-
-void orb_websocket_reg_log_fn(void (*log)(const char* text)) {
-  (void)Record({"orb_websocket_reg_log_fn", {}, {log != nullptr}});
-}
+void orb_dns_register_log_func(void (*log)(const char* text)) { (void)Note(__func__, log); }
+void orb_dns_set_log_level(int level) { (void)Note(__func__, level); }
+void orb_websocket_reg_log_fn(void (*log)(const char* text)) { (void)Note(__func__, log); }
 
 namespace support {
 
-void SetNetScript(const NetScript& script) {
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.script = script;
-}
-
+void SetNetScript(const NetScript& script) { Locked<NetRecords>()->script = script; }
 void SetHttpExchange(std::function<int(ORB_HTTP_REQUEST&)> exchange) {
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.exchange = std::move(exchange);
+  Locked<NetRecords>()->exchange = std::move(exchange);
 }
-
-std::vector<PlatformCall> NetCalls() {
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  return records.calls;
-}
+std::vector<PlatformCall> NetCalls() { return Locked<NetRecords>()->calls; }
 
 int CountNet(const std::string& function) {
   int count = 0;
   for (const PlatformCall& call : NetCalls()) count += call.function == function;
   return count;
 }
-
-void SetIntegerSetting(int number, int value) {
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.settings[number] = value;
-}
-
-void RefuseCachePuts(int count) { Cache().RefusePuts(count); }
+void SetIntegerSetting(int number, int value) { Locked<NetRecords>()->settings[number] = value; }
+void RefuseCachePuts(int count) { Cache().Refuse(count); }
 
 void ResetNet() {
-  Cache().Reset();
-  NetRecords& records = Records();
-  std::lock_guard<std::mutex> hold(records.lock);
-  records.script = {};
-  records.exchange = nullptr;
-  records.calls.clear();
-  records.settings.clear();
+  Cache().Refuse(0);
+  *Locked<NetRecords>() = {};
 }
 
 }  // namespace support

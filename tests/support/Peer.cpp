@@ -20,6 +20,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "LoopbackServer.h"
+
 namespace support {
 
 namespace {
@@ -72,11 +74,9 @@ bool IsFree(std::uint16_t port, int type) {
 }
 
 bool Accepts(std::uint16_t port) {
-  const sockaddr_in address = Loopback(port);
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool accepts = fd >= 0 && ::connect(fd, Generic(address), sizeof(address)) == 0;
-  if (fd >= 0) ::close(fd);
-  return accepts;
+  const int connection = zelctl::ConnectLoopback(port);
+  if (connection >= 0) ::close(connection);
+  return connection >= 0;
 }
 
 void Replace(std::string* text, const std::string& name, const std::string& value) {

@@ -23,7 +23,7 @@ std::string FormatText(const char* format, va_list arguments) {
 
 void ResetPlatformDouble() {
   PRAX_Ref_Reset();
-  ResetLog();
+  ClearLog();
   ResetZorm();
   ResetTrack();
   ResetNet();

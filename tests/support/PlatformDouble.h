@@ -23,11 +23,8 @@ struct LogLine {
   std::string text;  // as written, before any masking
 };
 
-// --- Log ---------------------------------------------------------------------
-
 void ClearLog();
 std::vector<LogLine> LogLines();
-// The texts of all lines, in order.
 std::vector<std::string> LogTexts();
 // Lines whose text is exactly `text`; a `level` of -1 takes any.
 int CountLog(const std::string& text, int level = -1);
@@ -43,15 +40,12 @@ struct LogOpening {
   int oldFiles;
   int level;
 };
-// Since the last ClearLog, in order; a refused opening is recorded too.
+// Since the last ClearLog, in order.
 std::vector<LogOpening> LogOpenings();
 std::vector<std::string> LogClosings();  // the modules
-void SetInitLogResult(int result);
-
-// --- Key management ------------------------------------------------------------
 
 // Each store path has its own key, kept in this process while the store lasts: a start that
-// returns kZormStoreDamaged loses it, as does ForgetZormKeys. No file is made.
+// returns kZormStoreDamaged loses it. No file is made.
 struct ZormScript {
   std::deque<int> startCodes;  // returned by the next starts; 0, or an ordinary start, when empty
   std::deque<int> stopCodes;
@@ -62,9 +56,6 @@ struct ZormScript {
 void SetZormScript(const ZormScript& script);
 // "start <log>|<store>|<backup>", "stop", "encrypt", "decrypt", in order.
 std::vector<std::string> ZormCalls();
-void ForgetZormKeys();
-
-// --- Tracking ------------------------------------------------------------------
 
 // Texts and numbers in the order of the arguments and of the record's fields.
 struct PlatformCall {
@@ -82,8 +73,6 @@ void SetTrackResult(int result);
 // Calls what setAddCacheFun registered, as the tracking library would; -1 without one.
 int CallCacheBatchAdd(const void* entries, int count);
 int CallCacheQuery(const char* key, void* out, int* count);
-
-// --- Network, login, settings, memory cache ----------------------------------------
 
 struct NetScript {
   std::deque<int> httpCodes;  // returned by the next exchanges; 0 when empty

@@ -1,21 +1,19 @@
 #include <unistd.h>
 
-#include <array>
 #include <climits>
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <mutex>
-#include <optional>
 
 #include "DoubleInternals.h"
 #include "PlatformDouble.h"
+#include "zel_platform/crypto.h"
 #include "zel_platform/zorm.h"
 
-// A cipher text is a nonce, the masked text and a check value over both. Every step depends on
-// the key, but nothing here is secret: it only has to notice what the real component notices.
+// A cipher text is a nonce, the masked text and a check value over both.
 namespace {
+
+using support::Locked;
 
 constexpr unsigned int kNonceBytes = 12;
 constexpr unsigned int kCheckBytes = 16;
@@ -28,52 +26,31 @@ constexpr int kTooSmall = 4;
 constexpr int kNotGenuine = 5;
 
 struct ZormService {
-  std::mutex lock;
   support::ZormScript script;
   std::vector<std::string> calls;
-  std::map<std::string, std::uint64_t> keys;  // by store path
-  std::optional<std::uint64_t> runningKey;
-  std::uint64_t lastNumber = 0;  // the source of keys and nonces, never used twice
+  std::map<std::string, std::string> keys;  // by store path
+  std::string runningKey;                   // empty: not running
+  unsigned long lastNumber = 0;             // the source of keys and nonces, never used twice
 };
+using Service = Locked<ZormService>;
 
-ZormService& Service() {
-  static ZormService* const instance = new ZormService;
-  return *instance;
-}
-
-// Spreads a number over 64 bits (the finaliser of SplitMix64).
-std::uint64_t Mix(std::uint64_t value) {
-  value += 0x9E3779B97F4A7C15u;
-  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
-  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
-  return value ^ (value >> 31);
-}
-
-// Any change of a single byte changes the result for certain, other changes very likely.
-std::uint64_t Digest(std::uint64_t seed, const unsigned char* bytes, std::size_t length) {
-  std::uint64_t digest = Mix(seed);
-  for (std::size_t i = 0; i < length; ++i) digest = (digest ^ bytes[i]) * 0x100000001B3u;
-  return Mix(digest);
-}
-
-void PutNumber(std::uint64_t number, unsigned char* out) {
-  for (int i = 0; i < 8; ++i) out[i] = static_cast<unsigned char>(number >> (8 * i));
-}
-
-std::array<unsigned char, kCheckBytes> CheckValue(std::uint64_t key, const unsigned char* bytes,
-                                                  std::size_t length) {
-  std::array<unsigned char, kCheckBytes> check;
-  PutNumber(Digest(key, bytes, length), check.data());
-  PutNumber(Digest(~key, bytes, length), check.data() + 8);
-  return check;
+// So many bytes that depend on every byte of the key and the text.
+std::string Derived(const std::string& key, const unsigned char* text, unsigned int length,
+                    unsigned int wanted) {
+  std::string bytes(wanted + 1, '\0');  // a key of no bytes is refused
+  (void)orb_pkcs5_derivekey_ex(
+      text, length, 1, wanted + 1, reinterpret_cast<const unsigned char*>(key.data()),
+      static_cast<unsigned int>(key.size()), reinterpret_cast<unsigned char*>(bytes.data()));
+  bytes.pop_back();
+  return bytes;
 }
 
 // Its own inverse.
-void MaskBytes(std::uint64_t key, const unsigned char* nonce, const unsigned char* in,
-               std::size_t length, unsigned char* out) {
-  const std::uint64_t start = Digest(key + 1, nonce, kNonceBytes);
-  for (std::size_t i = 0; i < length; ++i) {
-    out[i] = static_cast<unsigned char>(in[i] ^ Mix(start + i));
+void MaskBytes(const std::string& key, const unsigned char* nonce, const unsigned char* in,
+               unsigned int length, unsigned char* out) {
+  const std::string mask = Derived("m" + key, nonce, kNonceBytes, length);
+  for (unsigned int i = 0; i < length; ++i) {
+    out[i] = static_cast<unsigned char>(in[i] ^ static_cast<unsigned char>(mask[i]));
   }
 }
 
@@ -96,43 +73,31 @@ bool CouldBeCreated(const std::string& file) {
   return std::filesystem::is_directory(place, error) && ::access(place.c_str(), W_OK) == 0;
 }
 
-std::uint64_t KeyOf(ZormService& service, const std::string& storeFile) {
-  const auto [entry, isNew] = service.keys.try_emplace(storeFile, 0);
-  if (isNew) entry->second = Mix(++service.lastNumber);
-  return entry->second;
-}
-
-bool IsGenuine(std::uint64_t key, const unsigned char* cipher, unsigned int cipherLength) {
-  const unsigned int checked = cipherLength - kCheckBytes;
-  const auto check = CheckValue(key, cipher, checked);
-  return std::memcmp(check.data(), cipher + checked, kCheckBytes) == 0;
-}
-
 std::string OrEmpty(const char* text) { return text ? text : ""; }
 
 }  // namespace
 
 int orb_zorm_service_start_ex(const char* logFile, const char* storeFile, const char* backupFile) {
   const std::string store = OrEmpty(storeFile), backup = OrEmpty(backupFile);
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  service.calls.push_back("start " + OrEmpty(logFile) + "|" + store + "|" + backup);
-  const int scripted = TakeCode(service.script.startCodes);
-  if (scripted == kZormStoreDamaged) service.keys.erase(store);
+  const Service service;
+  service->calls.push_back("start " + OrEmpty(logFile) + "|" + store + "|" + backup);
+  const int scripted = TakeCode(service->script.startCodes);
+  if (scripted == kZormStoreDamaged) service->keys.erase(store);
   if (scripted != 0) return scripted;
-  if (service.runningKey) return kZormAlreadyStarted;
+  if (!service->runningKey.empty()) return kZormAlreadyStarted;
   if (store.empty() || backup.empty()) return kCannotStart;
   if (!CouldBeCreated(store) || !CouldBeCreated(backup)) return kCannotStart;
-  service.runningKey = KeyOf(service, store);
+  std::string& key = service->keys[store];
+  if (key.empty()) key = std::to_string(++service->lastNumber);
+  service->runningKey = key;
   return 0;
 }
 
 int orb_zorm_service_stop(void) {
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  service.calls.push_back("stop");
-  const int scripted = TakeCode(service.script.stopCodes);
-  if (scripted == 0) service.runningKey.reset();
+  const Service service;
+  service->calls.push_back("stop");
+  const int scripted = TakeCode(service->script.stopCodes);
+  if (scripted == 0) service->runningKey.clear();
   return scripted;
 }
 
@@ -144,21 +109,19 @@ int orb_zorm_get_ciper_len(unsigned int plainLength, unsigned int* cipherLength)
 
 int orb_zorm_encrypt(const unsigned char* plain, unsigned int plainLength, unsigned char* cipher,
                      unsigned int* cipherLength) {
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  service.calls.push_back("encrypt");
-  if (service.script.encryptCode != 0) return service.script.encryptCode;
-  if (!service.runningKey) return kNotStarted;
+  const Service service;
+  service->calls.push_back("encrypt");
+  if (service->script.encryptCode != 0) return service->script.encryptCode;
+  if (service->runningKey.empty()) return kNotStarted;
   if ((!plain && plainLength != 0) || !cipher || !cipherLength) return kBadArgument;
   if (*cipherLength < kOverheadBytes || *cipherLength - kOverheadBytes < plainLength) {
     return kTooSmall;
   }
-  const std::uint64_t key = *service.runningKey;
   const unsigned int checked = kNonceBytes + plainLength;
   std::memset(cipher, 0, kNonceBytes);
-  PutNumber(++service.lastNumber, cipher);
-  MaskBytes(key, cipher, plain, plainLength, cipher + kNonceBytes);
-  const auto check = CheckValue(key, cipher, checked);
+  std::memcpy(cipher, &++service->lastNumber, sizeof(service->lastNumber));
+  MaskBytes(service->runningKey, cipher, plain, plainLength, cipher + kNonceBytes);
+  const std::string check = Derived(service->runningKey, cipher, checked, kCheckBytes);
   std::memcpy(cipher + checked, check.data(), kCheckBytes);
   *cipherLength = checked + kCheckBytes;
   return 0;
@@ -166,18 +129,17 @@ int orb_zorm_encrypt(const unsigned char* plain, unsigned int plainLength, unsig
 
 int orb_zorm_decrypt(const unsigned char* cipher, unsigned int cipherLength, unsigned char* plain,
                      unsigned int* plainLength) {
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  service.calls.push_back("decrypt");
-  if (service.script.decryptCode != 0) return service.script.decryptCode;
-  if (!service.runningKey) return kNotStarted;
+  const Service service;
+  service->calls.push_back("decrypt");
+  if (service->script.decryptCode != 0) return service->script.decryptCode;
+  if (service->runningKey.empty()) return kNotStarted;
   if (!cipher || !plain || !plainLength) return kBadArgument;
   if (cipherLength < kOverheadBytes) return kNotGenuine;
-  const std::uint64_t key = *service.runningKey;
-  if (!IsGenuine(key, cipher, cipherLength)) return kNotGenuine;
-  const unsigned int length = cipherLength - kOverheadBytes;
+  const unsigned int checked = cipherLength - kCheckBytes, length = checked - kNonceBytes;
+  const std::string check = Derived(service->runningKey, cipher, checked, kCheckBytes);
+  if (std::memcmp(check.data(), cipher + checked, kCheckBytes) != 0) return kNotGenuine;
   if (*plainLength < length) return kTooSmall;
-  MaskBytes(key, cipher, cipher + kNonceBytes, length, plain);
+  MaskBytes(service->runningKey, cipher, cipher + kNonceBytes, length, plain);
   *plainLength = length;
   return 0;
 }
@@ -185,28 +147,14 @@ int orb_zorm_decrypt(const unsigned char* cipher, unsigned int cipherLength, uns
 namespace support {
 
 void SetZormScript(const ZormScript& script) {
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  service.script = script;
-  service.calls.clear();
-  service.runningKey.reset();
+  const Service service;
+  service->script = script;
+  service->calls.clear();
+  service->runningKey.clear();
 }
 
-std::vector<std::string> ZormCalls() {
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  return service.calls;
-}
+std::vector<std::string> ZormCalls() { return Service()->calls; }
 
-void ForgetZormKeys() {
-  ZormService& service = Service();
-  std::lock_guard<std::mutex> hold(service.lock);
-  service.keys.clear();
-}
-
-void ResetZorm() {
-  SetZormScript({});
-  ForgetZormKeys();
-}
+void ResetZorm() { *Service() = {}; }
 
 }  // namespace support
