@@ -65,7 +65,6 @@ TEST_F(CommonUtilTrackTest, EventsReachTrackingWithTheirTextsAlsoWithoutAnEnd) {
   EXPECT_EQ(Last().texts[0], std::string(16, 'e'));
   EXPECT_EQ(Last().texts[4], std::string(8192, 'a'));
   EXPECT_EQ(Last().numbers, (Numbers{0, 1}));
-  EXPECT_EQ(m_facade.UTAddConfMediaTrack(4, nullptr, false), kTrackResult);
   EXPECT_EQ(m_facade.UTUploadData(), kTrackResult);
   EXPECT_EQ(support::CountLog("[UT] end or leave conf, upload", 2), 1);
   EXPECT_EQ(m_facade.UTConfigCustomParam({-1, {0, 0}}), kTrackResult);

@@ -40,13 +40,11 @@ class CommonUtilTest : public testing::Test {
   OwnManager m_manager;
 };
 
-TEST_F(CommonUtilTest, InitialisesInOrderAndOnce) {
+TEST_F(CommonUtilTest, InitialisesInOrderAndOnceAndGoesOnWithoutTracking) {
+  support::SetInitUnifiedTrackResult(9);
   EXPECT_EQ(m_manager.InitCommonUtil(Param(), nullptr), 0);
   EXPECT_EQ(m_manager.GetDBPath(), m_dir.Path());
-
-  const auto words = support::SensitiveWords();
-  ASSERT_FALSE(words.empty());
-  EXPECT_EQ(words.front(), m_dir.Path());
+  EXPECT_EQ(support::SensitiveWords().at(0), m_dir.Path());
   const auto lines = support::LogLines();
   ASSERT_GE(lines.size(), 2U);
   const std::string opening =
@@ -55,41 +53,29 @@ TEST_F(CommonUtilTest, InitialisesInOrderAndOnce) {
   EXPECT_EQ(lines[0].text.compare(0, opening.size(), opening), 0) << lines[0].text;
   EXPECT_EQ(lines[0].level, kInfoLevel);
   EXPECT_EQ(lines[1].text.rfind("build at version: ", 0), 0U);
+  EXPECT_EQ(support::CountLog("UTManager init unified track err:9", kErrorLevel), 1);
+  std::vector<std::string> reported;
+  for (const support::TrackCall& call : support::TrackCalls()) {
+    if (call.function == "Track_AddUserTrack") reported = call.texts;
+  }
+  EXPECT_EQ(reported, (std::vector<std::string>{"1", "ut_event_sdk_init_db", "(null)", "(null)",
+                                                R"({"errorCode":0})"}));
 
   support::ClearLog();
   EXPECT_EQ(m_manager.InitCommonUtil(Param(), nullptr), 2);
   EXPECT_TRUE(support::LogTexts().empty());
 }
 
-TEST_F(CommonUtilTest, ReportsTheDatabasesResultAndGoesOnWithoutTracking) {
-  support::SetInitUnifiedTrackResult(9);
-  EXPECT_EQ(m_manager.InitCommonUtil(Param(), nullptr), 0);
-  EXPECT_EQ(support::CountLog("UTManager init unified track err:9", kErrorLevel), 1);
-
-  bool reported = false;
-  for (const support::TrackCall& call : support::TrackCalls()) {
-    if (call.function != "Track_AddUserTrack") continue;
-    reported = true;
-    const std::vector<std::string> expected = {"1", "ut_event_sdk_init_db", "(null)", "(null)",
-                                               R"({"errorCode":0})"};
-    EXPECT_EQ(call.texts, expected);
-  }
-  EXPECT_TRUE(reported);
-}
-
 TEST_F(CommonUtilTest, AFailedDatabaseGivesOneAndStaysTheOnlyTry) {
   support::ZormScript script;
   script.stopCodes = {77};
   support::SetZormScript(script);
+  tagZelUtilInitParam param = Param();
+  std::memset(param.logPath, 'l', sizeof(param.logPath));  // without its NUL
+  EXPECT_EQ(UtilInitParam(param).logPath, std::string(sizeof(param.logPath), 'l'));
   EXPECT_EQ(m_manager.InitCommonUtil(Param(), nullptr), 1);
   EXPECT_EQ(support::CountLog("InitDB err, ret = 77", kErrorLevel), 1);
   EXPECT_EQ(m_manager.InitCommonUtil(Param(), nullptr), 2);
-}
-
-TEST_F(CommonUtilTest, ARecordWithoutItsNulIsReadToItsEndOnly) {
-  tagZelUtilInitParam param = Param();
-  std::memset(param.logPath, 'l', sizeof(param.logPath));
-  EXPECT_EQ(UtilInitParam(param).logPath, std::string(sizeof(param.logPath), 'l'));
 }
 
 TEST_F(CommonUtilTest, TheLogPathMovesWithTheLevelOfTheInitialisation) {

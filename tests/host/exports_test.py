@@ -1,12 +1,10 @@
 #!/usr/bin/env python3
 """Compares what the built library shows to the dynamic linker with the kept list.
 
-Usage: exports_test.py [--system-sqlite] [LIBRARY EXPORTS]
-Without arguments the paths come from ZEL_UTILS_LIB and ZEL_EXPORTS. A line of the list is
-one symbol, demangled or not; blank lines and lines beginning with "#" do not count.
+Usage: exports_test.py [--system-sqlite] LIBRARY EXPORTS
+A line of the list is one symbol, demangled or not; blank lines and "#" lines do not count.
 """
 
-import os
 import re
 import subprocess
 import sys
@@ -18,8 +16,8 @@ INSTRUMENTATION = re.compile(
     r"^_{2,3}(asan|odr_asan|lsan|tsan|ubsan|sanitizer|sancov|gcov|llvm|start_|stop_)")
 
 
-def run(*command):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+def run(*command, text=None):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, input=text).stdout
 
 
 def symbols(library, *options):
@@ -34,9 +32,7 @@ def symbols(library, *options):
 
 def demangled(names):
     """The same names in the same order, as c++filt reads them."""
-    text = subprocess.run(["c++filt"], check=True, stdout=subprocess.PIPE, text=True,
-                          input="".join(name + "\n" for name in names)).stdout
-    return text.splitlines()
+    return run("c++filt", text="".join(name + "\n" for name in names)).splitlines()
 
 
 def kept_list(path):
@@ -80,14 +76,9 @@ def check_dynamic_section(library):
 
 def main(arguments):
     system_sqlite = "--system-sqlite" in arguments
-    paths = [argument for argument in arguments if not argument.startswith("--")]
-    if not paths:
-        paths = [os.environ.get("ZEL_UTILS_LIB", ""), os.environ.get("ZEL_EXPORTS", "")]
-    if len(paths) != 2 or not all(paths):
-        print(__doc__, file=sys.stderr)
-        return 2
+    library, kept = (argument for argument in arguments if not argument.startswith("--"))
+    kept = kept_list(kept)
 
-    library, kept = paths[0], kept_list(paths[1])
     exported = {name for name in symbols(library, "--defined-only")
                 if not INSTRUMENTATION.match(name)}
     imported = set(symbols(library, "--undefined-only"))

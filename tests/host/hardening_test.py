@@ -29,17 +29,13 @@ class HardeningTest(unittest.TestCase):
                 self.assertTrue(flags)
                 self.assertFalse([text for text in flags if "W" in text and "E" in text])
 
-    def test_binding(self):
+    def test_binding_and_checks_of_the_compiler(self):
         for path in FILES:
             with self.subTest(path):
                 dynamic = run("readelf", "-dW", path)
                 self.assertRegex(dynamic, r"FLAGS_1.*\bNOW\b", "symbols are bound late")
                 self.assertNotIn("TEXTREL", dynamic)
                 self.assertRegex(run("readelf", "-hW", path), r"Type:\s+DYN", "not at any address")
-
-    def test_checks_of_the_compiler(self):
-        for path in FILES:
-            with self.subTest(path):
                 wanted = run("nm", "-D", "--undefined-only", path)
                 self.assertIn("__stack_chk_fail", wanted)
                 self.assertRegex(wanted, r"__\w+_chk\b(?<!stack_chk_fail)", "no _FORTIFY_SOURCE")

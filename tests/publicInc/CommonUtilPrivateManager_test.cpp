@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "cacheDB/CacheDbTest.h"
-#include "publicInc/CommonUtilManager.h"
 #include "util/Log.h"
 #include "util/MsgMgr.h"
 #include "zel_platform/cache.h"
@@ -73,13 +72,6 @@ TEST_F(PrivateManagerTest, AnAddedValueIsReadableBeforeTheDatabaseHasIt) {
   EXPECT_NE(ZELCache::GetInstance()->Get("db__key", value), 0) << "a row read is not kept";
 }
 
-TEST_F(PrivateManagerTest, AStoredNullIsNoValue) {
-  ASSERT_EQ(m_manager.SingleAddConfigCache({0, "key", "value"}), 0);
-  ASSERT_EQ(ZELCache::GetInstance()->Put("db__key", nullptr), 0);
-  EXPECT_EQ(Query("key"), 0);
-  EXPECT_EQ(m_rows[0].value, "value");
-}
-
 TEST_F(PrivateManagerTest, RefusesBadArgumentsWithoutTouchingEitherCache) {
   ASSERT_EQ(m_manager.SingleAddConfigCache({0, "key", "value"}), 0);
   support::ClearLog();
@@ -94,12 +86,13 @@ TEST_F(PrivateManagerTest, RefusesBadArgumentsWithoutTouchingEitherCache) {
   EXPECT_EQ(CountLog("param error.", kError), 5);
   EXPECT_EQ(CountLog("ptr is empty.", kError), 4);
   EXPECT_EQ(Query("untouched"), 415000002);
-}
-
-TEST_F(PrivateManagerTest, RoomForMoreEntriesThanMemoryHoldsIsAnError) {
-  EXPECT_EQ(Query("unknown", INT_MAX), -1);
+  EXPECT_EQ(Query("unknown", INT_MAX), -1);  // more entries than memory holds
   EXPECT_EQ(m_count, INT_MAX);
   EXPECT_EQ(CountLog("memory error.", kError), 1);
+
+  ASSERT_EQ(ZELCache::GetInstance()->Put("db__key", nullptr), 0);
+  EXPECT_EQ(Query("key"), 0) << "a stored null is no value";
+  EXPECT_EQ(m_rows[0].value, "value");
 }
 
 TEST_F(PrivateManagerTest, MemoryAloneDecidesTheResultOfABatch) {
@@ -183,14 +176,7 @@ TEST_F(PrivateManagerTest, ThreadsWorkOnTheirOwnEntriesUndisturbed) {
   for (std::thread& thread : threads) thread.join();
 }
 
-class TerminalParamTest : public testing::Test {
- protected:
-  TerminalParamTest() { support::ResetPlatformDouble(); }
-
-  CommonUtilPrivateManager& m_manager = CommonUtilPrivateManager::getInst();
-};
-
-TEST_F(TerminalParamTest, TrackingGetsAllTextsAndConferenceControlTheFourThatFit) {
+TEST(TerminalParamTest, TrackingGetsAllTextsAndConferenceControlTheFourThatFit) {
   const struct {
     std::size_t lengths[4];
     int error;
@@ -211,56 +197,31 @@ TEST_F(TerminalParamTest, TrackingGetsAllTextsAndConferenceControlTheFourThatFit
       all.push_back("further " + std::to_string(i));
       std::strcpy(param.further[i], all.back().c_str());
     }
-    support::NetScript script;
-    script.result = 5;
-    support::SetNetScript(script);
-    EXPECT_EQ(m_manager.ConfigPublicSdkParam(param), 0);
-    const auto tracked = support::TrackCalls();
-    const auto told = support::NetCalls();
-    ASSERT_EQ(tracked.size(), 1U);
-    ASSERT_EQ(told.size(), 1U);
-    EXPECT_EQ(tracked[0].texts, all);
-    EXPECT_EQ(told[0].texts, fitting);
+    EXPECT_EQ(CommonUtilPrivateManager::getInst().ConfigPublicSdkParam(param), 0);
+    EXPECT_EQ(support::TrackCalls().at(0).texts, all);
+    EXPECT_EQ(support::NetCalls().at(0).texts, fitting);
     EXPECT_EQ(CountLog("secure func return err: " + std::to_string(c.error), kError),
               c.error == 0 ? 0 : 1);
   }
 }
 
-TEST_F(TerminalParamTest, ASmartRoomIsPassedOnWithItsResult) {
+TEST(TerminalParamTest, ASmartRoomIsPassedOnWithItsResult) {
+  CommonUtilPrivateManager& manager = CommonUtilPrivateManager::getInst();
+  support::ResetPlatformDouble();
   support::NetScript script;
   script.result = 5;
   support::SetNetScript(script);
   tagZelUtilsSmartRoomParam param = {};
-  EXPECT_EQ(m_manager.ConfigSmartRoomParam(nullptr), 411000002);
-  EXPECT_EQ(support::CountNet("orb_login_set_smartroom_param"), 0);
+  EXPECT_EQ(manager.ConfigSmartRoomParam(nullptr), 411000002);
   std::memset(param.room, 'r', sizeof(param.room) - 1);
-  EXPECT_EQ(m_manager.ConfigSmartRoomParam(&param), 5);
+  EXPECT_EQ(manager.ConfigSmartRoomParam(&param), 5);
   std::memset(param.room, 'r', sizeof(param.room));  // without its NUL
-  EXPECT_EQ(m_manager.ConfigSmartRoomParam(&param), 5);
+  EXPECT_EQ(manager.ConfigSmartRoomParam(&param), 5);
   EXPECT_EQ(CountLogPrefix("secure func return err: ", kError), 1);
   const auto calls = support::NetCalls();
   ASSERT_EQ(calls.size(), 2U);
   EXPECT_EQ(calls[0].texts, std::vector<std::string>{std::string(31, 'r')});
   EXPECT_EQ(calls[1].texts, std::vector<std::string>{""});
-}
-
-TEST_F(TerminalParamTest, SecretsMasksAndTheGuidComeFromTheirHelpers) {
-  std::string plain = "a secret";
-  char out[16] = {};
-  const std::string hidden = m_manager.EncryptThenBase64Encode(plain);
-  EXPECT_EQ(m_manager.Base64DecodeThenDecrypt(hidden), plain);
-  EXPECT_EQ(m_manager.Base64DecodeThenDecrypt(hidden, out, sizeof(out)), 0);
-  EXPECT_EQ(out, plain);
-  EXPECT_NE(m_manager.Base64DecodeThenDecrypt(hidden, nullptr, 16), 0);
-  EXPECT_NE(m_manager.Base64DecodeThenDecrypt(hidden, out, -1), 0);
-  EXPECT_EQ(m_manager.Base64DecodeThenDecrypt("no base64!"), "");
-  plain.clear();
-  EXPECT_EQ(m_manager.EncryptThenBase64Encode(plain), "");
-
-  EXPECT_EQ(m_manager.FilterWord("10.1.2.34;x", FILTER_WORD_IP), "10.1.2.**;*");
-
-  CommonUtilManager::GetInstance().SetDeviceGuid("guid");
-  EXPECT_EQ(m_manager.GetDeviceGuid(), "guid");
 }
 
 }  // namespace

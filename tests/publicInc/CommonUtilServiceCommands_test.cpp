@@ -91,14 +91,13 @@ TEST_F(CommandsTest, SupersededQuestionsDoNotPileUpAndALateAnswerFindsNoService)
   Ask(R"({"cmd":6,"param":{"serverURL":"u"}})");
 }
 
-TEST_F(CommandsTest, SetUserInfoRefusesAMissingUrlAndIllTypedParameters) {
+TEST_F(CommandsTest, SettingsOfAProxyAreRefusedInTheWrongShape) {
   EXPECT_EQ(Ask(R"({"cmd":6,"sno":1})"), Parse(R"({"result":411000002,"rsp":6,"sno":1})"));
   const Json::Value reply = Ask(R"({"cmd":6,"sno":1,"param":[1]})");
   EXPECT_EQ(reply["result"].asInt(), 1);
   EXPECT_EQ(reply["src_req"]["param"][0].asInt(), 1);
-}
 
-TEST_F(CommandsTest, SetHttpProxyTakesThePortFromParamAndTheTextsBesideIt) {
+  // The port stands in "param", the texts beside it.
   const std::string texts = R"("proxy_domain":"d","proxy_user_name":"u","proxy_pwd":"p")";
   for (const std::string& request :
        {R"({"cmd":15,"param":{"proxy_port":0},)" + texts + "}", R"({"cmd":15,)" + texts + "}",
@@ -116,10 +115,8 @@ TEST_F(CommandsTest, SetHttpProxyTakesThePortFromParamAndTheTextsBesideIt) {
   EXPECT_EQ(support::CountLog("proxy_port is no port: 65536"), 1);
   EXPECT_TRUE(Next().isNull());
   // The only answer there is: to a "param" that has no keys.
-  for (const char* param : {"\"text\"", "[8080]"}) {
-    const std::string request = std::string(R"({"cmd":15,"param":)") + param + "," + texts + "}";
-    EXPECT_EQ(Ask(request)["src_req"], Parse(request));
-  }
+  const std::string request = R"({"cmd":15,"param":[8080],)" + texts + "}";
+  EXPECT_EQ(Ask(request)["src_req"], Parse(request));
 }
 
 TEST_F(CommandsTest, TheDetectionCommandsReplyWithThePlatformsResult) {
@@ -140,17 +137,14 @@ TEST_F(CommandsTest, TheDetectionCommandsReplyWithThePlatformsResult) {
 }
 
 TEST_F(CommandsTest, TrackingCommandsCheckTheirShapesBeforeTheyTrack) {
-  struct Case {
-    int cmd;
-    const char* description;
-  };
-  for (const Case& c : {Case{2, "orb_ut_config_public_param"}, Case{3, "orb_ut_add_usertrack"},
-                        Case{4, "orb_ut_start_event"}, Case{5, "orb_ut_end_event"}}) {
+  const char* const descriptions[] = {"orb_ut_config_public_param", "orb_ut_add_usertrack",
+                                      "orb_ut_start_event", "orb_ut_end_event"};
+  for (int cmd = 2; cmd <= 5; ++cmd) {
     for (const char* param : {"", R"(,"param":7)", R"(,"param":{"index":4})",
                               R"(,"param":{"contextParam":[],"publicParam":"x","index":{}})"}) {
-      const Json::Value reply = Ask("{\"cmd\":" + std::to_string(c.cmd) + param + "}");
-      EXPECT_EQ(reply["result"].asInt(), 1) << c.cmd << param;
-      EXPECT_EQ(reply["description"].asString(), c.description);
+      const Json::Value reply = Ask("{\"cmd\":" + std::to_string(cmd) + param + "}");
+      EXPECT_EQ(reply["result"].asInt(), 1) << cmd << param;
+      EXPECT_EQ(reply["description"].asString(), descriptions[cmd - 2]);
     }
   }
   EXPECT_EQ(Ask(R"({"cmd":5,"param":{"contextParam":{}}})")["result"].asInt(), 1);
@@ -161,23 +155,19 @@ TEST_F(CommandsTest, TrackingCommandsCheckTheirShapesBeforeTheyTrack) {
 TEST_F(CommandsTest, TrackingCommandsHandTheirTextsOver) {
   support::SetTrackResult(8);
   const std::string longArgs(8191, 'a');
-  EXPECT_EQ(Ask(R"({"cmd":3,"param":{"contextParam":{"eventId":"e","arg1":"1","arg2":2,"arg3":"3",
-      "args":")" +
-                longArgs + "\"}}}")["result"]
-                .asInt(),
-            8);
+  const auto result = [this](const std::string& request) { return Ask(request)["result"].asInt(); };
+  const std::string event = R"("eventId":"e","arg1":"1","arg2":2,"arg3":"3","args":")";
+  EXPECT_EQ(result(R"({"cmd":3,"param":{"contextParam":{)" + event + longArgs + "\"}}}"), 8);
   EXPECT_EQ(LastOf(support::TrackCalls()).texts, (Texts{"e", "1", "", "3", longArgs}));
-  EXPECT_EQ(Ask(R"({"cmd":4,"param":{"index":"i"}})")["result"].asInt(), 8);
-  EXPECT_EQ(Ask(R"({"cmd":5,"param":{"index":"i","contextParam":{"eventId":"0123456789abcdef"}}})")
-                ["result"]
-                    .asInt(),
-            8);
+  EXPECT_EQ(result(R"({"cmd":4,"param":{"index":"i"}})"), 8);
+  EXPECT_EQ(
+      result(R"({"cmd":5,"param":{"index":"i","contextParam":{"eventId":"0123456789abcdef"}}})"),
+      8);
   EXPECT_EQ(LastOf(support::TrackCalls()).texts, (Texts{"i", "", "", "", "", ""}));
   EXPECT_EQ(support::CountLogPrefix("ConvertJsonToUTContextInfo error, ret = ", 0), 1);
   // The public parameters answer 0 whatever tracking says.
-  EXPECT_EQ(Ask(R"({"cmd":2,"param":{"publicParam":{"deviceId":"guid","channelId":"c",
-      "access":"wifi","version":"9"}}})")["result"]
-                .asInt(),
+  EXPECT_EQ(result(R"({"cmd":2,"param":{"publicParam":{"deviceId":"guid","channelId":"c",
+      "access":"wifi","version":"9"}}})"),
             0);
   EXPECT_EQ(LastOf(support::TrackCalls()).texts[1], "guid");
   EXPECT_EQ(support::CountLog("[UT] channelId:caccess: wifi, version: 9"), 1);

@@ -1,10 +1,6 @@
 // What the network tools report becomes notifications of the process's service.
-#include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <json/json.h>
 
 #include "publicInc/ServiceHost.h"
 #include "publicInc/ServiceTest.h"
@@ -14,21 +10,9 @@ namespace {
 
 using support::Parse;
 
-class DetectTest : public testing::Test {
+class DetectTest : public support::ServiceTest {
  protected:
-  DetectTest() { support::ResetPlatformDouble(); }
-
-  Json::Value Next() {
-    char* message = nullptr;
-    if (m_service->PrimaryStore().SendMsgExport(&message) == 0) return Json::Value();
-    const std::unique_ptr<char[]> owner(message);
-    const Json::Value parsed = Parse(message);
-    support::LogMessage(parsed);
-    return parsed;
-  }
-
-  const std::shared_ptr<CommonUtilService> m_service =
-      commonutil::ServiceHost::GetInst().PinOrCreate();
+  DetectTest() : ServiceTest(commonutil::ServiceHost::GetInst().PinOrCreate()) {}
 };
 
 TEST_F(DetectTest, ReportsOfServersAndPorts) {

@@ -54,8 +54,6 @@ TEST_F(SbcSelectionTest, KeepsTheAddressesOnTheSideOfTheMrc) {
       {"1.2.3.4;10.0.0.1,5.6.7.8", kPublicMrc, "5.6.7.8"},  // "1.2.3.4;10.0.0.1" is no address
       {" 1.2.3.4,5.6.7.8", kPublicMrc, "5.6.7.8"},          // nor is one with a blank
       {"host.example:1,1.2.3.4", nullptr, "host.example:1"},
-      {"1.2.3.4", kPrivateMrc, "1.2.3.4"},
-      {"", kPublicMrc, ""},
       {",;:", kPublicMrc, ",;:"},
       {"10.0.0.1;" + tail, kPublicMrc, tail},                  // 511
       {"10.0.0.10;" + tail, kPublicMrc, "10.0.0.10;" + tail},  // 512
@@ -84,30 +82,24 @@ TEST_F(SbcSelectionTest, AResultThatDoesNotFitLeavesAnEmptyTextAndABadSizeNothin
   EXPECT_EQ(CopyFailures(), 3);
   m_manager.CheckSbcAddressByMrcIp(nullptr, kPublicMrc, 16);
   EXPECT_EQ(support::CountLog("old sbcAddress: ", kError), 1);
-}
-
-TEST_F(SbcSelectionTest, AListOfTenThousandAddressesIsLeftAlone) {
-  const std::string list = Repeated("1.2.3.4,", 9999) + "10.0.0.1";
-  EXPECT_EQ(Select(list, kPublicMrc), list);
-  EXPECT_EQ(CopyFailures(), 1);
+  const std::string tenThousand = Repeated("1.2.3.4,", 9999) + "10.0.0.1";  // is left alone
+  EXPECT_EQ(Select(tenThousand, kPublicMrc), tenThousand);
+  EXPECT_EQ(CopyFailures(), 4);
 }
 
 TEST_F(SbcSelectionTest, SplitsListsIntoTheEntriesThatAreNotEmpty) {
   using Entries = std::vector<std::string>;
-  const struct {
-    std::string text;
-    Entries expected;
-  } cases[] = {{"", {"first"}},
-               {"a,,b", {"first", "a", "b"}},
-               {"a;b,c;", {"first", "a;b", "c;"}},
-               {";;a; b", {"first", "a", " b"}},
-               {std::string(512, 'x'), {"first", std::string(512, 'x')}},
-               {std::string(512, ','), {"first"}},
-               {std::string("a,b\0,c", 6), {"first", "a", "b"}}};
-  for (const auto& c : cases) {
+  const std::pair<std::string, Entries> cases[] = {
+      {"", {"first"}},
+      {"a;b,c;", {"first", "a;b", "c;"}},
+      {";;a; b", {"first", "a", " b"}},
+      {std::string(512, 'x'), {"first", std::string(512, 'x')}},
+      {std::string(512, ','), {"first"}},
+      {std::string("a,b\0,c", 6), {"first", "a", "b"}}};
+  for (const auto& [text, expected] : cases) {
     Entries entries = {"first"};
-    m_manager.ParseIPList(c.text, entries);
-    EXPECT_EQ(entries, c.expected) << c.text;
+    m_manager.ParseIPList(text, entries);
+    EXPECT_EQ(entries, expected) << text;
   }
   Entries entries;
   m_manager.SplitStrByDelim("a, b", entries, ", ");

@@ -33,7 +33,11 @@ inline Json::Value Parse(const std::string& text) {
 
 class ServiceTest : public testing::Test {
  protected:
-  ServiceTest() { ResetPlatformDouble(); }
+  explicit ServiceTest(
+      std::shared_ptr<CommonUtilService> service = std::make_shared<CommonUtilService>())
+      : m_service(std::move(service)) {
+    ResetPlatformDouble();
+  }
 
   void Post(std::string text) { EXPECT_EQ(m_service->ProcessRecvMsg(text.data()), 0); }
 
@@ -52,7 +56,7 @@ class ServiceTest : public testing::Test {
     return Next();
   }
 
-  const std::shared_ptr<CommonUtilService> m_service = std::make_shared<CommonUtilService>();
+  const std::shared_ptr<CommonUtilService> m_service;
 };
 
 }  // namespace support

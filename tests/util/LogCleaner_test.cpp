@@ -119,17 +119,6 @@ TEST_F(LogCleanerTest, DaysAreClampedAndStoredAndZeroDoesNothing) {
   EXPECT_EQ(support::CountLog(kBegin), 6);
 }
 
-TEST_F(LogCleanerTest, ADirectoryThatIsNoneIsNotCleaned) {
-  Write("file", 99 * kDay);
-  for (const std::string& directory : {std::string(), m_dir.File("none"), m_dir.File("file")}) {
-    LogBusiness::InitConfig(directory, 3);
-    LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
-  }
-  EXPECT_FALSE(LogBusiness::IsCleaning());
-  EXPECT_TRUE(support::LogTexts().empty());
-  EXPECT_EQ(Files(), Names{"file"});
-}
-
 TEST_F(LogCleanerTest, ReportsBetweenTheTwoLines) {
   Write("a/one", 99 * kDay);
   Write("two", 99 * kDay);
@@ -196,10 +185,7 @@ TEST_F(LogCleanerTest, AFileThatCannotBeRemovedIsNotCounted) {
   Clean(3);
   EXPECT_EQ(Files().size(), 1U);
   EXPECT_EQ(LogBusiness::DeletedFiles(), 1);
-}
 
-TEST_F(LogCleanerTest, DealWithFileTellsTheLastThingDone) {
-  Clean(3);
   Write("old", 99 * kDay);
   Write("new", 0);
   EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("none")), -1);
@@ -207,7 +193,6 @@ TEST_F(LogCleanerTest, DealWithFileTellsTheLastThingDone) {
   PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
   EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("old")), -1);
   EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("old")), 0);
-  EXPECT_EQ(Files(), Names{"new"});
 }
 
 // As the files of other users are: in a directory that belongs to someone else.
@@ -222,65 +207,36 @@ TEST_F(LogCleanerTest, FilesOfOthersStay) {
   EXPECT_EQ(LogBusiness::DeletedFiles(), 0);
 }
 
-// --- Links ---------------------------------------------------------------------
-
-class LogCleanerLinkTest : public LogCleanerTest {
- protected:
-  void SetUp() override {
-    LogCleanerTest::SetUp();
-    for (const char* name : {"zel.log", "sdk_call_key_info.txt"}) {
-      support::WriteWholeFile(m_outside.File(name), "x");
-      SetWritten(m_outside.File(name), kNow - 99 * kDay);
-    }
+TEST_F(LogCleanerTest, NoLinkLeadsOutOfTheDirectory) {
+  const support::TempDir outside;
+  const Names secrets = {"zel.log", "sdk_call_key_info.txt"};
+  for (const std::string& name : secrets) {
+    support::WriteWholeFile(outside.File(name), "x");
+    SetWritten(outside.File(name), kNow - 99 * kDay);
   }
-
-  void Link(const std::string& target, const std::string& name) {
-    fs::create_symlink(target, m_dir.File(name));
-  }
-
-  void ExpectOutsideUntouched() {
-    EXPECT_TRUE(fs::exists(m_outside.File("zel.log")));
-    EXPECT_TRUE(fs::exists(m_outside.File("sdk_call_key_info.txt")));
-  }
-
-  support::TempDir m_outside;
-};
-
-TEST_F(LogCleanerLinkTest, ACleanUpFollowsNoLinkOutOfItsDirectory) {
-  SetWritten(m_outside.Path(), kNow - 99 * kDay);
+  SetWritten(outside.Path(), kNow - 99 * kDay);
   Write("logs/real/old", 99 * kDay);
   Write("beside", 99 * kDay);
-  Link(m_outside.Path(), "logs/directory");
-  Link(m_outside.File("zel.log"), "logs/file");
-  Link("..", "logs/up");
-  Link("real", "logs/loop");
-  Link("nowhere", "logs/dangling");
-  LogBusiness::InitConfig(m_dir.File("logs"), 3);
+  for (const auto& [target, name] :
+       std::vector<std::pair<std::string, const char*>>{{outside.Path(), "logs/directory"},
+                                                        {outside.File("zel.log"), "logs/file"},
+                                                        {"..", "logs/up"},
+                                                        {"real", "logs/loop"},
+                                                        {"nowhere", "logs/dangling"},
+                                                        {"logs", "start"},
+                                                        {outside.Path(), "rtc"},
+                                                        {outside.Path(), "sdk_key_log"}}) {
+    fs::create_symlink(target, m_dir.File(name));
+  }
+  LogBusiness::InitConfig(m_dir.File("start"), 3);  // a link may be the starting point
   LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
   ASSERT_TRUE(WaitForEnd());
-  ExpectOutsideUntouched();
-  // The links to what is old went as files do; those to what is new or missing stay.
-  EXPECT_EQ(Files(), (Names{"beside", "logs/up", "logs/loop", "logs/dangling"}));
-}
-
-TEST_F(LogCleanerLinkTest, ALinkMayBeTheStartingPoint) {
-  Write("real/old", 99 * kDay);
-  Link(m_dir.File("real"), "link");
-  LogBusiness::InitConfig(m_dir.File("link"), 3);
-  LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
-  ASSERT_TRUE(WaitForEnd());
-  EXPECT_EQ(Files(), Names{"link"});
-}
-
-TEST_F(LogCleanerLinkTest, OldVersionFilesAreNotSoughtBehindLinks) {
-  Link(m_outside.Path(), "rtc");
-  Link(m_outside.Path(), "sdk_key_log");
   LogBusiness::DeleteOldVersionLogFiles(m_dir.Path().c_str());
-  ExpectOutsideUntouched();
-  EXPECT_EQ(Files(), (Names{"rtc", "sdk_key_log"}));
+  for (const std::string& name : secrets) EXPECT_TRUE(fs::exists(outside.File(name)));
+  // The links to what is old went as files do; those to what is new or missing stay.
+  EXPECT_EQ(Files(), (Names{"beside", "logs/up", "logs/loop", "logs/dangling", "start", "rtc",
+                            "sdk_key_log"}));
 }
-
-// --- Trees ---------------------------------------------------------------------
 
 TEST_F(LogCleanerTest, CleansAVeryDeepTreeAndManyFiles) {
   std::string deep;
@@ -307,45 +263,22 @@ TEST_F(LogCleanerTest, DirectoriesMayVanishMeanwhile) {
   EXPECT_EQ(support::CountLog(kEnd), 1);
 }
 
-// --- Old versions ----------------------------------------------------------------
-
-TEST_F(LogCleanerTest, ScanFiltersJudgeByName) {
-  struct Row {
-    const char* name;
-    int oldLog;
-    int notDot;
-  };
-  const Row rows[] = {{".", 0, 0},
-                      {"..", 0, 0},
-                      {"...", 0, 1},
-                      {".hidden", 0, 1},
-                      {"zelclient.log", 1, 1},
-                      {"orb.log.1", 1, 1},
-                      {"client.zel.log", 0, 1},
-                      {"zel", 0, 1},
-                      {"ze", 0, 1},
-                      {"zel.lo", 0, 1},
-                      {"ZEL.log", 0, 1},
-                      {"orb.txt.logging", 1, 1}};
-  for (const Row& row : rows) {
-    dirent entry = {};
-    std::strcpy(entry.d_name, row.name);
-    EXPECT_EQ(FilterOldVersionLogFun(&entry), row.oldLog) << row.name;
-    EXPECT_EQ(LogBusiness::FilterDot(&entry), row.notDot) << row.name;
-  }
-}
-
 TEST_F(LogCleanerTest, OldVersionFilesAreRemovedAndNothingElse) {
-  const auto fill = [this](const std::string& home) {
+  const Names left = {"other.log", "zel.txt",        "sdk_key_log/other.txt",
+                      "rtc2/b",    "client.zel.log", "zel",
+                      "ze",        "zel.lo",         "ZEL.log"};
+  const auto fill = [&](const std::string& home) {
+    for (const std::string& name : left) Write(home + "/" + name, 0);
     for (const char* name :
-         {"zel.log", "orb.log.1", "other.log", "zel.txt", "sdk_key_log/sdk_call_key_info.txt",
-          "sdk_key_log/sdk_zel_key_info.txt", "sdk_key_log/sdk_orb_key_info.txt",
-          "sdk_key_log/other.txt", "rtc/.a", "rtc/b", "rtc2/b"}) {
+         {"zel.log", "orb.log.1", "zelclient.log", "orb.txt.logging",
+          "sdk_key_log/sdk_call_key_info.txt", "sdk_key_log/sdk_zel_key_info.txt",
+          "sdk_key_log/sdk_orb_key_info.txt", "rtc/.a", "rtc/...", "rtc/b"}) {
+      "sdk_key_log/other.txt", "rtc/.a", "rtc/b", "rtc2/b"
+    }) {
       Write(home + "/" + name, 0);
     }
     fs::create_directory(m_dir.File(home + "/zel.log.d"));
   };
-  const Names left = {"other.log", "zel.txt", "sdk_key_log/other.txt", "rtc2/b"};
   Names expected = {"ahomertc/file"};
   Write("ahomertc/file", 0);  // the name without a separator in between
   for (const char* end : {"", "/"}) {
@@ -371,13 +304,16 @@ TEST_F(LogCleanerTest, ADirectoryStaysWhileThereIsAnotherInIt) {
 
 // No name stands for the root directory by accident.
 TEST_F(LogCleanerTest, NothingIsRemovedForDirectoriesThatAreNone) {
-  Write("zel.log", 0);
+  Write("zel.log", 99 * kDay);
   fs::current_path(m_dir.Path());
   LogBusiness::DeleteOldVersionLogFiles(nullptr);
-  LogBusiness::DeleteOldVersionLogFiles("");
-  LogBusiness::DeleteOldVersionLogFiles(m_dir.File("none").c_str());
-  LogBusiness::DeleteOldVersionLogFiles(m_dir.File("zel.log").c_str());
-  LogBusiness::DeleteAllFileInThePath(m_dir.File("none"));
+  for (const std::string& directory : {std::string(), m_dir.File("none"), m_dir.File("zel.log")}) {
+    LogBusiness::DeleteOldVersionLogFiles(directory.c_str());
+    LogBusiness::DeleteAllFileInThePath(directory);
+    LogBusiness::InitConfig(directory, 3);
+    LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
+    EXPECT_FALSE(LogBusiness::IsCleaning());
+  }
   EXPECT_EQ(Files(), Names{"zel.log"});
   fs::current_path("/");
 }

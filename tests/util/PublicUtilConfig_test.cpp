@@ -59,20 +59,28 @@ TEST_F(PublicUtilConfigTest, PathGetsASeparatorUnlessItEndsInOne) {
   EXPECT_TRUE(Finds(m_dir.Path()));
   EXPECT_TRUE(Finds(m_dir.Path() + "/"));
   EXPECT_TRUE(Finds(""));  // keeps the path before
-
   support::WriteWholeFile(m_dir.Path() + "/back\\slash\\" + kConfigFile, kConfig);
   EXPECT_TRUE(Finds(m_dir.Path() + "/back\\slash"));
   EXPECT_TRUE(Finds(m_dir.Path() + "/back\\slash\\"));
 }
 
-TEST_F(PublicUtilConfigTest, UrlIsReadAnewAndLogged) {
-  WriteConfig(kConfig);
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "https://a.zeldomain.net/");
-  const auto line = LastLine();
-  EXPECT_EQ(line.text, "get url zel_other: https://a.zeldomain.net/");
-  EXPECT_EQ(line.level, kInfoLevel);
-  EXPECT_EQ(line.file, "commonutil/util/PublicUtil");
-
+TEST_F(PublicUtilConfigTest, UrlIsReadAnewAndLoggedAndTheFileKeptFromOthers) {
+  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "");
+  EXPECT_EQ(LastLine().text, "read config file [" + m_dir.File(kConfigFile) + "] error");
+  EXPECT_EQ(LastLine().level, kErrorLevel);
+  EXPECT_EQ(LastLine().function, "GetUrlFromCommonConfig");
+  for (const char* content : {"", kConfig}) {
+    WriteConfig(content);
+    ASSERT_EQ(::chmod(m_dir.File(kConfigFile).c_str(), 0666), 0);
+    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"),
+              *content == '\0' ? "" : "https://a.zeldomain.net/");
+    struct stat status;
+    ASSERT_EQ(::stat(m_dir.File(kConfigFile).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640U);
+  }
+  EXPECT_EQ(LastLine().text, "get url zel_other: https://a.zeldomain.net/");
+  EXPECT_EQ(LastLine().level, kInfoLevel);
+  EXPECT_EQ(LastLine().file, "commonutil/util/PublicUtil");
   WriteConfig(R"({"zel_other": "changed"})");
   EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "changed");
 }
@@ -85,28 +93,6 @@ TEST_F(PublicUtilConfigTest, MissingAndOddMembersAndDamagedFilesGiveAnEmptyUrl) 
     support::ClearLog();
     EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_number"), "");
     EXPECT_EQ(support::LogTexts(), std::vector<std::string>{"get url zel_number: "});
-  }
-  support::ClearLog();
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig(""), "");
-  EXPECT_TRUE(support::LogTexts().empty());
-}
-
-TEST_F(PublicUtilConfigTest, UnreadableFileIsNamedByTheFunctionThatWantedIt) {
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "");
-  const auto line = LastLine();
-  EXPECT_EQ(line.text, "read config file [" + m_dir.File(kConfigFile) + "] error");
-  EXPECT_EQ(line.level, kErrorLevel);
-  EXPECT_EQ(line.function, "GetUrlFromCommonConfig");
-}
-
-TEST_F(PublicUtilConfigTest, ModeIsSetWhetherTheFileCouldBeReadOrNot) {
-  for (const char* content : {kConfig, ""}) {
-    WriteConfig(content);
-    ASSERT_EQ(::chmod(m_dir.File(kConfigFile).c_str(), 0666), 0);
-    (void)PublicUtil::GetUrlFromCommonConfig("zel_other");
-    struct stat status;
-    ASSERT_EQ(::stat(m_dir.File(kConfigFile).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0640U);
   }
 }
 
@@ -149,23 +135,9 @@ TEST_F(PublicUtilConfigTest, ConcurrentReadersAndWritersSeeWholeValues) {
   EXPECT_EQ(wrong.load(), 0);
 }
 
-// --- The identity, each time in a process that does not know it yet ----------------
-
-class PublicUtilIdentityTest : public PublicUtilConfigTest {
- protected:
-  void SetUp() override {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child begins anew
-    PublicUtilConfigTest::SetUp();
-  }
-
-  // What the child expects is told by its exit status.
-  [[noreturn]] void EndChild() const {
-    std::filesystem::remove_all(m_dir.Path());
-    std::_Exit(HasFailure() ? 1 : 0);
-  }
-};
-
-TEST_F(PublicUtilIdentityTest, IsReadUntilItIsFoundAndThenKept) {
+// In a process that does not know the identity yet.
+TEST_F(PublicUtilConfigTest, TheIdentityIsReadUntilItIsFoundAndThenKept) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child begins anew
   const auto body = [this] {
     EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "");
     EXPECT_EQ(LastLine().text, "read config file [" + m_dir.File(kConfigFile) + "] error");
@@ -175,38 +147,21 @@ TEST_F(PublicUtilIdentityTest, IsReadUntilItIsFoundAndThenKept) {
       WriteConfig(content);
       EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "") << content;
     }
-    WriteConfig(R"({"zel_domain_identity": "first"})");
-    EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "first");
-    EXPECT_EQ(LastLine().text, "get server domain identity zel_domain_identity: first");
-    EXPECT_EQ(LastLine().level, kInfoLevel);
-    WriteConfig(R"({"zel_domain_identity": "second"})");
-    EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "first");
-    EndChild();
-  };
-  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(PublicUtilIdentityTest, IsReadInsideTheReadingOfAUrl) {
-  const auto body = [this] {
-    WriteConfig(kConfig);
+    WriteConfig(R"({"zel_intranet": "https://a.zeldomain.com/"})");
     PublicUtil::SetServerDomainStrategy("eu", true);
+    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"), "https://a.zeldomain.com/");
+    WriteConfig(kConfig);
+    support::ClearLog();
     EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"),
               "https://a.zeldomain.eu/x?u=zeldomain.com");
     EXPECT_EQ(support::LogTexts(),
               (std::vector<std::string>{
                   "get server domain identity zel_domain_identity: zeldomain",
                   "get url zel_intranet: https://a.zeldomain.eu/x?u=zeldomain.com"}));
-    EndChild();
-  };
-  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(PublicUtilIdentityTest, UrlStaysAsItIsWhileThereIsNoIdentity) {
-  const auto body = [this] {
-    WriteConfig(R"({"zel_intranet": "https://a.zeldomain.com/"})");
-    PublicUtil::SetServerDomainStrategy("eu", true);
-    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"), "https://a.zeldomain.com/");
-    EndChild();
+    WriteConfig(R"({"zel_domain_identity": "second"})");
+    EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "zeldomain");
+    std::filesystem::remove_all(m_dir.Path());
+    std::_Exit(HasFailure() ? 1 : 0);
   };
   EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }

@@ -48,17 +48,13 @@ TEST_F(PublicUtilFilterTest, UpToThreeBytesBecomeStarsUnderEveryRule) {
 }
 
 TEST_F(PublicUtilFilterTest, GeneralRuleKeepsTheEdgesOfTheBytes) {
-  ExpectMasked(PublicUtil::filterWordGeneral, {{"", ""},
-                                               {"abc", "***"},
-                                               {"abcd", "a***"},
+  ExpectMasked(PublicUtil::filterWordGeneral, {{"abcd", "a***"},
                                                {"abcde", "a****"},
                                                {"abcdef", "a****f"},
-                                               {"0123456789", "0********9"},
                                                {"0123456789abc", "0***********c"},
                                                {"0123456789abcd", "01*********bcd"},
                                                {std::string("a\0b\0cd", 6), "a****d"},
-                                               {"\xC3\xA4\xC3\xB6\xC3\xBC", "\xC3****\xBC"},
-                                               {"\xFF\xFF\xFF\xFF", "\xFF***"}});
+                                               {"\xC3\xA4\xC3\xB6\xC3\xBC", "\xC3****\xBC"}});
 }
 
 TEST_F(PublicUtilFilterTest, NameRuleKeepsTheFirstCharacterWhole) {
@@ -160,22 +156,22 @@ TEST_F(PublicUtilFilterTest, SecondProxyModeLeavesNothingButTheShapeAndReadsNoFi
 
 TEST_F(PublicUtilFilterTest, TheTypeSelectsTheRule) {
   const std::string url = "http://user:pw@10.1.2.34:80/abcdef";
-  const std::vector<std::pair<int, std::string>> rows = {
-      {-1, "ht" + Stars(29) + "def"},
-      {0, "ht" + Stars(29) + "def"},
-      {1, "h" + Stars(33)},
-      {2, "h" + Stars(33)},
-      {3, "ht" + Stars(29) + "def"},
-      {4, "ht" + Stars(29) + "def"},
-      {5, "ht" + Stars(29) + "def"},
-      {6, "ht" + Stars(29) + "def"},
-      {7, "http://user:pw@10.1.2.34:80/a****f"},
-      {8, "http://u***:***@1*******4:80/a****f"},
-      {9, "http://****:***@*********:80/******"},
-      {10, "ht" + Stars(29) + "def"},
-  };
-  for (const auto& [type, masked] : rows) {
-    EXPECT_EQ(PublicUtil::filterWord(url, Type(type)), masked) << type;
+  const std::string general = "ht" + Stars(29) + "def";
+  const std::string name = "h" + Stars(33);
+  const std::string masked[] = {general,
+                                name,
+                                name,
+                                general,
+                                general,
+                                general,
+                                general,
+                                "http://user:pw@10.1.2.34:80/a****f",
+                                "http://u***:***@1*******4:80/a****f",
+                                "http://****:***@*********:80/******",
+                                general};
+  EXPECT_EQ(PublicUtil::filterWord(url, Type(-1)), general);
+  for (int type = 0; type <= 10; ++type) {
+    EXPECT_EQ(PublicUtil::filterWord(url, Type(type)), masked[type]) << type;
   }
   EXPECT_EQ(PublicUtil::filterWord(kIdentifier, FILTER_WORD_UUID), kIdentifier);
   EXPECT_EQ(PublicUtil::filterWord("10.1.2.34;fe80::1", FILTER_WORD_IP), "10.1.2.**;f*****1");

@@ -27,19 +27,13 @@ class PublicUtilTest : public ::testing::Test {
   void TearDown() override { support::ResetPlatformDouble(); }
 };
 
-TEST_F(PublicUtilTest, SplitKeepsEmptyPiecesExceptOneAtTheEnd) {
+TEST_F(PublicUtilTest, SplitKeepsEmptyPiecesExceptOneAtTheEndAndReplaceTakesOne) {
   EXPECT_EQ(PublicUtil::split("", ","), Pieces{});
-  EXPECT_EQ(PublicUtil::split("abc", ","), Pieces{"abc"});
   EXPECT_EQ(PublicUtil::split(",", ","), Pieces{""});
-  EXPECT_EQ(PublicUtil::split("a,,", ","), (Pieces{"a", ""}));
   EXPECT_EQ(PublicUtil::split(",a,,b", ","), (Pieces{"", "a", "", "b"}));
   EXPECT_EQ(PublicUtil::split("a::b:c::", "::"), (Pieces{"a", "b:c"}));
   EXPECT_EQ(PublicUtil::split("a,b", ""), Pieces{"a,b"});
-}
-
-TEST_F(PublicUtilTest, ReplaceFirstReplacesOneOccurrence) {
   EXPECT_EQ(PublicUtil::replaceFirst("a.com b.com", ".com", ".org"), "a.org b.com");
-  EXPECT_EQ(PublicUtil::replaceFirst("aXa", "X", "XX"), "aXXa");
   EXPECT_EQ(PublicUtil::replaceFirst("abc", "d", "e"), "abc");
 }
 
@@ -53,9 +47,6 @@ TEST_F(PublicUtilTest, IPv4NeedsFourOctetsAndNothingBehind) {
     EXPECT_FALSE(PublicUtil::isIPv4(text)) << text;
   }
   EXPECT_TRUE(support::LogTexts().empty());
-}
-
-TEST_F(PublicUtilTest, TextWithoutAnyNumberIsLoggedAndNoIPv4) {
   EXPECT_FALSE(PublicUtil::isIPv4("host"));
   EXPECT_EQ(support::CountLog("secure func return err: 0", kErrorLevel), 1);
   EXPECT_FALSE(PublicUtil::isIPv4(""));
@@ -92,13 +83,6 @@ TEST_F(PublicUtilTest, TextsThatCannotBeConvertedBecomeEmpty) {
   EXPECT_EQ(PublicUtil::WstringToUTF8(std::wstring(1, static_cast<wchar_t>(-1))), "");
 }
 
-TEST_F(PublicUtilTest, EveryThreadHasTheNumberZero) {
-  std::uint64_t other = 1;
-  std::thread([&] { other = PublicUtil::GetCurrentThreadId(); }).join();
-  EXPECT_EQ(other, 0U);
-  EXPECT_EQ(PublicUtil::GetCurrentThreadId(), 0U);
-}
-
 TEST_F(PublicUtilTest, WipeGuardLeavesNoByteOfTheSecret) {
   std::string secret(200, 's');
   secret.resize(150);
@@ -110,27 +94,16 @@ TEST_F(PublicUtilTest, WipeGuardLeavesNoByteOfTheSecret) {
   EXPECT_EQ(std::string(memory, capacity), std::string(capacity, '\0'));
 }
 
-// --- JSON --------------------------------------------------------------------
-
 // What a reader made for this one text says of it.
 bool ParseWithNewReader(const std::string& text, Json::Value& out) {
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   return reader->parse(text.data(), text.data() + text.size(), &out, nullptr);
 }
-
-TEST_F(PublicUtilTest, JsonTextIsOneLine) {
-  Json::Value value;
-  value["list"].append(1);
-  value["list"].append("\xC3\xA4");
-  value["none"] = Json::nullValue;
-  EXPECT_EQ(PublicUtil::Json2String(value), R"({"list":[1,"\u00e4"],"none":null})");
-}
-
-TEST_F(PublicUtilTest, ParsesObjectsAndArraysOnly) {
+TEST_F(PublicUtilTest, ParsesObjectsAndArraysOnlyAndWritesOneLine) {
   Json::Value out;
   EXPECT_TRUE(PublicUtil::SafeParseJson("[]", out));
-  EXPECT_TRUE(PublicUtil::SafeParseJson(R"({"a":1,"a":2,} trailing)", out));
-  EXPECT_EQ(out["a"].asInt(), 2);
+  EXPECT_TRUE(PublicUtil::SafeParseJson(R"({"a":1,"a":["\u00e4",null],} trailing)", out));
+  EXPECT_EQ(PublicUtil::Json2String(out), R"({"a":["\u00e4",null]})");
   EXPECT_FALSE(PublicUtil::SafeParseJson("", out));
   EXPECT_TRUE(support::LogTexts().empty());
 
@@ -139,11 +112,7 @@ TEST_F(PublicUtilTest, ParsesObjectsAndArraysOnly) {
     EXPECT_FALSE(PublicUtil::SafeParseJson(text, out)) << text;
     EXPECT_EQ(support::CountLog("parse json error ", kErrorLevel), 1) << text;
   }
-}
-
-TEST_F(PublicUtilTest, TextNestedTooDeeplyIsAFailureLikeAnyOther) {
-  Json::Value out;
-  EXPECT_FALSE(PublicUtil::SafeParseJson(std::string(100000, '['), out));
+  EXPECT_FALSE(PublicUtil::SafeParseJson(std::string(100000, '['), out));  // nested too deeply
   EXPECT_EQ(support::CountLog("parse json crash ", kErrorLevel), 1);
   EXPECT_TRUE(PublicUtil::SafeParseJson("[7]", out));
   EXPECT_EQ(out[0].asInt(), 7);
@@ -156,13 +125,10 @@ TEST_F(PublicUtilTest, EachTextIsParsedAsByANewReader) {
   const std::string texts[] = {"// before\n{\"a\":1} // behind",
                                "{\"b\":[1,{\"c\":2}]}",
                                "{\"a\":1 /* open",
-                               "[1] // last",
                                "/* first */ [2]",
                                tooDeep,
                                "{\"d\":[",
-                               "{\"e\":\"\\u00e4\"}",
-                               large,
-                               "{\"f\":{}}"};
+                               large};
   for (const std::string& first : texts) {
     for (const std::string& second : texts) {
       Json::Value ignored;
@@ -176,24 +142,6 @@ TEST_F(PublicUtilTest, EachTextIsParsedAsByANewReader) {
     }
   }
 }
-
-TEST_F(PublicUtilTest, ThreadsParseIndependently) {
-  std::vector<std::thread> threads;
-  std::atomic<int> wrong{0};
-  for (int number = 0; number < 4; ++number) {
-    threads.emplace_back([number, &wrong] {
-      const std::string text = "{\"number\":" + std::to_string(number) + "}";
-      for (int i = 0; i < 500; ++i) {
-        Json::Value out;
-        if (!PublicUtil::SafeParseJson(text, out) || PublicUtil::Json2String(out) != text) ++wrong;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(wrong.load(), 0);
-}
-
-// --- Files -------------------------------------------------------------------
 
 class ReadFileTest : public PublicUtilTest {
  protected:
@@ -227,16 +175,13 @@ TEST_F(ReadFileTest, NamesWhyThereIsNothingToRead) {
   EXPECT_EQ(support::CountLog("filePath is empty", kErrorLevel), 1);
   EXPECT_EQ(Read(FileWith("")), "(failed)");
   EXPECT_EQ(support::CountLog("uiFileSize:[0] is invalid!", kErrorLevel), 1);
+  EXPECT_EQ(Read(m_dir.Path()), "(failed)");
+  EXPECT_EQ(support::CountLog("read common config file failed", kErrorLevel), 1);
   EXPECT_EQ(Read(m_dir.File("missing")), "(failed)");
   EXPECT_EQ(support::CountLogPrefix("get file size failed! uiRet[", kErrorLevel), 1);
   const auto texts = support::LogTexts();
   ASSERT_FALSE(texts.empty());
   EXPECT_NE(texts.back().find("] lasterror[2]"), std::string::npos);  // ENOENT
-}
-
-TEST_F(ReadFileTest, ADirectoryIsNoFile) {
-  EXPECT_EQ(Read(m_dir.Path()), "(failed)");
-  EXPECT_EQ(support::CountLog("read common config file failed", kErrorLevel), 1);
 }
 
 TEST_F(ReadFileTest, FailingMemoryAndFailingOpenLeaveNoBuffer) {

@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "util/PublicUtil.h"
+
 namespace {
 
 using commonutil::StyledText;
@@ -69,7 +71,7 @@ TEST(StyledTextTest, TwoTextsAtOnceAreApartAndAnEndedOneIsWiped) {
   EXPECT_EQ(behind, std::string(behind.size(), '\0'));
 }
 
-TEST(StyledTextTest, ThreadsWriteIndependently) {
+TEST(StyledTextTest, ThreadsWriteAndParseIndependently) {
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
   for (int number = 0; number < 4; ++number) {
@@ -78,7 +80,9 @@ TEST(StyledTextTest, ThreadsWriteIndependently) {
       value["number"] = number;
       const std::string expected = value.toStyledString();
       for (int i = 0; i < 500; ++i) {
-        if (StyledText(value).Text() != expected) ++wrong;
+        Json::Value read;
+        const bool good = commonutil::PublicUtil::SafeParseJson(expected, read) && read == value;
+        if (!good || StyledText(value).Text() != expected) ++wrong;
       }
     });
   }
