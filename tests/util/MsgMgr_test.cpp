@@ -1,14 +1,11 @@
 #include "util/MsgMgr.h"
 
-#include <fcntl.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -78,10 +75,7 @@ void AwaitWorker() {
 
 // On the worker, where nothing of an earlier command is still to come.
 void ResetOnWorker() {
-  (void)PushSync([] {
-    support::ResetPlatformDouble();
-    return 0;
-  });
+  (void)PushSync([] { return support::ResetPlatformDouble(), 0; });
 }
 
 class MsgMgrTest : public ::testing::Test {
@@ -202,19 +196,13 @@ TEST_F(MsgMgrTest, LogsACommandThatTookMoreThanThreeSeconds) {
   }
 }
 
-// --- The end of the worker, which is for good: each in a process of its own ---------
+// The end of the worker, which is for good: each in a process of its own.
 
-// Reads a thread's state without allocating or locking: '?' when it is gone.
+// A thread's state, '?' when it is gone.
 char StateOfThread(unsigned long tid) {
-  char path[64];
-  std::snprintf(path, sizeof(path), "/proc/self/task/%lu/stat", tid);
-  const int file = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return '?';
-  char text[512] = {};
-  const ssize_t length = ::read(file, text, sizeof(text) - 1);
-  (void)::close(file);
-  const char* const name = length > 0 ? std::strrchr(text, ')') : nullptr;
-  return name ? name[2] : '?';
+  std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string text;
+  return std::getline(file, text) ? text.at(text.rfind(')') + 2) : '?';
 }
 
 void AwaitState(unsigned long tid, char state) {
@@ -223,10 +211,7 @@ void AwaitState(unsigned long tid, char state) {
 
 unsigned long WorkerTid() {
   unsigned long tid = 0;
-  (void)PushSync([&] {
-    tid = PRAX_GetTID();
-    return 0;
-  });
+  (void)PushSync([&] { return tid = PRAX_GetTID(), 0; });
   return tid;
 }
 
@@ -240,63 +225,57 @@ class MsgMgrEndTest : public ::testing::Test {
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-[[noreturn]] void StopAWaitingWorker() {
-  const unsigned long tid = WorkerTid();
-  AwaitState(tid, 'S');
-  MsgMainThreadMgr::StopThread();
-  bool ran = false;
-  bool broken = false;
-  try {
-    (void)PushSync([&] {
-      ran = true;
-      return 0;
-    });
-  } catch (const std::future_error& error) {
-    broken = error.code() == std::future_errc::broken_promise;
-  }
-  AwaitState(tid, '?');
-  std::exit(broken && !ran ? 0 : 1);
-}
-
 TEST_F(MsgMgrEndTest, StoppedWorkerDropsTheNextCommandAndBreaksItsPromise) {
-  EXPECT_EXIT(StopAWaitingWorker(), ::testing::ExitedWithCode(0), "");
-}
-
-[[noreturn]] void StopABusyWorker() {
-  const unsigned long tid = WorkerTid();
-  const auto queued = std::make_shared<int>(0);
-  std::promise<void> started;
-  std::promise<void> gate;
-  PushAsync([&] {
-    started.set_value();
-    gate.get_future().wait();
-  });
-  started.get_future().wait();
-  for (int i = 0; i < 2; ++i) PushAsync([queued] { ++*queued; });
-  MsgMainThreadMgr::StopThread();
-  gate.set_value();
-  AwaitState(tid, '?');
-  PushAsync([queued] { ++*queued; });  // nobody is left to take it
-  std::exit(*queued == 0 && queued.use_count() == 4 ? 0 : 1);
+  const auto body = [] {
+    const unsigned long tid = WorkerTid();
+    AwaitState(tid, 'S');
+    MsgMainThreadMgr::StopThread();
+    bool ran = false;
+    bool broken = false;
+    try {
+      (void)PushSync([&] { return ran = true, 0; });
+    } catch (const std::future_error& error) {
+      broken = error.code() == std::future_errc::broken_promise;
+    }
+    AwaitState(tid, '?');
+    std::exit(broken && !ran ? 0 : 1);
+  };
+  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(MsgMgrEndTest, WorkerStoppedInACommandFinishesItAndLeavesTheQueueAlone) {
-  EXPECT_EXIT(StopABusyWorker(), ::testing::ExitedWithCode(0), "");
-}
-
-[[noreturn]] void StopBeforeTheFirstUse() {
-  std::thread([] {}).join();  // with the first one a sanitizer starts a thread of its own
-  const std::ptrdiff_t threadsBefore = ThreadCount();
-  MsgMainThreadMgr::StopThread();
-  if (ThreadCount() > threadsBefore) std::exit(1);
-  bool ran = false;
-  PushAsync([&ran] { ran = true; });
-  while (ThreadCount() > threadsBefore) std::this_thread::yield();
-  std::exit(ran ? 2 : 0);
+  const auto body = [] {
+    const unsigned long tid = WorkerTid();
+    const auto queued = std::make_shared<int>(0);
+    std::promise<void> started;
+    std::promise<void> gate;
+    PushAsync([&] {
+      started.set_value();
+      gate.get_future().wait();
+    });
+    started.get_future().wait();
+    for (int i = 0; i < 2; ++i) PushAsync([queued] { ++*queued; });
+    MsgMainThreadMgr::StopThread();
+    gate.set_value();
+    AwaitState(tid, '?');
+    PushAsync([queued] { ++*queued; });  // nobody is left to take it
+    std::exit(*queued == 0 && queued.use_count() == 4 ? 0 : 1);
+  };
+  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(MsgMgrEndTest, StopStartsNoWorkerAndLetsNoneRunLater) {
-  EXPECT_EXIT(StopBeforeTheFirstUse(), ::testing::ExitedWithCode(0), "");
+  const auto body = [] {
+    std::thread([] {}).join();  // with the first one a sanitizer starts a thread of its own
+    const std::ptrdiff_t threadsBefore = ThreadCount();
+    MsgMainThreadMgr::StopThread();
+    if (ThreadCount() > threadsBefore) std::exit(1);
+    bool ran = false;
+    PushAsync([&ran] { ran = true; });
+    while (ThreadCount() > threadsBefore) std::this_thread::yield();
+    std::exit(ran ? 2 : 0);
+  };
+  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(MsgMgrEndTest, CommandThatThrowsEndsTheProcess) {
