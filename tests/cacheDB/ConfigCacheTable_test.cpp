@@ -77,7 +77,8 @@ TEST_F(ConfigCacheTableTest, KeysMatchExactlyAndAreNeverPartOfTheStatement) {
   EXPECT_EQ(Stored(), (std::map<std::string, std::string>{{"k", "1"}, {"K", "2"}}));
   RemoveConfigCacheCommand remove;
   remove.SingleExecute(2, {0, "k", ""});  // 2 means all to the callers above, here nothing
-  EXPECT_EQ(CountLog("unknown type : 2", kWarning), 1);
+  EXPECT_FALSE(QueryConfigCacheCommond().SingleExecute(2, {0, "k", ""}, row));
+  EXPECT_EQ(CountLog("unknown type : 2", kWarning), 2);
   EXPECT_EQ(RemoveConfigCacheCommand().RemoveByAll(), 2);
   ConfigCacheList rows{row};
   EXPECT_EQ(QueryConfigCacheCommond().QueryAll(rows), 0);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "CacheDbTest.h"
+#include "cacheDB/ConfigCacheTable.h"
 #include "cacheDB/DataModelBase.h"
 #include "util/Log.h"
 
@@ -42,23 +43,6 @@ class AddWords : public DMLInsertBase<Word, Words> {
   std::vector<std::string> m_composedFrom;
   std::vector<bool> m_inTransaction;
   std::function<void(const Word&)> m_onBind;
-};
-
-class FindWords : public DQLBase<Word, Word, Words, Words> {
- public:
-  using DQLBase::ComposeSQL;
-
-  FindWords() : DQLBase(kStore, 0) {}
-  void ComposeSQL(std::string& sql) override {
-    sql = type == 0 ? "SELECT ID, T FROM W WHERE T <> ? ORDER BY ID;" : "";
-  }
-  void Bind(IDataManipulation* statement, const Word& condition) override {
-    (void)statement->Bind(1, condition.text);
-  }
-  void Extract(IDataManipulation* statement, Word& row) override {
-    statement->GetValue(0, row.id);
-    statement->GetValue(1, row.text);
-  }
 };
 
 class DataModelTest : public CacheDbTest {
@@ -155,35 +139,14 @@ TEST_F(DataModelTest, ASingleInsertRemembersTheRowIdOfTheLastRowWritten) {
   EXPECT_EQ(CountRows(), "2");
 }
 
-TEST_F(DataModelTest, AQueryAppendsItsRowsAndOneForOneRowNeedsAMatch) {
-  AddWords().Execute(Words{{0, "a"}, {0, "b"}, {0, "c"}});
-  FindWords find;
-  Words rows{{9, "before"}};
-  find.Execute(Word{0, "b"}, rows);
-  EXPECT_EQ(find.Count(), 2);
-  ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(rows.front().text, "before");
-  EXPECT_EQ(rows.back().id, 3);
-  EXPECT_EQ(rows.back().text, "c");
-
-  Word out{9, "before"};
-  EXPECT_FALSE(find.SingleExecute(1, Word(), out));  // no statement for this type
-  EXPECT_EQ(out.text, "before");
-  EXPECT_TRUE(find.SingleExecute(0, Word{0, "a"}, out));
-  EXPECT_EQ(out.id, 2);
-  EXPECT_EQ(out.text, "b");
-}
-
 TEST_F(DataModelTest, WithoutADatabaseNothingHappens) {
   DataStorageMgr::GetInst().Uninit();
   AddWords add;
   add.Execute(Words{{0, "a"}, {0, "b"}});
   add.Execute(Word{0, "a"});
   EXPECT_EQ(add.Affected(), 0);
-  FindWords find;
-  Words rows;
-  find.Execute(Word(), rows);
-  EXPECT_TRUE(rows.empty());
+  ConfigCacheList rows;
+  EXPECT_EQ(QueryConfigCacheCommond().QueryAll(rows), 0);
   DataModel::GetInst().CreateSDKCacheTables();
   EXPECT_EQ(CountLog("ConfigCacheTable created.", kInfo), 1);  // said in any case
 }

@@ -355,7 +355,6 @@ class Doctor(DataTest):
                 self.assertEqual((backup / name).read_bytes(), content)
                 self.assertEqual(int(modes[name], 8), mode)
 
-
     def test_what_no_program_can_mend_is_said(self):
         shutil.rmtree(self.data)
         self.data.mkdir(mode=0o750)
@@ -386,7 +385,6 @@ class Doctor(DataTest):
         self.assertIn('"disk-full"', result.stdout.decode())
         self.assertIn("nothing was changed", result.stderr.decode())
         self.assertEqual(result.stdout.decode().splitlines()[-1], "666")
-
 
 
 if __name__ == "__main__":
