@@ -174,7 +174,7 @@ TEST_F(CommonUtilDBInterfaceTest, AStartIsRetriedAHundredTimesAndTwiceThatForADa
   const struct {
     std::size_t failures;
     int code, result, tries, pauses, stops;
-  } cases[] = {{200, 7, 7, 100, 100, 0}, {300, 287, 287, 200, 200, 1}, {101, 254, 0, 101, 101, 2}};
+  } cases[] = {{200, 7, 7, 100, 100, 0}, {300, 287, 287, 200, 200, 1}, {101, 254, 0, 100, 101, 2}};
   for (const auto& c : cases) {
     support::ResetPlatformDouble();
     PRAX_Ref_SetSleepHook(CountPause);
