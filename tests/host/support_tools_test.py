@@ -56,6 +56,14 @@ class DataTest(ConsoleTest):
     def tearDown(self):
         self.assertEqual(os.listdir(self.temporary), [], "copies are left behind")
 
+    @contextlib.contextmanager
+    def running_client(self):
+        with self.interactive() as client:
+            client.stdin.write(INIT.encode())
+            client.stdin.flush()
+            client.stdout.readline()
+            yield client
+
     def content(self):
         """Every file below the data directory with its bytes and mode."""
         paths = [p for p in self.data.rglob("*") if p.is_file()]
@@ -179,10 +187,7 @@ class Cache(DataTest):
         self.assertEqual(self.content(), left)
 
     def test_a_running_client_keeps_the_tools_out(self):
-        with self.interactive() as client:
-            client.stdin.write(INIT.encode())
-            client.stdin.flush()
-            client.stdout.readline()
+        with self.running_client() as client:
             for command in (["cache", "list"], ["cache", "put", "a", "b"], ["cache", "delete", "a"],
                             ["cache", "verify"], ["doctor"], ["doctor", "--repair"]):
                 words = 2 if command[0] == "cache" else 1

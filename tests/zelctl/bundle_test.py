@@ -166,12 +166,12 @@ class BundleTest(support.DataTest):
     def test_says_what_to_do_and_leaves_nothing_behind(self):
         self.out.write_text("mine")
         before = self.content()
-        self.fail_with(2, "bundle", self.data, self.out, says="--force")
-        self.fail_with(2, "bundle", self.data, says="OUT.tar.gz")
-        self.fail_with(2, "bundle", self.folder / "none", "o", says="is no directory")
-        self.fail_with(2, "bundle", self.data, "o", "--max-size", "1X", says="such as 20M")
-        self.fail_with(2, "bundle", self.data, "o", "--nonsense", says="--nonsense")
-        self.fail_with(1, "bundle", self.data, self.folder / "none/o", says="No such file")
+        self.refused("bundle", self.data, self.out, says="--force")
+        self.refused("bundle", self.data, says="OUT.tar.gz")
+        self.refused("bundle", self.folder / "none", "o", says="is no directory")
+        self.refused("bundle", self.data, "o", "--max-size", "1X", says="such as 20M")
+        self.refused("bundle", self.data, "o", "--nonsense", says="--nonsense")
+        self.refused("bundle", self.data, self.folder / "none/o", code=1, says="No such file")
         self.assertEqual(self.out.read_text(), "mine")
         self.assertEqual(self.content(), before)
 
@@ -218,7 +218,7 @@ class BundleTest(support.DataTest):
         self.fail("the log was never opened")
 
 
-class ProgressTest(support.SupportTest):
+class ProgressTest(support.ConsoleTest):
     def test_appears_on_a_terminal_after_a_second_and_is_wiped_away(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
             silent.bind(("127.0.0.1", 0))
