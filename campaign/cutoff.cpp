@@ -34,7 +34,7 @@ const std::regex& Expected() {
   static const std::regex& expected = *new std::regex(
       "sdkcache\\.db(-wal|-shm)?|sdkcache_config\\.db|zorm|zorm/zormStore(_bak)?\\.dat|"
       "zorm/zormStore\\.dat\\.lock|track|track/"
-      "(key|position|lock|[0-9A-F]{16}-[0-9A-F]{32}\\.spool)|"
+      "(key|position|lock|[0-9a-f]{16}-[0-9A-F]{32}\\.spool)|"
       "log|log/(native_sdk|rotated)(\\.[0-9]+)?\\.txt|log/ut_events(\\.[0-9]+)?\\.jsonl|clean(/"
       ".*)?");
   return expected;
