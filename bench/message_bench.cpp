@@ -1,6 +1,5 @@
 // Requests through the library against what jsoncpp alone takes to read them and to build and write
 // their replies, with a reader and a writer that are kept.
-#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -67,20 +66,6 @@ class BareService {
   std::ostringstream m_stream;
 };
 
-void Pin(int core) {
-  cpu_set_t cores;
-  CPU_ZERO(&cores);
-  CPU_SET(static_cast<unsigned>(core), &cores);
-  (void)sched_setaffinity(0, sizeof(cores), &cores);
-}
-
-void Unpin() {
-  cpu_set_t cores;
-  CPU_ZERO(&cores);
-  for (unsigned i = 0; i < std::thread::hardware_concurrency(); ++i) CPU_SET(i, &cores);
-  (void)sched_setaffinity(0, sizeof(cores), &cores);
-}
-
 // A request with its number, which its reply brings back.
 std::string Numbered(int number) {
   return R"({"cmd":11,"sno":)" + std::to_string(number) +
@@ -146,7 +131,7 @@ class BarePipeline {
 
  private:
   void Run(int core) {
-    Pin(core);
+    const Pinned here(core);
     BareService service;
     for (;;) {
       std::string* taken = nullptr;
@@ -246,11 +231,13 @@ void CompareOneRequest(const char* what, double goal) {
 }
 
 void ComparePipelines(const char* what, int serviceCore, const std::vector<std::string>& requests) {
-  Pin(serviceCore);  // the service's thread takes it from here
-  (void)CommonUtilServiceStartup();
-  AskService();
+  {
+    const Pinned there(serviceCore);  // the service's thread takes it from here
+    (void)CommonUtilServiceStartup();
+    AskService();
+  }
   BarePipeline bare(serviceCore);
-  Pin(0);
+  const Pinned here(0);
   std::vector<double> rates;
   Compare(
       {what, "the same work of jsoncpp behind lock-free queues", 1.3, kPipelineRounds, kPipelined},
@@ -280,7 +267,6 @@ void CompareQuiet() {
     ComparePipelines("pipelined requests, a core each", 1, requests);
   }
   ComparePipelines("pipelined requests, one core", 0, requests);
-  Unpin();
   LogStream::UnInitLog("native_sdk");
   (void)std::remove(file.c_str());
 }

@@ -1,5 +1,4 @@
 // The message ring against a lock-free single-producer queue with the same copy, wipe and free.
-#include <sched.h>
 
 #include <condition_variable>
 #include <cstring>
@@ -121,18 +120,11 @@ void ThroughPeer(Producer& producer, moodycamel::ReaderWriterQueue<char*>& queue
   }
 }
 
-void Pin(unsigned core) {
-  cpu_set_t cores;
-  CPU_ZERO(&cores);
-  CPU_SET(core, &cores);
-  (void)sched_setaffinity(0, sizeof(cores), &cores);
-}
-
-void BenchOnCores(const char* what, unsigned producingCore) {
+void BenchOnCores(const char* what, int producingCore) {
   const std::string text(kBytes, 'm');
-  Pin(producingCore);  // the producer's thread takes it from here
+  const auto there = std::make_unique<Pinned>(producingCore);  // the producer's thread takes it
   Producer producer;
-  Pin(0);
+  const Pinned here(0);
   const bool oneCore = producingCore == 0;
   const auto storage = std::make_unique<msg_storage>();
   moodycamel::ReaderWriterQueue<char*> queue(2048);
@@ -145,11 +137,9 @@ void BenchOnCores(const char* what, unsigned producingCore) {
 }  // namespace
 
 void BenchRing() {
-  cpu_set_t all;
-  (void)sched_getaffinity(0, sizeof(all), &all);
-  if (CPU_COUNT(&all) > 1) BenchOnCores("ring: store, take, wipe, free; a core each", 1);
+  if (std::thread::hardware_concurrency() > 1)
+    BenchOnCores("ring: store, take, wipe, free; a core each", 1);
   BenchOnCores("ring: store, take, wipe, free; one core", 0);
-  (void)sched_setaffinity(0, sizeof(all), &all);
 }
 
 }  // namespace bench

@@ -14,7 +14,7 @@ constexpr char kDigits[] = "0123456789ABCDEF";
 
 std::string PublicUtil::urlEncode(const std::string& text) {
   std::string encoded;
-  encoded.reserve(text.size());
+  encoded.reserve(text.size() + text.size() / 2);
   for (const char character : text) {
     const unsigned char byte = static_cast<unsigned char>(character);
     if (std::isalnum(byte) || kCopiedMarks.find(character) != std::string_view::npos) {
@@ -22,7 +22,9 @@ std::string PublicUtil::urlEncode(const std::string& text) {
     } else if (std::isspace(byte)) {
       encoded += "%20";
     } else {
-      encoded.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]});
+      encoded += '%';
+      encoded += kDigits[byte >> 4U];
+      encoded += kDigits[byte & 0xFU];
     }
   }
   return encoded;
