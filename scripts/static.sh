@@ -8,8 +8,8 @@ readonly root
 cd "$root"
 
 scripts/setup.sh --campaign
-scripts/build.sh dev -DZEL_BUILD_TESTS=ON -DZEL_BUILD_BENCH=ON
-scripts/build.sh release -DZEL_WERROR=ON -DZEL_BUILD_TESTS=ON -DZEL_BUILD_BENCH=ON
+scripts/build.sh dev -DZEL_BUILD_TESTS=ON -DZEL_BUILD_BENCH=ON -DZEL_BUILD_CAMPAIGN=ON
+scripts/build.sh release -DZEL_WERROR=ON -DZEL_BUILD_TESTS=ON -DZEL_BUILD_BENCH=ON -DZEL_BUILD_CAMPAIGN=ON
 
 echo "static: cppcheck" >&2
 # noexcept: this cppcheck cannot read one before a function's try. passedByValue: clang-tidy knows
