@@ -294,7 +294,7 @@ int SqliteInterfaceManager::QueryConfigCache(const ZelMatchInfo& match, ZelConfi
 }
 
 int SqliteInterfaceManager::QueryConfigCacheOfSharedPtr(
-    std::shared_ptr<ZelQueryConfigCache> query) {  // NOLINT(performance-unnecessary-value-param)
+    std::shared_ptr<ZelQueryConfigCache> query) {
   if (query == nullptr) {
     ZEL_LOG(kError) << "ptr is empty.";
     return kBadParameter;

@@ -171,9 +171,7 @@ bool CommonUtilPrivateManager::addConfigInfo(std::string key, std::string value)
   return false;
 }
 
-bool CommonUtilPrivateManager::queryConfigInfoByKey(
-    std::string key,  // NOLINT(performance-unnecessary-value-param): the interface's
-    std::string& value) {
+bool CommonUtilPrivateManager::queryConfigInfoByKey(std::string key, std::string& value) {
   ZelConfigCache row;
   int count = 1;
   const int result = QueryConfigCacheByKey(key, &row, &count);

@@ -71,7 +71,6 @@ std::atomic<bool> LogBusiness::isRun{false};
 std::atomic<std::time_t> LogBusiness::baseTime{0};
 std::atomic<int> LogBusiness::delFileCount{0};
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is part of the interface
 void LogBusiness::SetLogPath(std::string path, tagLoggerLevel level) {
   LogOneLog_WriteSystemLog(__func__, "SetLogPath. [%s]",
                            LogStream::FilterWord(path, kPathRegulation).c_str());
@@ -96,7 +95,6 @@ std::string LogBusiness::GetLogPath() {
   return trueLogPath;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is part of the interface
 std::string LogBusiness::GenerateLogPath(std::string name) {
   std::string path = GetLogPath();
   if (path.empty() || path.back() != '/') path += '/';

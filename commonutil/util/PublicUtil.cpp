@@ -59,6 +59,7 @@ std::uint64_t PublicUtil::GetCurrentThreadId() {
   // The text begins with "0x", of which a decimal conversion takes the 0 alone. That every
   // thread gets the same number is wanted.
   std::ostringstream handle;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): for its text alone
   handle << reinterpret_cast<const void*>(PRAX_PthreadSelf());
   return std::stoull(handle.str(), nullptr, 10);
 }

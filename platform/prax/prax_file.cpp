@@ -179,6 +179,7 @@ class NameList {
     if (m_capacity > INT_MAX / 2) return false;
     const int capacity = std::max(kFirstListCapacity, m_capacity * 2);
     void* const grown =
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): a list of pointers is meant
         ::reallocarray(m_entries, static_cast<size_t>(capacity), sizeof(*m_entries));
     if (grown == nullptr) return false;
     m_entries = static_cast<struct dirent**>(grown);

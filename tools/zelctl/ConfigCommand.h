@@ -9,6 +9,6 @@ namespace zelctl {
 
 // DIR: prints all settings, one "key=value" a line in the order of the keys. DIR KEY: the value
 // alone; false without that setting. Throws UsageError.
-bool ShowConfig(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted);
+bool ShowConfig(const std::vector<std::string>& given, const std::atomic<bool>& interrupted);
 
 }  // namespace zelctl

@@ -47,7 +47,7 @@ std::string ProcessWith(const std::string& path) {
   std::error_code error;
   for (fs::directory_iterator entry("/proc", error), end; !error && entry != end;
        entry.increment(error)) {
-    const std::string name = entry->path().filename();
+    std::string name = entry->path().filename();
     if (IsNumber(name) && name != own && HasOpen(entry->path(), file)) return name;
   }
   return "";

@@ -94,8 +94,8 @@ void ServeStun(int socket) {
   unsigned char address[6];
   std::memcpy(address, &from.sin_port, 2);
   std::memcpy(address + 2, &from.sin_addr, 4);
-  unsigned char* out = std::copy(std::begin(kSuccess), std::end(kSuccess), message);
-  out =
+  std::copy(std::begin(kSuccess), std::end(kSuccess), message);
+  unsigned char* out =
       std::copy(std::begin(kXorMappedAddress), std::end(kXorMappedAddress), message + kHeaderBytes);
   for (int i = 0; i < 2; ++i) *out++ = address[i] ^ kCookie[i];
   for (int i = 0; i < 4; ++i) *out++ = address[2 + i] ^ kCookie[i];

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -273,7 +274,7 @@ std::string WaysTable(const std::vector<Way>& ways) {
     const bool isThrough = way.result == 0;
     table.Add({way.name, isThrough ? "gets through" : "fails, code " + std::to_string(way.result),
                isThrough ? std::to_string(way.status) : "-",
-               std::to_string(static_cast<long>(way.ms + 0.5)) + " ms", Bar(way.ms, slowest)});
+               std::to_string(std::lround(way.ms)) + " ms", Bar(way.ms, slowest)});
   }
   return table.Text();
 }

@@ -34,6 +34,7 @@ std::string Padded(const std::string& text, std::size_t width, Table::Align alig
 
 void Table::Add(const std::vector<std::string>& row) {
   std::vector<std::string> shown;
+  shown.reserve(row.size());
   for (const std::string& text : row) shown.push_back(WithoutControls(text));
   m_rows.push_back(std::move(shown));
 }
