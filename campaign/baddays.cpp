@@ -262,6 +262,9 @@ class BadDays {
     if (shared == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
     m_memory = new (shared) Record;
   }
+  BadDays(const BadDays&) = delete;
+  BadDays& operator=(const BadDays&) = delete;
+  ~BadDays() { (void)::munmap(m_memory, sizeof(Record)); }
 
   void Run(const Day& day) {
     const support::TempDir dir;

@@ -130,6 +130,7 @@ class Host {
     }
   }
 
+  // cppcheck-suppress CastIntegerToAddressAtReturn ; an array of characters is indexed
   const char* Secret(Which which) const { return m_secrets[which]; }
 
   // Through the rings and the service's thread; waits for `replies` and hands them on.
@@ -244,7 +245,7 @@ class Host {
   const int m_messages;
   int m_port = 0;
   Secrets m_secrets;
-  char m_buffer[kBufferBytes];
+  char m_buffer[kBufferBytes] = {};
 };
 
 // --- The parent: makes the secrets and searches for them ----------------------------------------

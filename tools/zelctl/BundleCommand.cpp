@@ -469,7 +469,7 @@ class Bundle {
     for (std::string line; std::getline(lines, line);) {
       const std::size_t sign = line.find('=');
       if (sign != std::string::npos && BundleMask::IsSecretName(line.substr(0, sign))) {
-        line = line.substr(0, sign + 1) + "[removed: password]";
+        line.replace(sign + 1, std::string::npos, "[removed: password]");
         ++(*removals)[static_cast<std::size_t>(Removal::kPassword)];
       }
       masked += m_mask.Text(line + '\n', removals);
