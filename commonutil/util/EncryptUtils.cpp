@@ -52,7 +52,7 @@ std::string ConvertToText(std::size_t inputLength, Convert convert) {
   std::string buffer(static_cast<std::size_t>(ClampToInt(NeededLength(inputLength))), '\0');
   const WipeGuard wipe(buffer);
   if (convert(buffer.data(), static_cast<int>(buffer.size())) != 0) return {};
-  return {buffer.data()};  // to the first NUL
+  return {buffer, 0, buffer.find('\0')};
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace zelctl {
 // DIR [--repair] [--json]: says what it finds, each with cause and remedy. Looks at a copy; changes
 // nothing unless --repair is given. False when there is something, repaired or not, and when a
 // client uses the directory. Throws UsageError.
-bool RunDoctor(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted);
+bool RunDoctor(const std::vector<std::string>& given, const std::atomic<bool>& interrupted);
 
 class Examination;
 
