@@ -61,7 +61,9 @@ int SQLiteStmt::Bind(int index, long long value) {
 }
 
 int SQLiteStmt::Bind(int index, const std::string& value) {
-  return Checked(sqlite3_bind_text(m_statement, index, value.c_str(), -1, SQLITE_TRANSIENT));
+  const int result = sqlite3_bind_text(m_statement, index, value.c_str(), -1, SQLITE_TRANSIENT);
+  m_lacksText = m_lacksText || result == SQLITE_NOMEM;
+  return Checked(result);
 }
 
 int SQLiteStmt::BindNull(int index) { return Checked(sqlite3_bind_null(m_statement, index)); }
@@ -71,6 +73,10 @@ int SQLiteStmt::Exec(bool reset) {
   if (db == nullptr) {
     LogFailure(sqlite3_step(m_statement));  // refused, for want of a statement
     return kNoDatabase;
+  }
+  if (m_lacksText) {  // would store an empty one
+    LogFailure(SQLITE_NOMEM);
+    return 0;
   }
   int result = SQLITE_OK;
   int changes = 0;

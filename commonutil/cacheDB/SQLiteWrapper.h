@@ -192,6 +192,7 @@ class SQLiteStmt : public IDataManipulation {
   void LogFailure(int result) const;
 
   sqlite3_stmt* m_statement;
+  bool m_lacksText = false;  // a text that was to be bound found no memory
   const std::string dbName;
   const std::string sql;
   const std::shared_ptr<IdleStatements> m_idle;
