@@ -101,7 +101,10 @@ try:
         report = json.load(file)
 except (OSError, ValueError):
     report = {"rounds": "-", "findings": []}  # ended by a signal or a sanitizer
-findings = len(report["findings"]) or ("none" if result == "ok" else "failed")
+findings = report["findings"]  # their number, or a text each
+if isinstance(findings, list):
+    findings = len(findings)
+findings = findings or ("none" if result == "ok" else "failed")
 print(f"{name:10} {report['rounds']:>14} {seconds:>8}  {findings}")
 PYTHON
   [[ $result == failed ]] || continue
