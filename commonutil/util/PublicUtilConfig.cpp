@@ -94,7 +94,7 @@ std::string PublicUtil::IdentityLocked() {
   if (!ReadConfigFile(m_configFilePath + kConfigFileName, kFunction, root)) return {};
   const Json::Value* const identity = TextMember(root, kIdentityKey);
   if (!identity) return {};
-  const std::string value = identity->asString();
+  std::string value = identity->asString();
   ::LogStream::GetLogStream(kLogModule, kInfo, kCheckData, kLogFile, kFunction, __LINE__)
       << "get server domain identity " << kIdentityKey << ": " << value;
   if (value.empty()) return {};  // still unknown: the next call reads again
@@ -109,7 +109,7 @@ std::string PublicUtil::GetUrlFromCommonConfig(const std::string& key) {
   Json::Value root;
   if (!ReadConfigFile(m_configFilePath + kConfigFileName, __func__, root)) return {};
   const Json::Value* const member = TextMember(root, key);
-  const std::string url = WithStrategyLocked(member ? member->asString() : std::string());
+  std::string url = WithStrategyLocked(member ? member->asString() : std::string());
   ZEL_LOG_DATA(kInfo) << "get url " << key << ": " << url;
   return url;
 }
