@@ -21,7 +21,7 @@ cppcheck -I commonutil -I platform -I platform/include --language=c++ --std=c++1
   commonutil platform tools bench fuzz campaign
 
 echo "static: clang-tidy" >&2
-run-clang-tidy -p build/dev -j "$(nproc)" -quiet '/(commonutil|platform|tools)/.*\.cpp$' \
+run-clang-tidy -p build/dev -j "$(nproc)" -quiet "^$root/(commonutil|platform|tools)/.*\.cpp\$" \
   >build/dev/clang-tidy.log 2>&1 || true
 if grep -E '(warning|error): ' build/dev/clang-tidy.log | sort -u; then
   echo "static: clang-tidy's report is in build/dev/clang-tidy.log" >&2
