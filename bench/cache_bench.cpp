@@ -1,19 +1,17 @@
 // The caller's part of an add to the config cache.
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>
 #include <sqlite3.h>
 
+#include "PeerCache.h"
 #include "Ratio.h"
 #include "cache/cache_ref.h"
 #include "cacheDB/DataStorage.h"
@@ -30,7 +28,6 @@ using commonutil::ZelConfigCache;
 constexpr int kRounds = 11;
 constexpr int kAdds = 200;
 constexpr std::size_t kKeys = 64;
-constexpr std::size_t kPeerShards = 16;
 
 const std::vector<std::string>& Keys() {
   static const std::vector<std::string>& keys = *[] {
@@ -40,28 +37,6 @@ const std::vector<std::string>& Keys() {
   }();
   return keys;
 }
-
-// Each shard a map of shared texts behind a mutex.
-class PeerCache {
- public:
-  void Put(const std::string& key, const std::string& value) {
-    Shard& shard = ShardOf(key);
-    const std::lock_guard<std::mutex> hold(shard.lock);
-    shard.values[key] = std::make_shared<const std::string>(value);
-  }
-
- private:
-  struct alignas(64) Shard {
-    std::mutex lock;
-    std::unordered_map<std::string, std::shared_ptr<const std::string>> values;
-  };
-
-  Shard& ShardOf(const std::string& key) {
-    return m_shards[std::hash<std::string>()(key) % kPeerShards];
-  }
-
-  std::array<Shard, kPeerShards> m_shards;
-};
 
 // The usual nanoseconds of one `work`, as its caller meets them.
 double UsualTime(const std::function<void()>& work) {

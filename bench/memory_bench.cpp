@@ -1,15 +1,13 @@
 // Config entries that are found in memory.
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
+#include "PeerCache.h"
 #include "Ratio.h"
 #include "publicInc/CommonUtilPrivateManager.h"
 
@@ -24,7 +22,6 @@ constexpr int kRounds = 11;
 constexpr int kQueries = 1000000;
 constexpr std::size_t kKeys = 64;
 constexpr std::size_t kValueBytes = 100;
-constexpr std::size_t kPeerShards = 16;
 constexpr char kPeer[] = "sharded unordered_map of shared strings";
 
 // Of 24 bytes each.
@@ -40,35 +37,6 @@ const std::vector<std::string>& Keys() {
   }();
   return keys;
 }
-
-// Each shard a map of shared texts behind a mutex.
-class PeerCache {
- public:
-  void Put(const std::string& key, const std::string& value) {
-    Shard& shard = ShardOf(key);
-    const std::lock_guard<std::mutex> hold(shard.lock);
-    shard.values[key] = std::make_shared<const std::string>(value);
-  }
-
-  std::shared_ptr<const std::string> Get(const std::string& key) {
-    Shard& shard = ShardOf(key);
-    const std::lock_guard<std::mutex> hold(shard.lock);
-    const auto found = shard.values.find(key);
-    return found == shard.values.end() ? nullptr : found->second;
-  }
-
- private:
-  struct alignas(64) Shard {
-    std::mutex lock;
-    std::unordered_map<std::string, std::shared_ptr<const std::string>> values;
-  };
-
-  Shard& ShardOf(const std::string& key) {
-    return m_shards[std::hash<std::string>()(key) % kPeerShards];
-  }
-
-  std::array<Shard, kPeerShards> m_shards;
-};
 
 // `step` 0 asks for one key all the time, 1 for all of them in turn.
 void QueryOurs(int queries, std::size_t key, std::size_t step) {
