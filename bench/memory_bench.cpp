@@ -19,7 +19,7 @@ using commonutil::CommonUtilPrivateManager;
 using commonutil::ZelConfigCache;
 
 constexpr int kRounds = 11;
-constexpr int kQueries = 1000000;
+constexpr int kQueries = 4000000;
 constexpr std::size_t kKeys = 64;
 constexpr std::size_t kValueBytes = 100;
 constexpr char kPeer[] = "sharded unordered_map of shared strings";
@@ -68,7 +68,10 @@ void Compute(int rounds) {
 void Share(std::size_t threads, const std::function<void(int queries, std::size_t first)>& body) {
   std::vector<std::thread> running;
   for (std::size_t i = 0; i < threads; ++i) {
-    running.emplace_back(body, kQueries / static_cast<int>(threads), i * 7);
+    running.emplace_back([&body, threads, i] {
+      const Pinned evenly(static_cast<int>(i % std::thread::hardware_concurrency()));
+      body(kQueries / static_cast<int>(threads), i * 7);
+    });
   }
   for (std::thread& thread : running) thread.join();
 }

@@ -72,10 +72,7 @@ extern "C" int CommonUtilWaitExportMsg(unsigned int timeoutMs) {
 }
 
 extern "C" int CommonUtilExportMsgFd(void) {
-  return AtBoundary(kNoDescriptor, [] {
-    ServiceHost& host = ServiceHost::GetInst();
-    return host.Pin() ? host.Signal().Descriptor() : kNoDescriptor;
-  });
+  return AtBoundary(kNoDescriptor, [] { return ServiceHost::GetInst().ShowSignal(); });
 }
 
 extern "C" void CommonUtilServiceSetEager(int eager) {

@@ -19,6 +19,11 @@ int ExportSignal::Descriptor() {
   return m_descriptor.load();
 }
 
+int ExportSignal::ShowDescriptor() {
+  m_shown.store(true);
+  return Descriptor();
+}
+
 void ExportSignal::Raise() {
   if (IsInUse() && !m_raised.exchange(true)) Write();
 }

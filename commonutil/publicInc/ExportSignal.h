@@ -17,6 +17,8 @@ class ExportSignal {
   // An eventfd(2), readable from a Raise to the next Lower; the same for good, never closed. -1
   // when there can be none.
   int Descriptor();
+  // The same, for the host to watch: from now on it is lowered as soon as nothing waits.
+  int ShowDescriptor();
 
   // After a message was stored.
   void Raise();
@@ -25,6 +27,7 @@ class ExportSignal {
   void Lower();
   void KeepUp();
   bool IsInUse() const { return m_descriptor.load(std::memory_order_acquire) >= 0; }
+  bool IsShown() const { return m_shown.load(std::memory_order_relaxed); }
 
   // Blocks until the signal is raised, at most `timeoutMs`; false when the time is over.
   bool Wait(unsigned int timeoutMs);
@@ -34,6 +37,7 @@ class ExportSignal {
 
   Mutex m_lock;  // so that the descriptor is made once
   std::atomic<int> m_descriptor{-1};
+  std::atomic<bool> m_shown{false};
   // Whether the descriptor is readable, or about to be. Only ever exchanged: who finds it set,
   // finds also what was stored before it was set.
   std::atomic<bool> m_raised{false};

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "publicInc/ResultCode.h"
 #include "util/Boundary.h"
@@ -108,6 +109,9 @@ void ServiceHost::Idle(const msg_storage& store) {
     PRAX_SleepMs(kIdlePollMs);
     return;
   }
+  // A host on this core may have more to import: one sleep for all of it, not one for each.
+  std::this_thread::yield();
+  if (!store.Inbound().IsEmpty()) return;
   MutexLock hold(m_sleepLock);
   m_asleep.store(true);
   if (store.Inbound().IsEmpty()) {
@@ -131,20 +135,26 @@ void ServiceHost::WakeService() {
 bool ServiceHost::WaitForExport(unsigned int timeoutMs) {
   const std::shared_ptr<CommonUtilService> service = Pin();
   if (service == nullptr || m_signal.Descriptor() < 0) return false;
-  const MessageRing& outbound = service->PrimaryStore().Outbound();
+  msg_storage& store = service->PrimaryStore();
   const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
-    if (!outbound.IsEmpty()) return true;
+    if (!store.Outbound().IsEmpty()) return true;
     const auto left = until - std::chrono::steady_clock::now();
     if (left <= left.zero() || Pin() != service) return false;
     // Rounded up, so that the last wait is no busy one.
     const auto leftMs = std::chrono::ceil<std::chrono::milliseconds>(left).count();
     const auto slice = std::min<long long>(leftMs, kLookForServiceMs);
-    if (!m_signal.Wait(static_cast<unsigned int>(slice))) continue;
-    if (!outbound.IsEmpty()) return true;
-    m_signal.Lower();  // it was up for a message that is gone
-    if (!outbound.IsEmpty()) m_signal.KeepUp();
+    // It may be up for a message that is gone.
+    if (m_signal.Wait(static_cast<unsigned int>(slice))) store.LowerSignalWhenEmpty();
   }
+}
+
+int ServiceHost::ShowSignal() {
+  const std::shared_ptr<CommonUtilService> service = Pin();
+  if (service == nullptr) return -1;
+  const int descriptor = m_signal.ShowDescriptor();
+  service->PrimaryStore().LowerSignalWhenEmpty();
+  return descriptor;
 }
 
 void ServiceHost::DropService() {

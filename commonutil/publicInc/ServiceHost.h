@@ -36,8 +36,9 @@ class ServiceHost {
   // Whether an import wakes the service thread; else it looks every few milliseconds.
   void SetEager(bool eager) { m_eager.store(eager); }
 
-  // Raised while messages of the service wait for the host.
-  ExportSignal& Signal() { return m_signal; }
+  // A descriptor that is readable while messages of the service wait for the host, the same for
+  // good; -1 without a service, or where there can be none.
+  int ShowSignal();
   // True when a message waits for the host or comes in time; false without a service, also when it
   // goes meanwhile.
   bool WaitForExport(unsigned int timeoutMs);

@@ -139,9 +139,13 @@ int msg_storage::SendMsgExport(char** out) {
   MessageRing::Message message{};
   const bool taken = m_outbound.Take(message);
   if (taken) *out = message.text;
-  if (m_signal != nullptr && m_signal->IsInUse() && m_outbound.IsEmpty()) {
-    m_signal->Lower();
-    if (!m_outbound.IsEmpty()) m_signal->KeepUp();
-  }
+  // One who waits without the descriptor lowers it before the next sleep: no system call here.
+  if (m_signal != nullptr && m_signal->IsShown()) LowerSignalWhenEmpty();
   return taken ? 1 : 0;
+}
+
+void msg_storage::LowerSignalWhenEmpty() {
+  if (m_signal == nullptr || !m_outbound.IsEmpty()) return;
+  m_signal->Lower();
+  if (!m_outbound.IsEmpty()) m_signal->KeepUp();
 }

@@ -83,9 +83,10 @@ class msg_storage {
   const MessageRing& Inbound() const { return m_inbound; }
   const MessageRing& Outbound() const { return m_outbound; }
 
-  // Raised after each outbound store and lowered when a take leaves none. Set before other threads
-  // know this object; it lives longer.
+  // Raised after each outbound store. Set before other threads know this object; it lives longer.
   void SetExportSignal(commonutil::ExportSignal* signal) { m_signal = signal; }
+  // Lowers it when no outbound message waits. Any thread.
+  void LowerSignalWhenEmpty();
 
  private:
   // All that can wait: memory that goes both ways, back here and to the allocator, tears the heap.
