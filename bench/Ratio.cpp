@@ -11,6 +11,7 @@
 #include <json/json.h>
 
 #include "CommonUtil.h"
+#include "zel_platform/logger.h"
 
 namespace bench {
 
@@ -53,6 +54,21 @@ Pinned::Pinned(int core) {
 }
 
 Pinned::~Pinned() { (void)sched_setaffinity(0, sizeof(m_before), &m_before); }
+
+QuietLog::QuietLog() {
+  const std::string& directory = LibraryDirectory();
+  if (LogStream::InitLog("native_sdk", (directory + "/quiet.txt").c_str(), 1024, 0,
+                         LOGGER_LEVEL_WARNING) != 0) {
+    std::abort();
+  }
+}
+
+QuietLog::~QuietLog() {
+  const std::string& directory = LibraryDirectory();
+  LogStream::UnInitLog("native_sdk");
+  (void)LogStream::InitLog("native_sdk", (directory + "/native_sdk.txt").c_str(), 5120, 7,
+                           LOGGER_LEVEL_INFO);
+}
 
 void PrintHeading() {
   std::printf("%-44s %12s %12s %7s %7s   %s\n", "work", "ours", "peer", "ratio", "goal", "peer");

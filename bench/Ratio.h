@@ -54,6 +54,15 @@ class Pinned {
   cpu_set_t m_before;
 };
 
+// While it lives the library logs warnings and errors only, as many hosts want it.
+class QuietLog {
+ public:
+  QuietLog();
+  ~QuietLog();
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+};
+
 // The benchmarks.
 void BenchLog();
 void BenchDetect();

@@ -20,7 +20,6 @@
 
 #include "Ratio.h"
 #include "publicInc/CommonUtilEntry.h"
-#include "zel_platform/logger.h"
 
 namespace bench {
 
@@ -258,10 +257,7 @@ void ComparePipelines(const char* what, int serviceCore, const std::vector<std::
 
 // As a host that logs warnings and errors: no line is written for a request.
 void CompareQuiet() {
-  const std::string file = "/tmp/zel_bench_message." + std::to_string(getpid());
-  if (LogStream::InitLog("native_sdk", file.c_str(), 1024, 0, LOGGER_LEVEL_WARNING) != 0) {
-    std::abort();
-  }
+  const QuietLog quiet;
   CompareOneRequest("one request, command 11, 150 bytes", 1.3);
   std::vector<std::string> requests;
   for (int i = 0; i < kPipelined; ++i) requests.push_back(Numbered(i));
@@ -269,8 +265,6 @@ void CompareQuiet() {
     ComparePipelines("pipelined requests, a core each", 1, requests);
   }
   ComparePipelines("pipelined requests, one core", 0, requests);
-  LogStream::UnInitLog("native_sdk");
-  (void)std::remove(file.c_str());
 }
 
 }  // namespace

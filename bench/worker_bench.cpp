@@ -14,6 +14,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
+#include "PinnedWorker.h"
 #include "Ratio.h"
 #include "util/MsgMgr.h"
 
@@ -97,31 +98,14 @@ class AsioWorker {
 
 class OurWorker {
  public:
-  explicit OurWorker(int core) : m_pinned(RunThere([core] { return new Pinned(core); })) {}
-  ~OurWorker() {
-    RunThere([this] {
-      delete m_pinned;
-      return nullptr;
-    });
-  }
-  OurWorker(const OurWorker&) = delete;
-  OurWorker& operator=(const OurWorker&) = delete;
+  explicit OurWorker(int core) : m_pinned(core) {}
 
   void Post(std::function<void()> command) { m_worker.PushCmd(std::move(command), kName); }
   int Push(const std::function<int()>& command) { return m_worker.PushCmd(command, kName); }
 
  private:
-  Pinned* RunThere(const std::function<Pinned*()>& body) {
-    Pinned* made = nullptr;
-    (void)Push([&] {
-      made = body();
-      return 0;
-    });
-    return made;
-  }
-
   commonutil::MsgMainThreadMgr& m_worker = commonutil::MsgMainThreadMgrHandler::GetInst();
-  Pinned* const m_pinned;  // of the worker's thread
+  PinnedWorker m_pinned;
 };
 
 template <class Worker>

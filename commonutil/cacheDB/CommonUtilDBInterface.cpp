@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <utility>
 
 #include "cacheDB/ConfigCacheTable.h"
 #include "cacheDB/DataStorage.h"
@@ -141,7 +142,7 @@ int ReadByKey(const std::string& key, ConfigCacheList& rows) {
   }
   ConfigCache row;
   if (!QueryConfigCacheCommond().QueryByKey(key, row)) return kQueryNoEntry;
-  rows.push_back(row);
+  rows.push_back(std::move(row));
   return kOk;
 }
 
@@ -285,10 +286,10 @@ int SqliteInterfaceManager::QueryConfigCache(const ZelMatchInfo& match, ZelConfi
   ConfigCacheList rows;
   const int rc = ReadMatching(match, rows);
   if (rc != kOk) return rc;
-  for (const ConfigCache& row : rows) {
+  for (ConfigCache& row : rows) {
     if (*count >= capacity) break;
-    out[(*count)++] = ZelConfigCache{row.autoId, row.key, row.value};
     LogRow(match.keyType, row);
+    out[(*count)++] = ZelConfigCache{row.autoId, std::move(row.key), std::move(row.value)};
   }
   return kOk;
 }

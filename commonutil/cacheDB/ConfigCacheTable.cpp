@@ -15,11 +15,15 @@ constexpr char kCreateIndex[] =
     "CREATE UNIQUE INDEX IF NOT EXISTS CONFIGCACHE_UNIQUE_INDEX ON ConfigCacheTab(KEY);";
 constexpr char kInsert[] =
     "INSERT OR REPLACE INTO ConfigCacheTab( AUTOID, KEY, VALUE) VALUES ( ?, ?, ? );";
-constexpr char kDelete[] = "DELETE FROM ConfigCacheTab";
-constexpr char kSelect[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab";
-constexpr char kWhere[] = " WHERE ";
-constexpr char kKeyCondition[] = "KEY = ?";
-constexpr char kEnd[] = ";";
+// The forms of a command that may have a condition.
+struct Forms {
+  const char* all;
+  const char* byKey;
+};
+constexpr Forms kDelete = {"DELETE FROM ConfigCacheTab;",
+                           "DELETE FROM ConfigCacheTab WHERE KEY = ?;"};
+constexpr Forms kSelect = {"SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab;",
+                           "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab WHERE KEY = ?;"};
 
 constexpr int kOnlyForm = 0;  // of a command that has one
 
@@ -35,13 +39,13 @@ constexpr int kColumnKey = 1;
 constexpr int kColumnValue = 2;
 constexpr int kColumns = 3;
 
-// `base` with the condition of `type`; empty, so that nothing runs, for an unknown type.
-std::string Selecting(const char* base, int type) {
+// Empty, so that nothing runs, for an unknown type.
+std::string Selecting(const Forms& forms, int type) {
   switch (type) {
     case kSelectAll:
-      return std::string(base) + kEnd;
+      return forms.all;
     case kSelectByKey:
-      return std::string(base) + kWhere + kKeyCondition + kEnd;
+      return forms.byKey;
     default:
       ZEL_LOG(kWarning) << "unknown type : " << type;
       return {};

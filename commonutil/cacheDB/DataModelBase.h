@@ -172,7 +172,7 @@ class DQLBase : public DataModelBase {
     List rows;
     Execute(condition, rows);
     if (rows.empty()) return false;
-    out = rows.front();
+    out = std::move(rows.front());
     return true;
   }
 

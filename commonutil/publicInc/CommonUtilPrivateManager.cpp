@@ -56,7 +56,7 @@ int StoreInMemory(const ZelConfigCache& row) {
 
 // A command that throws would end the process.
 int RunOnWorker(const std::function<int()>& command, const char* name) {
-  const std::function<int()> safe = [command] { return AtBoundary(kFailed, command); };
+  const std::function<int()> safe = [&command] { return AtBoundary(kFailed, command); };
   return MsgMainThreadMgrHandler::GetInst().PushCmd(safe, name);
 }
 
@@ -90,7 +90,7 @@ int QueryDatabase(const std::string& key, ZelConfigCache* out, int* count) {
       [query] { return SqliteInterfaceManager::GetInst().QueryConfigCacheOfSharedPtr(query); },
       kQueryName);
   *count = query->count;
-  for (int i = 0; i < query->count; ++i) out[i] = query->result[i];
+  for (int i = 0; i < query->count; ++i) out[i] = std::move(query->result[i]);
   return result;
 }
 

@@ -58,10 +58,13 @@ std::string PublicUtil::UTF8ToAnsi(const std::string& text) { return text; }
 std::uint64_t PublicUtil::GetCurrentThreadId() {
   // The text begins with "0x", of which a decimal conversion takes the 0 alone. That every
   // thread gets the same number is wanted.
-  std::ostringstream handle;
-  // NOLINTNEXTLINE(performance-no-int-to-ptr): for its text alone
-  handle << reinterpret_cast<const void*>(PRAX_PthreadSelf());
-  return std::stoull(handle.str(), nullptr, 10);
+  thread_local const std::uint64_t number = [] {
+    std::ostringstream handle;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): for its text alone
+    handle << reinterpret_cast<const void*>(PRAX_PthreadSelf());
+    return std::stoull(handle.str(), nullptr, 10);
+  }();
+  return number;
 }
 
 EncryptUtils& PublicUtil::getEncryptUtilsInst() {
