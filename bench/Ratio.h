@@ -83,8 +83,9 @@ void BenchGrowth();
 const std::string& LibraryDirectory();
 // Removes it; the last thing that a process does.
 void RemoveLibraryDirectory();
-// A start in a process of its own: initialises in `dir` and prints the nanoseconds it took.
-int StartChild(const std::string& dir);
+// The part of the start's benchmark that runs in a process of its own: prints the nanoseconds that
+// it took and returns the exit status, 2 where there is none of that name.
+int RunChild(const std::string& name, const std::string& argument);
 // Runs a command and returns the numbers it prints.
 std::vector<double> NumbersOf(const std::string& command);
 double Median(std::vector<double> values);

@@ -52,12 +52,13 @@ int RunNamed(const std::vector<const char*>& names) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 3 && std::strcmp(argv[1], "--start") == 0) return bench::StartChild(argv[2]);
   int first = 1;
   const char* json = nullptr;
   if (argc >= 3 && std::strcmp(argv[1], "--json") == 0) {
     json = argv[2];
     first = 3;
+  } else if (argc == 3 && std::strncmp(argv[1], "--", 2) == 0) {
+    return bench::RunChild(argv[1], argv[2]);
   }
   const int result = RunNamed({argv + first, argv + argc});
   if (result != 0 || json == nullptr || bench::WriteJson(json)) return result;
