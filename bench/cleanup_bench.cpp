@@ -74,7 +74,7 @@ class Tree {
 void CleanWithOurs(const Tree& tree) {
   LogBusiness::InitConfig(tree.Path(), kDays);
   LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
-  while (LogBusiness::IsCleaning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  while (LogBusiness::IsCleaning()) std::this_thread::sleep_for(std::chrono::microseconds(100));
 }
 
 void CleanDirectory(int parent, const char* name, std::time_t oldest) {
