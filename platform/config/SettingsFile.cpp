@@ -11,27 +11,12 @@
 
 #include <json/reader.h>
 
+#include "prax/descriptor.h"
+
 namespace {
 
 constexpr std::size_t kMaxBytes = std::size_t{1024} * 1024;
 constexpr int kMaxDepth = 32;
-
-class Descriptor {
- public:
-  // O_NONBLOCK: the open of a pipe without a writer returns.
-  explicit Descriptor(const std::string& path)
-      : m_fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_fd >= 0) (void)::close(m_fd);  // nothing was written
-  }
-
-  int Get() const { return m_fd; }
-
- private:
-  const int m_fd;
-};
 
 SettingsFile Fault(const std::string& text) { return {Json::Value(), text}; }
 
@@ -41,8 +26,8 @@ bool ReadUpToLimit(int fd, std::string* content) {
   content->resize(kMaxBytes + 1);
   std::size_t length = 0;
   while (length < content->size()) {
-    const ssize_t count = ::read(fd, content->data() + length, content->size() - length);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = prax::Retried(
+        [&] { return ::read(fd, content->data() + length, content->size() - length); });
     if (count < 0) return false;
     if (count == 0) break;
     length += static_cast<std::size_t>(count);
@@ -79,8 +64,9 @@ SettingsFile Parsed(const std::string& content) {
 }  // namespace
 
 SettingsFile ReadSettingsFile(const std::string& path, bool mustExist) {
-  const Descriptor file(path);
-  if (file.Get() < 0) {
+  // O_NONBLOCK: the open of a pipe without a writer returns.
+  const prax::Descriptor file(path.c_str(), O_RDONLY | O_NONBLOCK);
+  if (!file.IsOpen()) {
     const int error = errno;
     if (error == ENOENT && !mustExist) return {};
     return Fault("cannot be opened, errno " + std::to_string(error));

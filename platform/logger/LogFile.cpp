@@ -15,6 +15,7 @@
 #include <spdlog/formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
+#include "prax/descriptor.h"
 #include "prax/owner_access.h"
 
 namespace {
@@ -27,17 +28,12 @@ constexpr mode_t kLogFileMode = 0640;
 // everyone may read, and directories too. Only a regular file will do. O_NONBLOCK keeps a pipe that
 // lies at the path from blocking the opener.
 bool MakeUsable(const char* path) noexcept {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-  int descriptor;
-  do {
-    descriptor = ::open(path, kFlags, kLogFileMode);
-  } while (descriptor < 0 && errno == EINTR);
-  if (descriptor < 0) return false;
-  KeepOwnerAccess(descriptor);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY | O_NONBLOCK;
+  const prax::Descriptor file(path, kFlags, kLogFileMode);
+  if (!file.IsOpen()) return false;
+  KeepOwnerAccess(file.Get());
   struct stat facts;
-  const bool isRegular = ::fstat(descriptor, &facts) == 0 && S_ISREG(facts.st_mode);
-  (void)::close(descriptor);  // nothing was written
-  return isRegular;
+  return ::fstat(file.Get(), &facts) == 0 && S_ISREG(facts.st_mode);
 }
 
 // The line as it is; it brings its newline.

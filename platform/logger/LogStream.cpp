@@ -30,7 +30,8 @@ constexpr int kUnusableFile = 1;
 constexpr std::size_t kNumberTextMax = 48;
 constexpr int kDoubleDigits = 6;
 constexpr std::size_t kUsualLineBytes = 256;
-constexpr std::size_t kSpareLineBytesMax = std::size_t{16} * 1024;  // a longer line's memory is given back
+// A longer line's memory is given back.
+constexpr std::size_t kSpareLineBytesMax = std::size_t{16} * 1024;
 
 // Per thread and without a destructor: destructors of other thread-local objects may log.
 struct ThreadFacts {

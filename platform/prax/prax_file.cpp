@@ -15,6 +15,7 @@
 
 namespace {
 
+using prax::Descriptor;
 using prax::Retried;
 using prax::TextOf;
 
@@ -22,24 +23,6 @@ constexpr char kTempSuffix[] = ".tmp";
 constexpr mode_t kTempMode = 0600;  // until the wanted mode is set
 constexpr mode_t kModeBits = 07777;
 constexpr int kFirstListCapacity = 16;
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-  ~Descriptor() {
-    const int error = errno;
-    if (IsOpen()) (void)::close(m_descriptor);  // what must be on the disk is synced before
-    errno = error;
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  bool IsOpen() const { return m_descriptor >= 0; }
-  int Get() const { return m_descriptor; }
-
- private:
-  const int m_descriptor;
-};
 
 int OpenFile(const char* path, int flags, mode_t mode = 0) {
   return Retried([&] { return ::open(path, flags | O_CLOEXEC | O_NOFOLLOW, mode); });

@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "prax/descriptor.h"
 #include "prax/prax_ref.h"
 
 namespace prax {
@@ -38,12 +39,5 @@ inline int Kept(int result) {
 }
 
 inline const char* TextOf(const char* text) { return text == nullptr ? "" : text; }
-
-template <class Call>
-auto Retried(Call call) {
-  auto result = call();
-  while (result == -1 && errno == EINTR) result = call();
-  return result;
-}
 
 }  // namespace prax

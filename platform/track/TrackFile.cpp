@@ -8,10 +8,14 @@
 
 #include <openssl/hmac.h>
 
+#include "prax/descriptor.h"
 #include "prax/owner_access.h"
 #include "zel_platform/crypto.h"
 
 namespace {
+
+using prax::Descriptor;
+using prax::Retried;
 
 constexpr char kFileSuffix[] = ".spool";
 constexpr mode_t kFileMode = 0600;
@@ -25,27 +29,6 @@ constexpr std::uint32_t kCheckMask = 0x7a54726b;
 constexpr std::uint32_t kCheckFactor = 2654435761;  // odd, with its bits well spread
 
 static_assert(kTrackFrameOverhead == kHeadBytes + kTagBytes);
-
-template <class Call>
-auto Retried(Call call) {
-  auto result = call();
-  while (result == -1 && errno == EINTR) result = call();
-  return result;
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_descriptor >= 0) (void)::close(m_descriptor);
-  }
-  int Get() const { return m_descriptor; }
-
- private:
-  const int m_descriptor;
-};
 
 std::string Hex(const unsigned char* bytes, std::size_t length) {
   std::string text(2 * length + 1, '\0');
@@ -100,10 +83,9 @@ bool ReadTrackFileName(const std::string& name, std::uint64_t* number, TrackSalt
 }
 
 int MakeTrackFile(const std::string& path) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
-  const int descriptor = Retried([&] { return ::open(path.c_str(), kFlags, kFileMode); });
-  if (descriptor >= 0) KeepOwnerAccess(descriptor);
-  return descriptor;
+  Descriptor file(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW, kFileMode);
+  if (file.IsOpen()) KeepOwnerAccess(file.Get());
+  return file.Release();
 }
 
 bool AppendToTrackFile(int descriptor, const unsigned char* bytes, std::size_t length) {
@@ -112,9 +94,8 @@ bool AppendToTrackFile(int descriptor, const unsigned char* bytes, std::size_t l
 }
 
 bool WriteTrackFileStart(const std::string& path, std::string_view bytes) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
-  const Descriptor file(Retried([&] { return ::open(path.c_str(), kFlags, kFileMode); }));
-  if (file.Get() < 0) return false;
+  const Descriptor file(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW, kFileMode);
+  if (!file.IsOpen()) return false;
   KeepOwnerAccess(file.Get());
   return Retried([&] { return ::write(file.Get(), bytes.data(), bytes.size()); }) ==
          static_cast<ssize_t>(bytes.size());
@@ -122,9 +103,8 @@ bool WriteTrackFileStart(const std::string& path, std::string_view bytes) {
 
 int ReadTrackFile(const std::string& path, std::uint64_t begin, std::uint64_t end,
                   std::string* bytes) {
-  const Descriptor file(
-      Retried([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
-  if (file.Get() < 0) return errno;
+  const Descriptor file(path.c_str(), O_RDONLY | O_NOFOLLOW);
+  if (!file.IsOpen()) return errno;
   bytes->resize(end - begin);
   std::size_t length = 0;
   while (length < bytes->size()) {

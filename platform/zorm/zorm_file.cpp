@@ -10,44 +10,19 @@
 
 #include <utility>
 
+#include "prax/descriptor.h"
 #include "prax/owner_access.h"
 
 namespace {
+
+using prax::Descriptor;
+using prax::Retried;
 
 constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kLogMode = 0640;
 constexpr mode_t kPermissionBits = 07777;
 constexpr char kTemporarySuffix[] = ".tmp";
-
-// The result of a system call that is repeated for as long as a signal cuts it off.
-template <class Call>
-auto Retried(Call call) {
-  auto result = call();
-  while (result == -1 && errno == EINTR) result = call();
-  return result;
-}
-
-class Descriptor {
- public:
-  Descriptor(const std::string& path, int flags, mode_t mode = 0)
-      : m_descriptor(Retried([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); })) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { (void)Close(); }
-
-  bool IsOpen() const { return m_descriptor >= 0; }
-  int Get() const { return m_descriptor; }
-  // Closed afterwards, whatever the result: Linux releases it even when a signal interrupts.
-  int Close() {
-    if (!IsOpen()) return 0;
-    const int result = ::close(std::exchange(m_descriptor, -1));
-    return result == 0 || errno == EINTR ? 0 : errno;
-  }
-
- private:
-  int m_descriptor;
-};
 
 std::string DirectoryOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -57,7 +32,7 @@ std::string DirectoryOf(const std::string& path) {
 }
 
 int SyncDirectory(const std::string& directory) {
-  const Descriptor opened(directory, O_RDONLY | O_DIRECTORY);
+  const Descriptor opened(directory.c_str(), O_RDONLY | O_DIRECTORY);
   if (!opened.IsOpen()) return errno;
   if (Retried([&] { return ::fsync(opened.Get()); }) == 0) return 0;
   return errno == EINVAL ? 0 : errno;  // some file systems cannot sync a directory
@@ -84,7 +59,7 @@ int WriteAll(int descriptor, const unsigned char* bytes, std::size_t length) {
 }
 
 int WriteNewFile(const std::string& path, const unsigned char* bytes, std::size_t length) {
-  Descriptor file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kFileMode);
+  Descriptor file(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kFileMode);
   if (!file.IsOpen()) return errno;
   if (::fchmod(file.Get(), kFileMode) != 0) return errno;  // the umask may have taken bits away
   if (const int error = WriteAll(file.Get(), bytes, length); error != 0) return error;
@@ -114,8 +89,7 @@ ZormFileLock::~ZormFileLock() {
 }
 
 int ZormFileLock::Acquire(const std::string& path) {
-  m_descriptor = Retried(
-      [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode); });
+  m_descriptor = Descriptor(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kFileMode).Release();
   if (m_descriptor < 0) return errno;
   KeepOwnerAccess(m_descriptor);
   if (Retried([&] { return ::flock(m_descriptor, LOCK_EX | LOCK_NB); }) == 0) return 0;
@@ -133,7 +107,7 @@ int PrepareDirectoryOf(const std::string& file) {
 int ReadFileStart(const std::string& path, unsigned char* bytes, std::size_t capacity,
                   std::size_t* length, mode_t* mode) {
   // Without O_NONBLOCK a pipe in the place of the file would stop the caller.
-  const Descriptor file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  const Descriptor file(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (!file.IsOpen()) return errno;
   struct stat found;
   if (::fstat(file.Get(), &found) != 0) return errno;
@@ -161,7 +135,8 @@ int ReplaceFile(const std::string& path, const unsigned char* bytes, std::size_t
 
 void AppendLogLine(const std::string& path, const std::string& text) {
   if (path.empty()) return;
-  const Descriptor log(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY, kLogMode);
+  const Descriptor log(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY,
+                       kLogMode);
   if (!log.IsOpen()) return;
   KeepOwnerAccess(log.Get());
   const std::string line = TimeText() + " [key store] " + text + "\n";
