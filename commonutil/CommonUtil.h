@@ -2,8 +2,8 @@
 //
 // Initialisation runs on the command worker and blocks its caller until it has ended. After
 // UninitCommonUtil or StopMsgThread the worker is gone for good, and a call that needs it
-// throws std::future_error (the first) or never returns (the later ones). Where the worker cannot be
-// started the call throws std::system_error; the next one tries again.
+// throws std::future_error (the first) or never returns (the later ones). Where the worker cannot
+// be started the call throws std::system_error; the next one tries again.
 #pragma once
 
 #include <string>

@@ -151,7 +151,7 @@ class SQLiteDB : public IDataStorage {
   // under another one's call; taken before SQLite's own lock of the connection.
   RecursiveMutex m_connectionLock;
   bool m_isKeyed ZEL_GUARDED_BY(m_connectionLock) = false;
-  std::atomic<bool> m_probeVoid{false};                     // written by IsCanOpen
+  std::atomic<bool> m_probeVoid{false};  // written by IsCanOpen
 
   // Paths that passed the probe with their key in this process (value 1). The lock is held
   // while the probe is confirmed, closed and logged. Never destroyed.

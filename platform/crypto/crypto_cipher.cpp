@@ -27,34 +27,22 @@ bool AreParametersValid(unsigned int algorithm, const unsigned char* key, unsign
   return algorithm == kAes256Cbc && key && keyLength == kKeyBytes && iv && ivLength == kBlockBytes;
 }
 
-// `out` has room for the input and one block more.
-int EncryptCbc(const unsigned char* key, const unsigned char* iv, const unsigned char* in,
-               unsigned int inLength, unsigned char* out, unsigned int* outLength) {
-  const OpenSslScope scope;
-  const CipherCtx context(::EVP_CIPHER_CTX_new());
-  if (!context) return kNoMemory;
-  int written = 0;
-  int last = 0;
-  if (::EVP_EncryptInit_ex(context.get(), ::EVP_aes_256_cbc(), nullptr, key, iv) != 1 ||
-      (inLength > 0 &&
-       ::EVP_EncryptUpdate(context.get(), out, &written, in, static_cast<int>(inLength)) != 1) ||
-      ::EVP_EncryptFinal_ex(context.get(), out + written, &last) != 1) {
-    return kCipherFailed;
-  }
-  *outLength = static_cast<unsigned int>(written + last);
-  return kOk;
-}
+enum class Direction { kDecrypt = 0, kEncrypt = 1 };  // the numbers are OpenSSL's
 
-int DecryptCbc(const unsigned char* key, const unsigned char* iv, const unsigned char* in,
-               unsigned int inLength, unsigned char* out, unsigned int* outLength) {
+// `out` has room for the input and one block more.
+int RunCbc(Direction direction, const unsigned char* key, const unsigned char* iv,
+           const unsigned char* in, unsigned int inLength, unsigned char* out,
+           unsigned int* outLength) {
   const OpenSslScope scope;
   const CipherCtx context(::EVP_CIPHER_CTX_new());
   if (!context) return kNoMemory;
   int written = 0;
   int last = 0;
-  if (::EVP_DecryptInit_ex(context.get(), ::EVP_aes_256_cbc(), nullptr, key, iv) != 1 ||
-      ::EVP_DecryptUpdate(context.get(), out, &written, in, static_cast<int>(inLength)) != 1 ||
-      ::EVP_DecryptFinal_ex(context.get(), out + written, &last) != 1) {
+  if (::EVP_CipherInit_ex(context.get(), ::EVP_aes_256_cbc(), nullptr, key, iv,
+                          static_cast<int>(direction)) != 1 ||
+      (inLength > 0 &&
+       ::EVP_CipherUpdate(context.get(), out, &written, in, static_cast<int>(inLength)) != 1) ||
+      ::EVP_CipherFinal_ex(context.get(), out + written, &last) != 1) {
     return kCipherFailed;
   }
   *outLength = static_cast<unsigned int>(written + last);
@@ -86,7 +74,7 @@ int ORB_CPYPT_Encrypt(unsigned int algorithm, const unsigned char* key, unsigned
   if ((!in && inLength > 0) || inLength > kMostBytes || !out || !outLength) return kInvalidArgument;
   const unsigned int padded = (inLength / kBlockBytes + 1) * kBlockBytes;
   if (capacity < padded) return kTooSmall;
-  return EncryptCbc(key, iv, in, inLength, out, outLength);
+  return RunCbc(Direction::kEncrypt, key, iv, in, inLength, out, outLength);
 }
 
 int ORB_CPYPT_Decrypt(unsigned int algorithm, const unsigned char* key, unsigned int keyLength,
@@ -100,7 +88,7 @@ int ORB_CPYPT_Decrypt(unsigned int algorithm, const unsigned char* key, unsigned
   SecretBytes plain(inLength + kBlockBytes);
   if (!plain.Data()) return kNoMemory;
   unsigned int plainLength = 0;
-  const int result = DecryptCbc(key, iv, in, inLength, plain.Data(), &plainLength);
+  const int result = RunCbc(Direction::kDecrypt, key, iv, in, inLength, plain.Data(), &plainLength);
   if (result != kOk) return result;
   if (plainLength > capacity) return kTooSmall;
   if (plainLength > 0) std::memcpy(out, plain.Data(), plainLength);
