@@ -4,22 +4,15 @@
 // With --init the last library is libzel_utils, and is initialised in DIR; with --derive libcrypto
 // alone derives a key, as every start asks of it.
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 
-namespace {
+#include "Resident.h"
 
-long ResidentKb() {
-  long total = 0;
-  long resident = 0;
-  std::ifstream("/proc/self/statm") >> total >> resident;
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
+namespace {
 
 // False unless the library answers that it is initialised.
 bool Initialise(void* library, const std::string& dir) {
@@ -53,7 +46,7 @@ bool Derive() {
 int main(int argc, char** argv) {
   const bool initialises = argc > 3 && std::strcmp(argv[1], "--init") == 0;
   const bool derives = argc > 3 && std::strcmp(argv[1], "--derive") == 0;
-  const long before = ResidentKb();
+  const long before = bench::ResidentKb();
   const auto start = std::chrono::steady_clock::now();
   void* library = nullptr;
   for (int i = initialises || derives ? 3 : 1; i < argc; ++i) {
@@ -69,7 +62,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::printf("%.0f %ld\n", std::chrono::duration<double, std::nano>(end - start).count(),
-              ResidentKb() - before);
+              bench::ResidentKb() - before);
   std::fflush(stdout);
   _exit(0);  // what a library does at its end is not measured
 }

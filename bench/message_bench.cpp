@@ -1,14 +1,12 @@
 // Requests through the library against what jsoncpp alone takes to read them and to build and write
 // their replies, with a reader and a writer that are kept.
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -19,6 +17,7 @@
 #include <readerwriterqueue/readerwriterqueue.h>
 
 #include "Ratio.h"
+#include "Resident.h"
 #include "publicInc/CommonUtilEntry.h"
 
 namespace bench {
@@ -149,13 +148,6 @@ class BarePipeline {
   moodycamel::ReaderWriterQueue<std::string*> m_replies{2048};
   std::thread m_thread;  // last: it uses the others
 };
-
-long ResidentKb() {
-  long total = 0;
-  long resident = 0;
-  std::ifstream("/proc/self/statm") >> total >> resident;
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
 
 double CpuSeconds() {
   rusage usage = {};

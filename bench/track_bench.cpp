@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +14,7 @@
 #include <openssl/evp.h>
 
 #include "Ratio.h"
+#include "Resident.h"
 #include "track/TrackEvent.h"
 #include "track/TrackSpool.h"
 #include "track/track_ref.h"
@@ -152,13 +152,6 @@ void CompareAdd() {
   PrintFigure("events stored a second (goal 50,000)", std::to_string(static_cast<long>(best)));
   (void)Track_Uninit();
   track_ref_reset();
-}
-
-long ResidentKb() {
-  long total = 0;
-  long resident = 0;
-  std::ifstream("/proc/self/statm") >> total >> resident;
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 void ShowLoad() {
