@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
@@ -16,6 +17,7 @@
 namespace {
 
 constexpr std::size_t kMaxBytes = std::size_t{1024} * 1024;
+constexpr std::size_t kFirstBytes = 4096;
 constexpr int kMaxDepth = 32;
 
 SettingsFile Fault(const std::string& text) { return {Json::Value(), text}; }
@@ -23,9 +25,11 @@ SettingsFile Fault(const std::string& text) { return {Json::Value(), text}; }
 // Reads on to one byte beyond the limit, so that a file that grows meanwhile is noticed. False
 // with errno set when the file cannot be read.
 bool ReadUpToLimit(int fd, std::string* content) {
-  content->resize(kMaxBytes + 1);
   std::size_t length = 0;
-  while (length < content->size()) {
+  while (length <= kMaxBytes) {
+    if (length == content->size()) {
+      content->resize(std::clamp(2 * length, kFirstBytes, kMaxBytes + 1));
+    }
     const ssize_t count = prax::Retried(
         [&] { return ::read(fd, content->data() + length, content->size() - length); });
     if (count < 0) return false;
