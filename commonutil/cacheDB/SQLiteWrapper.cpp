@@ -136,6 +136,7 @@ bool IsFaultOfMachine(int result) {
     case SQLITE_IOERR:
     case SQLITE_FULL:
     case SQLITE_CANTOPEN:
+    case SQLITE_MISUSE:  // of a handle that could not be opened
       return true;
     default:
       return false;

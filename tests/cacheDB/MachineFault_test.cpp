@@ -1,0 +1,65 @@
+// What the machine refuses tells nothing about the database.
+#include <filesystem>
+
+#include <sqlite3.h>
+
+#include "CacheDbTest.h"
+
+namespace commonutil {
+namespace {
+
+constexpr char kKey[] = "6B65792D6F662D746865";
+
+// While it lives SQLite opens `some` more files, and none after them.
+class FilesLeft {
+ public:
+  explicit FilesLeft(int some) : m_usual(sqlite3_vfs_find(nullptr)), m_scarce(*m_usual) {
+    left = some;
+    usual = m_usual;
+    m_scarce.zName = "scarce";
+    m_scarce.xOpen = [](sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out) {
+      file->pMethods = nullptr;
+      return left-- > 0 ? usual->xOpen(usual, name, file, flags, out) : SQLITE_CANTOPEN;
+    };
+    (void)sqlite3_vfs_register(&m_scarce, 1);
+  }
+  ~FilesLeft() {
+    (void)sqlite3_vfs_unregister(&m_scarce);
+    (void)sqlite3_vfs_register(m_usual, 1);
+  }
+  FilesLeft(const FilesLeft&) = delete;
+  FilesLeft& operator=(const FilesLeft&) = delete;
+
+ private:
+  static inline int left = 0;
+  static inline sqlite3_vfs* usual = nullptr;
+
+  sqlite3_vfs* const m_usual;
+  sqlite3_vfs m_scarce;
+};
+
+using MachineFaultTest = CacheDbTest;
+
+// As a killed process leaves it: all rows are in the log.
+TEST_F(MachineFaultTest, FilesThatCannotBeOpenedGiveNoVerdictOnADatabase) {
+  SQLiteDB running("db", DbFile(), kKey);
+  running.Exec("CREATE TABLE T(ID INTEGER);");
+  const std::string left = m_dir.File("left.db");
+  for (const char* suffix : {"", "-wal"}) {
+    std::filesystem::copy_file(DbFile() + suffix, left + suffix);
+  }
+  SQLiteDB found("left", left, kKey);
+  int refused = 0;
+  for (int some = 0; some < 4; ++some) {
+    const FilesLeft few(some);
+    if (found.IsCanOpen()) continue;
+    ++refused;
+    EXPECT_TRUE(found.IsProbeVoid()) << some << " files";
+  }
+  EXPECT_GE(refused, 2);
+  EXPECT_TRUE(found.IsCanOpen());
+  EXPECT_EQ(ReadText(found, "SELECT COUNT(*) FROM T;"), "0");
+}
+
+}  // namespace
+}  // namespace commonutil
