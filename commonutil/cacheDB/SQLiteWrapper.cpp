@@ -136,7 +136,8 @@ bool IsFaultOfMachine(int result) {
     case SQLITE_IOERR:
     case SQLITE_FULL:
     case SQLITE_CANTOPEN:
-    case SQLITE_MISUSE:  // of a handle that could not be opened
+    case SQLITE_MISUSE:    // of a handle that could not be opened
+    case SQLITE_PROTOCOL:  // too many others at the log
       return true;
     default:
       return false;
