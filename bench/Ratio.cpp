@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -34,6 +35,19 @@ double Nanoseconds(const Round& round) {
   const auto start = std::chrono::steady_clock::now();
   round();
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Three digits, or all of them before the point.
+std::string Rounded(double number) {
+  const int decimals = number >= 99.95 ? 0 : number >= 9.995 ? 1 : 2;
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.*f", number == std::floor(number) ? 0 : decimals, number);
+  return text;
+}
+
+std::string TimeText(double us) {
+  if (us >= 1000) return Rounded(us / 1000) + " ms";
+  return us >= 1 ? Rounded(us) + " us" : Rounded(us * 1000) + " ns";
 }
 
 double MedianOfRounds(const SizedRound& round, int size) {
@@ -71,15 +85,16 @@ QuietLog::~QuietLog() {
 }
 
 void PrintHeading() {
-  std::printf("%-44s %12s %12s %7s %7s   %s\n", "work", "ours", "peer", "ratio", "goal", "peer");
+  std::printf("%-44s %9s %9s %6s %5s   %s\n", "work", "ours", "peer", "ratio", "goal", "peer");
 }
 
-void PrintFigure(const std::string& what, const std::string& figure) {
-  std::printf("%-44s %s\n", what.c_str(), figure.c_str());
+void PrintFigure(const std::string& what, double figure, const std::string& unit) {
+  const std::string text = Rounded(figure) + (unit.empty() ? "" : " " + unit);
+  std::printf("%-44s %s\n", what.c_str(), text.c_str());
   std::fflush(stdout);
   Json::Value entry;
   entry["work"] = what;
-  entry["figure"] = figure;
+  entry["figure"] = text;
   Printed()["figures"].append(entry);
 }
 
@@ -99,15 +114,17 @@ void CompareTimes(const Comparison& comparison, const TimedRound& ours, const Ti
     peerNs.push_back(peer() / comparison.divide);
     ratios.push_back(oursNs.back() / peerNs.back());
   }
-  std::printf("%-44s %9.2f us %9.2f us %7.2f %7.2f   %s\n", comparison.what.c_str(),
-              Median(oursNs) / 1000, Median(peerNs) / 1000, Median(ratios), comparison.goal,
-              comparison.peer.c_str());
+  const double oursUs = Median(oursNs) / 1000;
+  const double peerUs = Median(peerNs) / 1000;
+  std::printf("%-44s %9s %9s %6.2f %5s   %s\n", comparison.what.c_str(), TimeText(oursUs).c_str(),
+              TimeText(peerUs).c_str(), Median(ratios),
+              comparison.goal > 0 ? Rounded(comparison.goal).c_str() : "", comparison.peer.c_str());
   std::fflush(stdout);
   Json::Value entry;
   entry["work"] = comparison.what;
   entry["peer"] = comparison.peer;
-  entry["oursUs"] = Median(oursNs) / 1000;
-  entry["peerUs"] = Median(peerNs) / 1000;
+  entry["oursUs"] = oursUs;
+  entry["peerUs"] = peerUs;
   entry["ratio"] = Median(ratios);
   entry["goal"] = comparison.goal;
   Printed()["comparisons"].append(entry);
@@ -125,7 +142,7 @@ void Grow(const std::string& work, int size, const SizedRound& round) {
     point["eachUs"] = eachUs;
     entry["points"].append(point);
     char text[64];
-    std::snprintf(text, sizeof(text), "%8d: %7.2f us each", size * times, eachUs);
+    std::snprintf(text, sizeof(text), "%8d: %8s each", size * times, TimeText(eachUs).c_str());
     line += text;
   }
   std::printf("%-32s %s\n", work.c_str(), line.c_str());

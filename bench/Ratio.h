@@ -29,7 +29,7 @@ void Compare(const Comparison& comparison, const Round& ours, const Round& peer)
 void CompareTimes(const Comparison& comparison, const TimedRound& ours, const TimedRound& peer);
 void PrintHeading();
 // A line with one figure and nothing beside it.
-void PrintFigure(const std::string& what, const std::string& figure);
+void PrintFigure(const std::string& what, double figure, const std::string& unit = "");
 
 // The nanoseconds that `size` pieces of the work took.
 using SizedRound = std::function<double(int size)>;

@@ -241,7 +241,7 @@ void BenchDatabaseAdds(RawDatabase& raw, const std::string& dir) {
   Empty(raw);  // so that what follows meets as many rows on either side
   const Rows rows = MakeRows(kSingles);
   const double seconds = Nanoseconds([&] { AddAll(rows); }) / 1e9;
-  PrintFigure("  rows a second", std::to_string(static_cast<int>(kSingles / seconds)));
+  PrintFigure("add one by one, rows a second", kSingles / seconds);
 
   leveldb::Options options;
   options.create_if_missing = true;

@@ -26,12 +26,6 @@ Loaded Load(const std::string& words) {
   return {numbers.at(0), numbers.at(1)};
 }
 
-std::string MegaBytes(double kilobytes) {
-  char text[32];
-  std::snprintf(text, sizeof(text), "%.2f MB", kilobytes / 1024);
-  return text;
-}
-
 // The bytes of the library without its symbols.
 double StrippedBytes(const fs::path& dir) {
   const fs::path stripped = dir / "stripped.so";
@@ -63,11 +57,10 @@ void BenchFootprint() {
     loaded.push_back(ours.kilobytes - alone.kilobytes);
     initialised.push_back(Load(initialise).kilobytes - Load(derive).kilobytes);
   }
-  PrintFigure("load beyond its dependencies (goal 1 ms)",
-              std::to_string(Median(time) / 1e6) + " ms");
-  PrintFigure("resident after load, beyond them (goal 3 MB)", MegaBytes(Median(loaded)));
-  PrintFigure("resident after a start, beyond them (goal 3 MB)", MegaBytes(Median(initialised)));
-  PrintFigure("the stripped library (goal 2.5 MB)", MegaBytes(StrippedBytes(dir) / 1024));
+  PrintFigure("load beyond its dependencies (goal 1 ms)", Median(time) / 1e6, "ms");
+  PrintFigure("resident after load, beyond them (goal 3 MB)", Median(loaded) / 1024, "MB");
+  PrintFigure("resident after a start, beyond them (goal 3 MB)", Median(initialised) / 1024, "MB");
+  PrintFigure("the stripped library (goal 2.5 MB)", StrippedBytes(dir) / (1024 * 1024), "MB");
   fs::remove_all(dir);
 }
 

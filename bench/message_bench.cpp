@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -160,7 +161,7 @@ void ShowGrowth(std::string& request) {
   for (int i = 0; i < 10000; ++i) ProcessAndTake(request);
   const long before = ResidentKb();
   for (int i = 0; i < 1000000; ++i) ProcessAndTake(request);
-  PrintFigure("growth over a million requests", std::to_string(ResidentKb() - before) + " KB");
+  PrintFigure("growth over a million requests", static_cast<double>(ResidentKb() - before), "KB");
 }
 
 void AskService() {
@@ -189,9 +190,8 @@ double MedianReplyUs(int eager, int requests) {
 
 void ShowReplyTimes() {
   (void)CommonUtilServiceStartup();
-  PrintFigure("a reply, the service polling", std::to_string(MedianReplyUs(0, 300)) + " us");
-  PrintFigure("a reply, the service eager (goal 100 us)",
-              std::to_string(MedianReplyUs(1, 3000)) + " us");
+  PrintFigure("a reply, the service polling", MedianReplyUs(0, 300), "us");
+  PrintFigure("a reply, the service eager (goal 100 us)", MedianReplyUs(1, 3000), "us");
   CommonUtilServiceSetEager(0);
   CommonUtilServiceShutDown();
 }
@@ -204,7 +204,7 @@ void ShowIdle() {
   std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
   const double used = (CpuSeconds() - before) / kSeconds;
   CommonUtilServiceShutDown();
-  PrintFigure("idle service, CPU time a second", std::to_string(used * 1000) + " ms");
+  PrintFigure("idle service, CPU time a second", used * 1000, "ms");
 }
 
 void CompareOneRequest(const char* what, double goal) {
@@ -244,7 +244,7 @@ void ComparePipelines(const char* what, int serviceCore, const std::vector<std::
   CommonUtilServiceShutDown();
   std::nth_element(rates.begin(), rates.begin() + kPipelineRounds / 2, rates.end());
   PrintFigure(std::string(what) + ", a second (goal 300000)",
-              std::to_string(static_cast<long>(rates[kPipelineRounds / 2])));
+              std::floor(rates[kPipelineRounds / 2]));
 }
 
 // As a host that logs warnings and errors: no line is written for a request.

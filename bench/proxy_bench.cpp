@@ -106,7 +106,7 @@ void BenchProxy() {
   const std::uint64_t before = Statistics::Read(Counter::kProxyProbes);
   for (int i = 0; i < kDecidedReplies; ++i) (void)facade.GetProxy(&answer);
   PrintFigure("proxy: probes of 100 decided replies",
-              std::to_string(Statistics::Read(Counter::kProxyProbes) - before));
+              static_cast<double>(Statistics::Read(Counter::kProxyProbes) - before));
 
   Compare(
       {"proxy: SetUserInfo, same settings", "its encryption and one log line", 0, kRounds, kCalls},

@@ -149,7 +149,7 @@ void CompareAdd() {
         raw.Empty();
         for (int i = 0; i < kEvents; ++i) raw.Append();
       });
-  PrintFigure("events stored a second (goal 50,000)", std::to_string(static_cast<long>(best)));
+  PrintFigure("events stored a second (goal 50,000)", best);
   (void)Track_Uninit();
   track_ref_reset();
 }
@@ -180,8 +180,8 @@ void ShowLoad() {
     }
   });
   if (count != kSpooled) std::abort();
-  PrintFigure("100,000 spooled events read (goal 300 ms)", std::to_string(ms) + " ms");
-  PrintFigure("memory it took", std::to_string(most - before) + " KB");
+  PrintFigure("100,000 spooled events read (goal 300 ms)", ms, "ms");
+  PrintFigure("memory it took", static_cast<double>(most - before), "KB");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Draws the figures of the documents from what scripts/bench.sh and scripts/campaign.sh have measured
-# last, those whose measurements are there. Needs gnuplot, which scripts/setup.sh --campaign installs.
+# Draws the figures of the documents, and writes the tables of docs/performance.md, from what
+# scripts/bench.sh and scripts/campaign.sh have measured last: those whose measurements are there.
+# Needs gnuplot, which scripts/setup.sh --campaign installs.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -82,3 +83,4 @@ mkdir -p "$figures"
 plot_soak
 plot_ratios
 plot_growth
+[[ ! -f $root/build/bench.json ]] || "$root/scripts/bench_tables.py"
