@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -37,6 +37,7 @@ using zelctl::LoopbackServer;
 
 constexpr int kAmpleMs = 60000;
 constexpr int kShortMs = 300;
+constexpr const char* kVariables[] = {"http_proxy", "https_proxy"};
 
 ORB_HTTP_PROXY Proxy(std::uint16_t port, const char* user = "", const char* password = "",
                      const char* address = "127.0.0.1") {
@@ -57,9 +58,7 @@ std::string Taken(void** buffer) {
 struct Outcome {
   int result;
   unsigned int status;
-  std::string body;
-  std::string headers;
-  std::string id;
+  std::string body, headers, id;
 };
 
 Outcome Get(const std::string& url, const ORB_HTTP_PROXY* proxy = nullptr) {
@@ -77,21 +76,19 @@ std::string Url(std::uint16_t port, const std::string& path, const char* scheme 
 
 class HttpTest : public testing::Test {
  protected:
-  void SetUp() override {
-    // Nothing listens there: whoever follows the environment fails.
-    ::setenv("http_proxy", "http://127.0.0.1:1", 1);
-    ::setenv("https_proxy", "http://127.0.0.1:1", 1);
-    ::setenv("no_proxy", "*", 1);
-    Configure(kAmpleMs, "");
+  // Nothing listens there: whoever follows the environment fails.
+  HttpTest() {
+    for (const char* name : kVariables) ::setenv(name, "http://127.0.0.1:1", 1);
+    Configure(kAmpleMs);
   }
-  void TearDown() override {
-    for (const char* name : {"http_proxy", "https_proxy", "no_proxy"}) ::unsetenv(name);
+  ~HttpTest() override {
+    for (const char* name : kVariables) ::unsetenv(name);
     (void)orb_http_set_proxy("", "", "", 0);
     orb_config_ref_clear();
     logger_ref_reset();
   }
 
-  void Configure(int totalMs, const std::string& caFile) {
+  void Configure(int totalMs, const std::string& caFile = "") {
     support::WriteWholeFile(m_dir.File("platform.json"), R"({"http":{"totalTimeoutMs":)" +
                                                              std::to_string(totalMs) +
                                                              R"(,"caFile":")" + caFile + "\"}}");
@@ -103,20 +100,16 @@ class HttpTest : public testing::Test {
 
 TEST_F(HttpTest, AnOriginsAnswerIsHandedOverWhateverItsStatus) {
   const auto nginx = support::StartNginx(support::MakeCertificate());
-  const std::vector<std::pair<std::string, unsigned int>> cases = {
-      {"/ok", 200}, {"/moved", 302}, {"/missing", 404}, {"/error", 500}, {"/bad-gateway", 502}};
-  for (const auto& [path, status] : cases) {
+  for (const auto& [path, status] : std::vector<std::pair<std::string, unsigned int>>{
+           {"/moved", 302}, {"/missing", 404}, {"/bad-gateway", 502}, {"/ok", 200}}) {
     const Outcome outcome = Get(Url(nginx->Port(), path));
     EXPECT_EQ(outcome.result, 0) << path;
     EXPECT_EQ(outcome.status, status) << path;
     EXPECT_EQ(outcome.headers.rfind("HTTP/1.1 " + std::to_string(status), 0), 0U) << path;
+    EXPECT_EQ(outcome.body == "fine", status == 200) << outcome.body;
   }
-  EXPECT_EQ(Get(Url(nginx->Port(), "/ok")).body, "fine");
-
-  const Outcome closed = Get(Url(nginx->Port(), "/closed"));
-  EXPECT_EQ(closed.result, CURLE_GOT_NOTHING);
-  EXPECT_EQ(closed.status, 0U);
-  Configure(kShortMs, "");
+  EXPECT_EQ(Get(Url(nginx->Port(), "/closed")).result, CURLE_GOT_NOTHING);
+  Configure(kShortMs);
   const Outcome slow = Get(Url(nginx->Port(), "/slow"));
   EXPECT_EQ(slow.result, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(slow.body, "") << "of a broken exchange nothing is handed over";
@@ -140,46 +133,32 @@ TEST_F(HttpTest, OnlyATrustedCertificateIsAccepted) {
       << "the certificate is for another name";
 }
 
-struct ProxyCase {
-  const char* name;
-  std::unique_ptr<Peer> peer;
-  const char* password;
-  const char* path;
-  unsigned int status;
-  bool tunnels;
-};
-
 TEST_F(HttpTest, AProxyAnswersOrRefusesAndIsReallyUsed) {
   const auto nginx = support::StartNginx(support::MakeCertificate());
-  const auto squid = support::StartSquid;
-  const auto tiny = [](ProxyAccess access, const char* allowed = "127.0.0.1") {
-    return support::StartTinyproxy(access, allowed);
-  };
-  const ProxyAccess open = ProxyAccess::kOpen, basic = ProxyAccess::kBasic,
-                    digest = ProxyAccess::kDigest;
   const char* const good = support::kProxyPassword;
-  const ProxyCase cases[] = {
-      {"squid", squid(open), "", "/ok", 200, true},
-      {"squid, failing origin", squid(open), "", "/bad-gateway", 502, true},
-      {"squid, forbidden", squid(open), "", "/forbidden", 403, true},
-      {"squid, basic", squid(basic), good, "/ok", 200, true},
-      {"squid, basic, wrong", squid(basic), "wrong", "/ok", 407, false},
-      {"squid, basic, none", squid(basic), "", "/ok", 407, false},
-      {"squid, digest", squid(digest), good, "/ok", 200, true},
-      {"squid, digest, wrong", squid(digest), "wrong", "/ok", 407, false},
-      {"tinyproxy", tiny(open), "", "/ok", 200, true},
-      {"tinyproxy, forbidden", tiny(open, "127.0.0.9"), "", "/ok", 403, false},
-      {"tinyproxy, basic", tiny(basic), good, "/ok", 200, true},
-      {"tinyproxy, basic, wrong", tiny(basic), "wrong", "/ok", 401, false}};
-  for (const ProxyCase& c : cases) {
-    const char* const user = *c.password == '\0' ? "" : support::kProxyUser;
-    const ORB_HTTP_PROXY proxy = Proxy(c.peer->Port(), user, c.password);
-    const Outcome outcome = Get(Url(nginx->Port(), c.path), &proxy);
-    EXPECT_EQ(outcome.result, 0) << c.name;
-    EXPECT_EQ(outcome.status, c.status) << c.name;
-    EXPECT_TRUE(c.status != 200 || outcome.headers.find("Via: ") != std::string::npos) << c.name;
-    ASSERT_EQ(orb_http_set_proxy("127.0.0.1", user, c.password, c.peer->Port()), 0);
-    EXPECT_EQ(orb_http_proxy_connect(7, "127.0.0.1", nginx->Port()) == 0, c.tunnels) << c.name;
+  const struct {
+    std::unique_ptr<Peer> peer;
+    const char* password;
+    const char* path;
+    unsigned int status;
+    bool tunnels;
+  } cases[] = {{support::StartSquid(ProxyAccess::kOpen), "", "/forbidden", 403, true},
+               {support::StartSquid(ProxyAccess::kBasic), good, "/ok", 200, true},
+               {support::StartSquid(ProxyAccess::kBasic), "", "/ok", 407, false},
+               {support::StartSquid(ProxyAccess::kDigest), good, "/ok", 200, true},
+               {support::StartSquid(ProxyAccess::kDigest), "wrong", "/ok", 407, false},
+               {support::StartTinyproxy(ProxyAccess::kOpen, "127.0.0.9"), "", "/ok", 403, false},
+               {support::StartTinyproxy(ProxyAccess::kBasic), "wrong", "/ok", 401, false}};
+  for (const auto& each : cases) {
+    const std::string name = testing::PrintToString(&each - cases);
+    const char* const user = *each.password == '\0' ? "" : support::kProxyUser;
+    const ORB_HTTP_PROXY proxy = Proxy(each.peer->Port(), user, each.password);
+    const Outcome outcome = Get(Url(nginx->Port(), each.path), &proxy);
+    EXPECT_EQ(outcome.result, 0) << name;
+    EXPECT_EQ(outcome.status, each.status) << name;
+    EXPECT_TRUE(each.status != 200 || outcome.headers.find("Via: ") != std::string::npos) << name;
+    ASSERT_EQ(orb_http_set_proxy("127.0.0.1", user, each.password, each.peer->Port()), 0);
+    EXPECT_EQ(orb_http_proxy_connect(7, "127.0.0.1", nginx->Port()) == 0, each.tunnels) << name;
   }
   EXPECT_EQ(Get(Url(nginx->Port(), "/ok")).headers.find("Via: "), std::string::npos)
       << "an exchange without a proxy of its own is direct";
@@ -192,19 +171,16 @@ TEST_F(HttpTest, WhatNamesNoHttpPeerIsRefusedBeforeAnythingIsSent) {
     LoopbackRequest request;
     if (zelctl::ReadRequest(client, &request)) zelctl::SendAll(client, "HTTP/1.1 200 OK\r\n\r\n");
   });
-  const std::string port = std::to_string(peer.Port());
   for (const std::string& url :
-       {std::string(), std::string("file:///etc/hostname"), "ftp://127.0.0.1:" + port + "/",
-        "gopher://127.0.0.1:" + port + "/", std::string("http://"), std::string("http://\r\n/"),
-        std::string("http://127.0.0.1:65536/"), std::string(2047, 'h')}) {
+       {std::string(), std::string("file:///etc/hostname"), Url(peer.Port(), "/", "ftp"),
+        Url(peer.Port(), "/", "gopher"), std::string("http://\r\n/"), std::string(2047, 'h')}) {
     EXPECT_NE(Get(url).result, 0) << url;
   }
-  std::vector<ORB_HTTP_PROXY> proxies(5, Proxy(peer.Port()));
+  std::vector<ORB_HTTP_PROXY> proxies(4, Proxy(peer.Port()));
   proxies[0].port = 0;
-  proxies[1].port = -1;
-  proxies[2].port = 65536 + peer.Port();
-  std::memset(proxies[3].address, '1', sizeof(proxies[3].address));  // no end
-  std::memset(proxies[4].password, 'p', sizeof(proxies[4].password));
+  proxies[1].port = 65536 + peer.Port();
+  std::memset(proxies[2].address, '1', sizeof(proxies[2].address));  // no end
+  std::memset(proxies[3].password, 'p', sizeof(proxies[3].password));
   for (const char* address : {"", "socks5://127.0.0.1", "ftp://127.0.0.1", "127.0.0.1 evil"}) {
     proxies.push_back(Proxy(peer.Port(), "", "", address));
   }
@@ -220,13 +196,12 @@ TEST_F(HttpTest, WhatNamesNoHttpPeerIsRefusedBeforeAnythingIsSent) {
   EXPECT_NE(orb_http_syn_send_ex(nullptr, 0), 0);
   EXPECT_NE(orb_http_proxy_connect(1, "127.0.0.1", peer.Port()), 0) << "there is no proxy";
   ASSERT_EQ(orb_http_set_proxy("127.0.0.1", "", "", peer.Port()), 0);
-  for (const char* host : {"", "a b", "user@host", "host/path", "h:1:2]", "h\r\nX: y"}) {
+  for (const char* host : {"", "a b", "user@host", "host/path", "h\r\nX: y"}) {
     EXPECT_NE(orb_http_proxy_connect(1, host, 443), 0) << host;
   }
   EXPECT_NE(orb_http_proxy_connect(1, nullptr, 443), 0);
   EXPECT_NE(orb_http_proxy_connect(1, "host", 0), 0);
   EXPECT_EQ(asked, 0);
-
   const ORB_HTTP_PROXY withScheme = Proxy(peer.Port(), "", "", "http://x:y@127.0.0.1:9/path");
   EXPECT_EQ(Get("http://origin.example/", &withScheme).status, 200U) << "the block's port counts";
 }
@@ -238,68 +213,39 @@ End EndOf(int result) {
   return result == CURLE_OPERATION_TIMEDOUT ? End::kTimesOut : End::kFails;
 }
 
-struct HostileCase {
-  const char* name;
-  int totalMs;  // short where the peer never comes to an end by itself
-  End exchange;
-  End tunnel;
-  LoopbackServer::Serve behaviour;
-};
-
 TEST_F(HttpTest, AHostilePeerCostsAtMostTheTimeOutAndTheLimit) {
-  const std::string head = "HTTP/1.1 200 OK\r\n";
-  const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n";
-  const std::string block(16384, 'b');
-  const std::string chunk = "4000\r\n" + block + "\r\n";
+  const std::string ok = "HTTP/1.1 200 OK\r\n", chunked = "Transfer-Encoding: chunked\r\n\r\n";
+  const std::string block(16384, 'b'), header = "X: " + block + "\r\n";
   const std::string refusal = "HTTP/1.1 407 No\r\nProxy-Authenticate: Basic realm=\"x\"\r\n";
-  const auto sendForever = [](const std::string& start, const std::string& rest) {
-    return [=](int client) {
+  const struct {
+    const char* name;
+    int totalMs;  // short where the peer never comes to an end by itself
+    End exchange, tunnel;
+    std::string start, rest;  // sent once, and for ever
+  } cases[] = {
+      {"body", kAmpleMs, End::kCompletes, End::kCompletes, ok + "\r\n", block},
+      {"headers", kAmpleMs, End::kFails, End::kFails, ok, header},
+      {"interim answers", kAmpleMs, End::kFails, End::kFails, "", "HTTP/1.1 100 Go on\r\n\r\n"},
+      {"trailers", kAmpleMs, End::kFails, End::kCompletes, ok + chunked + "0\r\n", header},
+      {"refusal", kShortMs, End::kTimesOut, End::kTimesOut, refusal + chunked,
+       "4000\r\n" + block + "\r\n"},
+      {"silence", kShortMs, End::kTimesOut, End::kTimesOut, "", ""}};
+  for (const auto& each : cases) {
+    Configure(each.totalMs);
+    LoopbackServer peer(SOCK_STREAM, [&each](int client) {
       LoopbackRequest request;
-      bool isOpen = zelctl::ReadRequest(client, &request) && zelctl::SendAll(client, start);
-      while (isOpen) isOpen = zelctl::SendAll(client, rest);
-    };
-  };
-  const HostileCase cases[] = {
-      {"endless body", kAmpleMs, End::kCompletes, End::kCompletes,
-       sendForever(head + "\r\n", block)},
-      {"endless chunks", kAmpleMs, End::kCompletes, End::kCompletes,
-       sendForever(head + chunked, chunk)},
-      {"endless headers", kAmpleMs, End::kFails, End::kFails,
-       sendForever(head, "X: " + block + "\r\n")},
-      {"endless interim answers", kAmpleMs, End::kFails, End::kFails,
-       sendForever("", "HTTP/1.1 100 Continue\r\n\r\n")},
-      {"endless trailers", kAmpleMs, End::kFails, End::kCompletes,
-       sendForever(head + chunked + "0\r\n", "X: " + block + "\r\n")},
-      {"one endless header", kAmpleMs, End::kFails, End::kFails, sendForever(head + "X: ", block)},
-      {"garbage", kAmpleMs, End::kFails, End::kFails, sendForever("", "\x16\x03 \xff")},
-      {"closing half-way", kAmpleMs, End::kFails, End::kCompletes,
-       [&](int client) {
-         LoopbackRequest request;
-         if (!zelctl::ReadRequest(client, &request)) return;
-         zelctl::SendAll(client, head + "Content-Length: 9\r\n\r\nhalf");
-       }},
-      {"no answer", kShortMs, End::kTimesOut, End::kTimesOut,
-       [](int client) {
-         LoopbackRequest request;
-         while (zelctl::ReadRequest(client, &request)) {
-         }
-       }},
-      {"endless refusal", kShortMs, End::kTimesOut, End::kTimesOut,
-       sendForever(refusal + chunked, chunk)},
-  };
-  for (const HostileCase& testCase : cases) {
-    Configure(testCase.totalMs, "");
-    LoopbackServer peer(SOCK_STREAM, testCase.behaviour);
+      bool isOpen = zelctl::ReadRequest(client, &request) && zelctl::SendAll(client, each.start);
+      while (isOpen && !each.rest.empty()) isOpen = zelctl::SendAll(client, each.rest);
+      (void)zelctl::ReadRequest(client, &request);  // there is none: until the other side closes
+    });
     const ORB_HTTP_PROXY proxy = Proxy(peer.Port(), "user", "secret");
     const Outcome outcome = Get("http://origin.example/", &proxy);
-    EXPECT_EQ(EndOf(outcome.result), testCase.exchange) << testCase.name << outcome.result;
-    EXPECT_EQ(outcome.status, outcome.result == 0 ? 200U : 0U) << testCase.name;
-    EXPECT_LE(outcome.body.size() + outcome.headers.size(), kHttpKeptBytes) << testCase.name;
-    EXPECT_EQ(outcome.body.empty(), outcome.result != 0) << testCase.name;
-
+    EXPECT_EQ(EndOf(outcome.result), each.exchange) << each.name << outcome.result;
+    EXPECT_EQ(outcome.status, outcome.result == 0 ? 200U : 0U) << each.name;
+    EXPECT_LE(outcome.body.size() + outcome.headers.size(), kHttpKeptBytes) << each.name;
+    EXPECT_EQ(outcome.body.empty(), outcome.result != 0) << each.name;
     ASSERT_EQ(orb_http_set_proxy("127.0.0.1", "user", "secret", peer.Port()), 0);
-    const int tunnel = orb_http_proxy_connect(1, "origin.example", 443);
-    EXPECT_EQ(EndOf(tunnel), testCase.tunnel) << testCase.name << tunnel;
+    EXPECT_EQ(EndOf(orb_http_proxy_connect(1, "origin.example", 443)), each.tunnel) << each.name;
   }
 }
 
@@ -309,11 +255,11 @@ TEST_F(HttpTest, EveryExchangeHasAnIdOfItsOwnAlsoManyAtOnceAndAFailedOne) {
   std::mutex lock;
   std::set<std::string> ids;
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&, thread] {
+  for (const std::uint16_t port : {dead.Number(), nginx->Port(), nginx->Port()}) {
+    threads.emplace_back([&, port] {
       for (int i = 0; i < 5; ++i) {
-        const Outcome outcome = Get(Url(thread == 0 ? dead.Number() : nginx->Port(), "/ok"));
-        EXPECT_EQ(outcome.status, thread == 0 ? 0U : 200U);
+        const Outcome outcome = Get(Url(port, "/ok"));
+        EXPECT_EQ(outcome.status, port == dead.Number() ? 0U : 200U);
         EXPECT_EQ(outcome.id.find_first_not_of("0123456789ABCDEF"), std::string::npos);
         const std::lock_guard<std::mutex> hold(lock);
         if (outcome.id.size() == 32) ids.insert(outcome.id);
@@ -321,7 +267,7 @@ TEST_F(HttpTest, EveryExchangeHasAnIdOfItsOwnAlsoManyAtOnceAndAFailedOne) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(ids.size(), 20U);
+  EXPECT_EQ(ids.size(), 15U);
 }
 
 TEST_F(HttpTest, NoCredentialAndNoQueryReachesTheLog) {
@@ -335,54 +281,26 @@ TEST_F(HttpTest, NoCredentialAndNoQueryReachesTheLog) {
   const std::string log = support::ReadWholeFile(logFile);
   EXPECT_NE(log.find("http: GET http://***@127.0.0.1/path failed"), std::string::npos) << log;
   EXPECT_NE(log.find("http: tunnel failed"), std::string::npos) << log;
-  for (const char* secret :
-       {"url-user", "url-se", "cret@", "query-secret", "proxy-user", "proxy-secret"}) {
+  for (const char* secret : {"url-user", "url-se", "query-", "proxy-user", "proxy-secret"}) {
     EXPECT_EQ(log.find(secret), std::string::npos) << secret;
   }
-
   const std::pair<const char*, const char*> masked[] = {
       {"http://host/p", "http://host/p"},
       {"http://u:p@host/?q=http://x@y", "http://***@y"},
       {"u:p@host/?q=http://x", "***@host/"},
-      {"http://u:p?#/@host#f", "http://***@host"},
-      {"", ""}};
+      {"http://u:p?#/@host#f", "http://***@host"}};
   for (const auto& [url, text] : masked) EXPECT_EQ(HttpMaskedUrl(url), text);
 }
 
-TEST_F(HttpTest, APostCarriesItsHeadersAndBodyOrItsParts) {
-  LoopbackRequest seen;  // written before the answer goes out
-  LoopbackServer peer(SOCK_STREAM, [&seen](int client) {
-    if (!zelctl::ReadRequest(client, &seen)) return;
-    zelctl::SendAnswer(client, "503 Busy", "Retry-After: 7\r\n", "late");
-  });
-  HttpCall call;
-  call.method = HttpMethod::kPost;
-  call.url = Url(peer.Port(), "/report");
-  call.headers = {"Content-Type: application/json", "X-Kind: test"};
-  call.body = std::string("first\0bytes, last bytes", 23);
-  const HttpAnswer answer = HttpSend(call);
-  EXPECT_EQ(answer.curlCode, 0);
-  EXPECT_EQ(answer.status, 503U);
-  EXPECT_EQ(answer.retryAfterSeconds, 7);
-  EXPECT_EQ(answer.body, "late");
-  EXPECT_EQ(seen.method + " " + seen.target, "POST /report");
-  EXPECT_EQ(seen.Header("content-type") + " " + seen.Header("x-kind"), "application/json test");
-  EXPECT_EQ(seen.body, call.body);
-
-  support::WriteWholeFile(m_dir.File("audit"), "content with last bytes");
-  HttpCall upload;
-  upload.method = HttpMethod::kPost;
-  upload.url = Url(peer.Port(), "/upload");
-  upload.parts = {{"kind", "a text", "", ""}, {"file", "", m_dir.File("audit"), "shown.log"}};
-  EXPECT_EQ(HttpSend(upload).status, 503U);
-  for (const char* text : {"name=\"kind\"\r\n\r\na text\r\n", "filename=\"shown.log\"",
-                           "\r\n\r\ncontent with last bytes"}) {
-    EXPECT_NE(seen.body.find(text), std::string::npos) << seen.body;
-  }
+TEST_F(HttpTest, APartThatIsNoRegularFileFailsAtOnce) {
   ASSERT_EQ(::mkfifo(m_dir.File("pipe").c_str(), 0600), 0);
+  const support::LoopbackPort dead;
   for (const char* name : {"pipe", "missing", ""}) {
-    upload.parts[1].filePath = m_dir.File(name);
-    EXPECT_NE(HttpSend(upload).curlCode, 0) << name;
+    HttpCall upload;
+    upload.method = HttpMethod::kPost;
+    upload.url = Url(dead.Number(), "/upload");
+    upload.parts = {{"file", "", m_dir.File(name), "shown.log"}};
+    EXPECT_EQ(HttpSend(upload).curlCode, CURLE_READ_ERROR) << name;
   }
 }
 
