@@ -1,4 +1,4 @@
-#include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -21,16 +21,10 @@ using Value = std::shared_ptr<std::string>;
 
 Value Text(const std::string& text) { return std::make_shared<std::string>(text); }
 
-void RunTogether(int threads, const std::function<void(int)>& body) {
-  std::vector<std::thread> running;
-  for (int i = 0; i < threads; ++i) running.emplace_back(body, i);
-  for (std::thread& thread : running) thread.join();
-}
-
 class MemoryCacheTest : public testing::Test {
  protected:
-  void SetUp() override { orb_cache_ref_reset(); }
-  void TearDown() override { orb_cache_ref_reset(); }
+  MemoryCacheTest() { orb_cache_ref_reset(); }
+  ~MemoryCacheTest() override { orb_cache_ref_reset(); }
 
   ZELCache& m_cache = *ZELCache::GetInstance();
 };
@@ -50,50 +44,55 @@ TEST_F(MemoryCacheTest, ARefusedStoreKeepsTheEarlierValueAndANullOneIsKnown) {
   EXPECT_EQ(found, nullptr);
 }
 
-TEST_F(MemoryCacheTest, ThreadsFindOnlyValuesOfTheirKeyAndSeeWhatOneStoredOrRemoved) {
-  RunTogether(4, [&](int thread) {
-    std::mt19937 random(static_cast<unsigned int>(thread));
-    for (int i = 0; i < 3000; ++i) {
-      const std::string key = std::to_string(random() % 8);
-      Value found;
-      EXPECT_EQ(m_cache.Put(key, Text("value of " + key)), 0);
-      if (m_cache.Get(key, found) != 0) continue;
-      (void)m_cache.Remove(key);
-      EXPECT_EQ(*found, "value of " + key) << "a value outlives its removal";
-    }
-  });
-  for (const char* text : {"first", "second", ""}) {
-    ASSERT_EQ(*text == '\0' ? m_cache.Remove("key") : m_cache.Put("key", Text(text)), 0);
-    RunTogether(9, [&](int) {
-      Value found = Text("");
-      EXPECT_EQ(m_cache.Get("key", found) != 0, *text == '\0');
-      EXPECT_EQ(*found, text);
+TEST_F(MemoryCacheTest, ThreadsFindOnlyValuesOfTheirKeyAndOneOutlivesItsRemoval) {
+  std::vector<std::thread> threads;
+  for (unsigned int seed = 0; seed < 4; ++seed) {
+    threads.emplace_back([this, seed] {
+      std::mt19937 random(seed);
+      for (int i = 0; i < 3000; ++i) {
+        const std::string key = std::to_string(random() % 8);
+        Value found;
+        EXPECT_EQ(m_cache.Put(key, Text("value of " + key)), 0);
+        if (m_cache.Get(key, found) != 0) continue;
+        (void)m_cache.Remove(key);
+        EXPECT_EQ(*found, "value of " + key);
+      }
     });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(MemoryCacheTest, EveryThreadSeesWhatOneStoredOrRemoved) {
+  for (const std::string text : {"first", "second", ""}) {
+    ASSERT_EQ(text.empty() ? m_cache.Remove("key") : m_cache.Put("key", Text(text)), 0);
+    for (int i = 0; i < 9; ++i) {
+      std::thread([&] {
+        Value found = Text("");
+        EXPECT_EQ(m_cache.Get("key", found) != 0, text.empty());
+        EXPECT_EQ(*found, text);
+      }).join();
+    }
   }
 }
 
-std::vector<std::string>& Heard() {
-  static std::vector<std::string> texts;
-  return texts;
-}
-
-void HearDns(const char* text) { Heard().push_back(std::string("dns ") + text); }
-void HearSocket(const char* text) { Heard().push_back(std::string("socket ") + text); }
+auto& g_heard = *new std::vector<std::string>;
 
 TEST(LogHooksTest, EachLibraryReachesItsOwnFunctionFromItsLevelOnUntilItIsUnregistered) {
+  g_heard.clear();
   orb_loghooks_ref_emit_websocket("before");
   orb_dns_set_log_level(4);
-  orb_dns_register_log_func(HearDns);
-  orb_websocket_reg_log_fn(HearSocket);
-  for (const int level : {5, 4, 3}) orb_loghooks_ref_emit_dns(level, std::to_string(level).c_str());
+  orb_dns_register_log_func(
+      [](const char* text) { g_heard.push_back(std::string("dns ") + text); });
+  orb_websocket_reg_log_fn([](const char* text) { g_heard.push_back(std::string("web ") + text); });
+  for (const char* level : {"5", "4", "3"}) orb_loghooks_ref_emit_dns(*level - '0', level);
   orb_loghooks_ref_emit_websocket(nullptr);
   orb_dns_register_log_func(nullptr);
   orb_loghooks_ref_emit_dns(3, "after");
   orb_websocket_reg_log_fn(nullptr);
-  EXPECT_EQ(Heard(), (std::vector<std::string>{"dns 4", "dns 3", "socket "}));
+  EXPECT_EQ(g_heard, (std::vector<std::string>{"dns 4", "dns 3", "web "}));
 }
 
-TEST(PublicAddressTest, TheEdgesOfEveryPrivateRangeAreTold) {
+TEST(PublicAddressTest, TheEdgesOfEveryPrivateRangeAreToldAndOnlyFourDecimalPartsAreAnAddress) {
   for (const char* text : {"1.0.0.0", "9.255.255.255", "11.0.0.0", "100.63.255.255", "100.128.0.0",
                            "126.0.0.1", "128.0.0.0", "169.253.0.1", "169.255.0.0", "172.15.255.255",
                            "172.32.0.0", "192.167.0.1", "192.169.0.0", "223.255.255.255"}) {
@@ -102,26 +101,24 @@ TEST(PublicAddressTest, TheEdgesOfEveryPrivateRangeAreTold) {
   for (const char* text :
        {"0.0.0.0", "0.255.255.255", "10.0.0.0", "10.255.255.255", "100.64.0.0", "100.127.255.255",
         "127.0.0.1", "169.254.0.0", "169.254.255.255", "172.16.0.0", "172.31.255.255",
-        "192.168.0.0", "224.0.0.0", "192.168.255.255", "240.0.0.1", "no address"}) {
+        "192.168.0.0", "192.168.255.255", "224.0.0.0", "240.0.0.1"}) {
     EXPECT_FALSE(orb_is_public_ipv4(PRAX_InetAddr(text))) << text;
+  }
+  for (const char* text : {"", "9.1", "1.2.3", "1.2.3.4.5", "1.2.3.256", "1.2.3.4 ", " 1.2.3.4",
+                           "0x1.2.3.4", "a.b.c.d", "::1"}) {
+    EXPECT_EQ(PRAX_InetAddr(text), 0xFFFFFFFFU) << text;
   }
 }
 
 TEST(HttpProxyTest, AnotherProxyLeavesNoByteOfTheEarlierPassword) {
   ASSERT_EQ(orb_http_set_proxy("proxy.example", "user", "long-secret", 8080), 0);
-  EXPECT_STREQ(orb_http_ref_proxy().address, "proxy.example");
-  EXPECT_EQ(orb_http_ref_proxy().port, 8080);
-
   EXPECT_NE(orb_http_set_proxy("other", "user", std::string(256, 'p').c_str(), 1), 0);
   EXPECT_STREQ(orb_http_ref_proxy().password, "long-secret") << "a refused proxy changes nothing";
-
   ASSERT_EQ(orb_http_set_proxy("proxy.example", nullptr, "x", 0), 0);
   const ORB_HTTP_PROXY kept = orb_http_ref_proxy();
   EXPECT_EQ(std::string(kept.password, sizeof(kept.password)), "x" + std::string(255, '\0'));
-
   ASSERT_EQ(orb_http_set_proxy("", "user", "secret", 8080), 0);
   EXPECT_STREQ(orb_http_ref_proxy().password, "");
-  EXPECT_EQ(orb_http_ref_proxy().port, 0);
 }
 
 }  // namespace
