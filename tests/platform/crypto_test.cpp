@@ -64,15 +64,6 @@ TEST(CryptoCipherTest, EncryptsThePublishedVectorAndGivesEveryLengthBackIntoABuf
   }
 }
 
-TEST(CryptoRandomTest, FillsTheWholeBufferDifferentlyEachTime) {
-  Bytes first(4096, 0), second(4096, 0);
-  ASSERT_EQ(ORB_CPYPT_RealRandom(first.data(), LengthOf(first)), 0);
-  ASSERT_EQ(ORB_CPYPT_RealRandom(second.data(), LengthOf(second)), 0);
-  EXPECT_NE(first, second);
-  // Sixteen zero bytes at the end happen by chance once in 2^128 times.
-  EXPECT_NE(Bytes(first.end() - 16, first.end()), Bytes(16, 0));
-}
-
 TEST(CryptoDeriveKeyTest, GivesThePublishedVectorsAndRefusesLengthsThatCannotBe) {
   const auto derive = [](const Bytes& password, unsigned int rounds, const Bytes& salt,
                          Bytes* key) {

@@ -90,9 +90,8 @@ TEST_F(LoggerTest, PrintsValuesEscapesControlBytesAndHidesWordsAndUserParts) {
          << -5LL << " " << 7ULL << " " << 0.1 << " " << 1e20 << " "
          << reinterpret_cast<const void*>(0xAB);
   Line() << "a\r\nforged\x1b[0m\x7f\ttab" << std::string(1, '\0') << "\xff\xc3(";
-  Line() << "key="
-         << "s3"
-         << "cret" << 4 << ";";
+  const char* const secret = "s3";
+  Line() << "key=" << secret << "cret" << 4 << ";";
   Line() << "url=http://user:pa@ss@host:80/x, next https://t@h";
   Line() << "http://host/path?mail=a@b and {\"u\":\"ftp://h\",\"m\":\"a@b\"} ://@";
   EXPECT_EQ(Messages(),
@@ -100,10 +99,9 @@ TEST_F(LoggerTest, PrintsValuesEscapesControlBytesAndHidesWordsAndUserParts) {
                      "a\\x0D\\x0Aforged\\x1B[0m\\x7F\ttab\\x00\xff\xc3(", "key=***;",
                      "url=http://***@host:80/x, next https://***@h",
                      "http://host/path?mail=a@b and {\"u\":\"ftp://h\",\"m\":\"a@b\"} ://@"}));
-  for (const auto& [word, filtered] : std::vector<std::pair<const char*, const char*>>{
-           {"", ""}, {"abc", "***"}, {"abcd", "a***"}, {"abcdefghijklmn", "ab*********lmn"}}) {
-    EXPECT_EQ(LogStream::FilterWord(word, 4), filtered);
-  }
+  EXPECT_EQ(LogStream::FilterWord("", 4) + LogStream::FilterWord("abc", 4), "***");
+  EXPECT_EQ(LogStream::FilterWord("abcd", 4), "a***");
+  EXPECT_EQ(LogStream::FilterWord("abcdefghijklmn", 4), "ab*********lmn");
 }
 
 TEST(SensitiveWordsTest, HidesExactlyTheBytesThatSomeWordCovers) {
@@ -205,20 +203,19 @@ TEST_F(LoggerTest, NeverTearsLinesOfManyThreads) {
 TEST_F(LoggerTest, RotatesAtTheSizeAndKeepsTheOldFilesAskedFor) {
   for (const int oldFiles : {2, 0}) {
     ASSERT_EQ(LogStream::InitLog(kModule, m_file.c_str(), 1, oldFiles, LOGGER_LEVEL_INFO), 0);
-    for (int i = 0; i < 100; ++i) Line() << "number " << i << std::string(100, '.');
-    Strings all;
-    for (const char* name : {"native_sdk.2.txt", "native_sdk.1.txt", "native_sdk.txt"}) {
+    for (int i = 0; i < 100; ++i) Line() << std::string(100, '.') << i;
+    std::size_t next = 100;
+    for (const char* name : {"native_sdk.txt", "native_sdk.1.txt", "native_sdk.2.txt"}) {
       if (!fs::exists(m_dir.File(name))) continue;
       EXPECT_LE(fs::file_size(m_dir.File(name)), 1024U);
-      for (const std::string& line : LinesOf(m_dir.File(name))) all.push_back(line);
+      Strings lines = LinesOf(m_dir.File(name));
+      for (; !lines.empty(); lines.pop_back()) {
+        EXPECT_NE(lines.back().find("." + std::to_string(--next)), std::string::npos);
+      }
       fs::remove(m_dir.File(name));
     }
     EXPECT_TRUE(fs::is_empty(m_dir.Path()));
-    ASSERT_GE(all.size(), oldFiles == 0 ? 1U : 11U);  // two full files hold five lines each
-    for (std::size_t i = 0; i < all.size(); ++i) {
-      const std::string wanted = "number " + std::to_string(100 - all.size() + i) + ".";
-      EXPECT_NE(all[i].find(wanted), std::string::npos) << all[i];
-    }
+    EXPECT_LE(next, oldFiles == 0 ? 99U : 89U) << "two full files hold five lines each";
   }
 }
 

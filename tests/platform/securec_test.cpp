@@ -115,24 +115,17 @@ TEST_F(SecurecTest, AScanReadsNumbersAndOneTokenUntilTheTextDoesNotMatch) {
     int result;
     std::vector<int> parts;  // -1: not read
     const char* tail;
-  } cases[] = {
-      {" 1.\n2.\v3.\f\r4 ", 4, {1, 2, 3, 4}, ""},
-      {"+1.-20.3.-0004", 4, {1, -20, 3, -4}, ""},
-      {"  ", -1, {-1, -1, -1, -1}, ""},
-      {"+-1.2.3.4", 0, {-1, -1, -1, -1}, ""},
-      {"1.2.3.", 3, {1, 2, 3, -1}, ""},
-      {"1 .2.3.4", 1, {1, -1, -1, -1}, ""},  // a blank before the dot does not match it
-      {"1.2.3.4  x y", 5, {1, 2, 3, 4}, "x"},
-      {"1.2.3.4.5", 5, {1, 2, 3, 4}, ".5"},
-      {"1.2.3.4 abcdefghijklmno", 5, {1, 2, 3, 4}, "abcdefghijklmno"},
-      {"1.2.3.4 abcdefghijklmnop", 4, {1, 2, 3, 4}, ""},  // does not fit
-      {"2147483648.-2147483649.99999999999999999999.4", 4, {INT_MAX, INT_MIN, INT_MAX, 4}, ""}};
+  } cases[] = {{" +1.\n-20.abcdefghijklmno", 3, {1, -20}, "abcdefghijklmno"},
+               {"1.2.abcdefghijklmnop", 2, {1, 2}, ""},  // does not fit
+               {"1.2.  x y", 3, {1, 2}, "x"},
+               {"1 .2.3", 1, {1, -1}, ""},  // a blank before the dot does not match it
+               {"  ", -1, {-1, -1}, ""},
+               {"+-1.2.3", 0, {-1, -1}, ""},
+               {"2147483648.-99999999999999999999.", 2, {INT_MAX, INT_MIN}, ""}};
   for (const auto& c : cases) {
-    std::vector<int> n(4, -1);
+    std::vector<int> n(2, -1);
     char tail[16] = "";
-    const int result =
-        sscanf_s(c.text, "%d.%d.%d.%d%s", &n[0], &n[1], &n[2], &n[3], tail, rsize_t{16});
-    EXPECT_EQ(result, c.result) << c.text;
+    EXPECT_EQ(sscanf_s(c.text, "%d.%d.%s", &n[0], &n[1], tail, rsize_t{16}), c.result) << c.text;
     EXPECT_EQ(n, c.parts) << c.text;
     EXPECT_STREQ(tail, c.tail) << c.text;
   }

@@ -112,17 +112,6 @@ TEST_F(TrackUploadTest, SendsAgainUntilItIsAcceptedAndNotBeforeItMay) {
   EXPECT_EQ(m_problems.Take(), Texts{"track: events wait, status 503"});
 }
 
-TEST_F(TrackUploadTest, KeepsWhatWasNotSentWhenItIsStoppedDuringABackOff) {
-  m_options.firstBackOff = m_options.longestWait = 1h;
-  m_transport->answers = {{TrackOutcome::kRetry, 0, "no connection"}};
-  Store("0");
-  Start();
-  (void)m_problems.Take();
-  EXPECT_TRUE(m_uploader->Stop(kDeadline));
-  EXPECT_EQ(m_transport->batches.Take().size(), 1U);
-  EXPECT_EQ(m_spool->Pending(), 1U);
-}
-
 // The first thread hangs; the second one must neither send the same nor be hindered for good.
 TEST_F(TrackUploadTest, LeavesAHangingExchangeBehindAndStillSendsEachEventOnce) {
   Store("0");
