@@ -85,7 +85,7 @@ TEST_F(SettingsTest, TheVariableWinsOverTheDirectoryAndTheStartNamesTheDirectory
   EXPECT_EQ(orb_config_int("n", -1), 2);
 }
 
-TEST_F(SettingsTest, ABrokenFileIsOneLineAndLeavesEveryDefault) {
+TEST_F(SettingsTest, ABrokenFileOrNoneIsOneLineAndLeavesEveryDefault) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "broken at line 1, column 1"},
       {"{\"n\":1,\n \"secret\" 2}", "broken at line 2, column 11"},
@@ -105,9 +105,6 @@ TEST_F(SettingsTest, ABrokenFileIsOneLineAndLeavesEveryDefault) {
   }
   Use(R"({"n":3})");
   EXPECT_EQ(orb_config_int("n", -1), 3) << "a mended file";
-}
-
-TEST_F(SettingsTest, WhatIsNoRegularFileNeitherHangsNorCounts) {
   ASSERT_EQ(::mkfifo(m_dir.File("pipe").c_str(), 0600), 0);
   for (const std::string& path :
        {m_dir.File("pipe"), m_dir.Path(), std::string("/dev/zero"), m_dir.File("missing")}) {

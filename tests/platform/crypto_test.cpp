@@ -146,18 +146,14 @@ Bytes FromBase64(const std::string& text) {
   return data && length > 0 ? Bytes(data, data + length) : Bytes();
 }
 
-TEST(CryptoBase64Test, CarriesEveryByteAtEveryPositionInOneLine) {
+TEST(CryptoBase64Test, CarriesEveryByteInOneLine) {
   EXPECT_EQ(Base64Of({}), "");
-  const std::pair<const char*, const char*> vectors[] = {
-      {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}};
-  for (const auto& [plain, encoded] : vectors) EXPECT_EQ(Base64Of(BytesOf(plain)), encoded);
-  for (std::size_t shift = 0; shift < 3; ++shift) {
-    Bytes bytes(shift, 0xFF);
-    for (int value = 0; value < 256; ++value) bytes.push_back(static_cast<unsigned char>(value));
-    const std::string text = Base64Of(bytes);
-    EXPECT_EQ(text.find_first_of(" \r\n"), std::string::npos);
-    EXPECT_EQ(FromBase64(text), bytes);
-  }
+  EXPECT_EQ(Base64Of(BytesOf("f")) + Base64Of(BytesOf("fo")) + Base64Of(BytesOf("foo")),
+            "Zg==Zm8=Zm9v");
+  Bytes bytes;
+  for (int value = 0; value < 1024; ++value) bytes.push_back(static_cast<unsigned char>(value * 3));
+  EXPECT_EQ(Base64Of(bytes).find_first_of(" \r\n"), std::string::npos);
+  EXPECT_EQ(FromBase64(Base64Of(bytes)), bytes);
 }
 
 TEST(CryptoBase64Test, RefusesWhateverIsNotTheOneTextOfSomeBytes) {

@@ -180,24 +180,6 @@ TEST_F(PraxFileTest, TheTemporaryFileOfALivingWriterIsLeftAlone) {
   EXPECT_EQ(Replace("new"), 0);
 }
 
-TEST_F(PraxFileTest, AReaderFindsWholeContentsOnlyWhileThreadsReplaceIt) {
-  constexpr std::size_t kSize = 20000;
-  ASSERT_EQ(Replace(std::string(kSize, 'a')), 0);
-  std::atomic<int> running{2};
-  std::vector<std::thread> writers;
-  for (const char letter : {'a', 'b'}) {
-    writers.emplace_back([&, letter] {
-      for (int i = 0; i < 40; ++i) EXPECT_EQ(Replace(std::string(kSize, letter)), 0);
-      --running;
-    });
-  }
-  do {
-    const std::string content = ReadWholeFile(m_path);
-    EXPECT_EQ(content, std::string(kSize, content.at(0)));
-  } while (running > 0);
-  for (std::thread& writer : writers) writer.join();
-}
-
 TEST_F(PraxFileTest, OtherFailuresLeaveTheirOutputAloneAndAreToldAfterOtherCalls) {
   FILE* const file = PRAX_Fopen(m_path.c_str(), "wb");
   ASSERT_NE(file, nullptr);
@@ -219,14 +201,12 @@ TEST_F(PraxFileTest, OtherFailuresLeaveTheirOutputAloneAndAreToldAfterOtherCalls
 TEST_F(PraxTest, MemoryIsZeroFilledEvenWhenUsedBefore) {
   for (int i = 0; i < 8; ++i) {
     void* memory = PRAX_MemMallocS(64);
-    ASSERT_NE(memory, nullptr);
     EXPECT_EQ(std::string(static_cast<char*>(memory), 64), std::string(64, '\0'));
     std::memset(memory, 'x', 64);
     PRAX_MemFreeSetNullD(&memory);
     EXPECT_EQ(memory, nullptr);
   }
   EXPECT_EQ(PRAX_MemMallocS(0), nullptr);
-  EXPECT_EQ(PRAX_StrLen(nullptr), 0U);
 }
 
 }  // namespace
