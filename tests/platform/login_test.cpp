@@ -98,10 +98,12 @@ TEST_F(LoginTest, RefusesWithoutAServerOrWithTextsThatHaveNoEnd) {
   std::memset(query.text, 'x', sizeof(query.text));
   EXPECT_EQ(orb_login_query_audit_task(&query), kLoginBadArgument);
   EXPECT_EQ(orb_login_set_smartroom_param(nullptr), kLoginBadArgument);
-  char room[32];
+  char room[32] = "room";
+  EXPECT_EQ(orb_login_set_smartroom_param(room), 0);
   std::memset(room, 'x', sizeof(room));
   EXPECT_EQ(orb_login_set_smartroom_param(room), kLoginBadArgument);
   tagCONFCTRL_TERMINAL_PUBLIC_SDK terminal = {};
+  EXPECT_EQ(orb_confctrl_set_terminal_public_sdk_param(&terminal), 0);
   std::memset(terminal.account, 'x', sizeof(terminal.account));
   EXPECT_EQ(orb_confctrl_set_terminal_public_sdk_param(&terminal), kLoginBadArgument);
 }
