@@ -34,7 +34,7 @@ using zelctl::LoopbackServer;
 
 constexpr int kAmpleMs = 60000;
 constexpr int kShortMs = 300;
-constexpr const char* kVariables[] = {"http_proxy", "https_proxy"};
+constexpr const char* kVariables[] = {"http_proxy", "https_proxy", "no_proxy"};
 
 ORB_HTTP_PROXY Proxy(std::uint16_t port, const char* user = "", const char* password = "",
                      const char* address = "127.0.0.1") {
@@ -75,6 +75,7 @@ class HttpTest : public testing::Test {
   // Nothing listens there: whoever follows the environment fails.
   HttpTest() {
     for (const char* name : kVariables) ::setenv(name, "http://127.0.0.1:1", 1);
+    ::setenv("no_proxy", "*", 1);
     Configure(kAmpleMs);
   }
   ~HttpTest() override {

@@ -129,6 +129,8 @@ TEST_F(TrackTest, StoresAndSendsNothingWithoutConsent) {
   LeaveBehind({"unwanted"});
   EXPECT_EQ(Track_ConfigCustomParam(0, nullptr), 0);
   Begin();
+  EXPECT_EQ(Track_Uninit(), 0);  // sends what is there
+  Begin();
   EXPECT_EQ(Track_ConfigCustomParam(1, nullptr), 0);
   EXPECT_EQ(Track_StartEvent("i", 1), 0);
   EXPECT_EQ(Track_ConfigCustomParam(0, nullptr), 0);
