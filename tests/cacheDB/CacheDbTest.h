@@ -2,8 +2,10 @@
 // its start, an empty registry.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,19 +17,32 @@ namespace commonutil {
 
 class CacheDbTest : public ::testing::Test {
  protected:
-  CacheDbTest() {
-    DataStorageMgr::GetInst().Uninit();
-    support::ResetPlatformDouble();
-  }
-  ~CacheDbTest() override {
-    DataStorageMgr::GetInst().Uninit();
-    support::ResetPlatformDouble();
-  }
+  CacheDbTest() { Reset(); }
+  ~CacheDbTest() override { Reset(); }
 
   std::string DbFile() const { return m_dir.File(kCacheDbName); }
+  std::string SaltFile() const { return m_dir.File("sdkcache_config.db"); }
 
   support::TempDir m_dir;
+
+ private:
+  static void Reset() {
+    DataStorageMgr::GetInst().Uninit();
+    support::ResetPlatformDouble();
+  }
 };
+
+// A line that the log holds `count` times.
+struct Logged {
+  int level;
+  std::string text;
+  int count = 1;
+};
+inline void ExpectLog(const std::vector<Logged>& lines) {
+  for (const Logged& line : lines) {
+    EXPECT_EQ(support::CountLog(line.text, line.level), line.count) << line.text;
+  }
+}
 
 // Reads the first column of the only row that `sql` yields; "(none)" without a row.
 inline std::string ReadText(IDataStorage& storage, const std::string& sql) {
@@ -35,6 +50,10 @@ inline std::string ReadText(IDataStorage& storage, const std::string& sql) {
   std::string text = "(none)";
   if (statement->NextRow()) statement->GetValue(0, text);
   return text;
+}
+
+inline unsigned int ModeOf(const std::string& path) {
+  return static_cast<unsigned int>(std::filesystem::status(path).permissions());
 }
 
 }  // namespace commonutil

@@ -4,9 +4,10 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <memory>
+#include <functional>
 #include <thread>
+
+#include <sqlite3.h>
 
 #include "CacheDbTest.h"
 #include "util/Log.h"
@@ -14,19 +15,17 @@
 namespace commonutil {
 namespace {
 
-using support::CountLog;
+namespace fs = std::filesystem;
 using support::CountLogPrefix;
 using support::ReadWholeFile;
 using support::WriteWholeFile;
 
-constexpr char kKey[] = "6B65792D6F662D746865";
+// They differ behind a NUL: a key cut there would open the file.
+const std::string kKey("key\0one", 7);
+const std::string kOtherKey("key\0two", 7);
 constexpr char kMakeTable[] = "CREATE TABLE T(ID INTEGER PRIMARY KEY, NAME TEXT UNIQUE);";
-constexpr char kInsert[] = "INSERT INTO T(ID, NAME) VALUES (?, ?);";
+constexpr char kAddRow[] = "INSERT INTO T(NAME) VALUES (NULL);";
 constexpr char kCountRows[] = "SELECT COUNT(*) FROM T;";
-
-unsigned int ModeOf(const std::string& path) {
-  return static_cast<unsigned int>(std::filesystem::status(path).permissions());
-}
 
 class SQLiteWrapperTest : public CacheDbTest {
  protected:
@@ -43,103 +42,84 @@ TEST_F(SQLiteWrapperTest, WritesAnEncryptedFileThatOnlyItsKeyOpens) {
   m_db.Exec("INSERT INTO T VALUES (7, 'readable text');");
   EXPECT_EQ(ReadText(m_db, "SELECT NAME FROM T;"), "readable text");
   EXPECT_EQ(m_db.GetLastInsertRowId(), 7);
-  EXPECT_EQ(ModeOf(DbFile()), 0640u);
   m_db.Close();
-
   const std::string bytes = ReadWholeFile(DbFile());
   EXPECT_EQ(bytes.find("SQLite format 3"), std::string::npos);
   EXPECT_EQ(bytes.find("readable text"), std::string::npos);
-  EXPECT_TRUE(SQLiteDB("db", DbFile(), kKey).IsCanOpen());
-  EXPECT_FALSE(SQLiteDB("db", DbFile(), "another key").IsCanOpen());
+  EXPECT_TRUE(m_db.IsCanOpen());
+  EXPECT_FALSE(SQLiteDB("db", DbFile(), kOtherKey).IsCanOpen());
 }
 
-// The keys differ behind a NUL: a key cut there would open the file.
-TEST_F(SQLiteWrapperTest, UsesEveryByteOfTheKey) {
-  SQLiteDB("db", DbFile(), std::string("a\0b", 3)).Exec(kMakeTable);
-  EXPECT_TRUE(SQLiteDB("db", DbFile(), std::string("a\0b", 3)).IsCanOpen());
-  EXPECT_FALSE(SQLiteDB("db", DbFile(), std::string("a\0c", 3)).IsCanOpen());
-}
-
-TEST_F(SQLiteWrapperTest, AllThreadsShareOneConnectionThatAnyOfThemCloses) {
+TEST_F(SQLiteWrapperTest, AllThreadsShareOneConnectionThatAnyOfThemClosesOnce) {
   sqlite3* const here = m_db.GetDBConnection();
-  sqlite3* there = nullptr;
+  ASSERT_NE(here, nullptr);
+  EXPECT_EQ(m_db.Open(DbFile()), nullptr);
   std::thread([&] {
-    there = m_db.GetDBConnection();
+    EXPECT_EQ(m_db.GetDBConnection(), here);
     m_db.Close();
   }).join();
-  ASSERT_NE(here, nullptr);
-  EXPECT_EQ(here, there);
   EXPECT_FALSE(m_db.IsOpen());
-  EXPECT_EQ(CountLog("[db] is not open", kInfo), 2);  // asked once while opening
-  EXPECT_EQ(m_db.GetConn(), nullptr);
-}
-
-TEST_F(SQLiteWrapperTest, RefusesASecondConnectionAndASecondClose) {
-  ASSERT_NE(m_db.GetDBConnection(), nullptr);
-  EXPECT_EQ(m_db.GetDBHandle(), m_db.GetDBConnection());
-  EXPECT_EQ(m_db.Open(DbFile()), nullptr);
-  EXPECT_EQ(CountLog("SQLiteDB is already opened !", kWarning), 1);
-
-  m_db.Close();
-  EXPECT_EQ(CountLog("[db] sqlite3_close() resCode = 0", kInfo), 1);
   m_db.Close();
   m_db.Key(kKey);
-  EXPECT_EQ(CountLog("SQLiteDB is not opened yet !", kWarning), 2);
+  ExpectLog({{kWarning, "SQLiteDB is already opened !"},
+             {kInfo, "[db] sqlite3_close() resCode = 0"},
+             {kInfo, "[db] is not open", 2},  // asked once while opening
+             {kWarning, "SQLiteDB is not opened yet !", 2}});
 }
 
 TEST_F(SQLiteWrapperTest, ProbeWithoutAKeyAcceptsAnyFileAndWithOneRejectsWhatIsNoDatabase) {
   WriteWholeFile(DbFile(), std::string(5000, 'x'));
-  std::filesystem::permissions(DbFile(), std::filesystem::perms::owner_all);
+  fs::permissions(DbFile(), fs::perms::owner_all);
   EXPECT_TRUE(SQLiteDB("db", DbFile(), "").IsCanOpen());
   EXPECT_EQ(ModeOf(DbFile()), 0640u);
   EXPECT_FALSE(m_db.IsCanOpen());
-  EXPECT_EQ(CountLog("Close the db, and the result is 26, closeRet: 0", kWarning), 1);
+  ExpectLog({{kWarning, "Close the db, and the result is 26, closeRet: 0"}});
   EXPECT_EQ(ReadWholeFile(DbFile()), std::string(5000, 'x'));
 }
 
-TEST_F(SQLiteWrapperTest, ProbeOfAFileThatCannotBeOpenedFails) {
-  SQLiteDB db("db", m_dir.File("missing/file.db"), kKey);
-  EXPECT_FALSE(db.IsCanOpen());
-  EXPECT_EQ(CountLog("Open the db, and the result is 14", kInfo), 1);
-  EXPECT_EQ(CountLog("Close the db, and the result is nRet: 14, closeRet: 0", kWarning), 1);
-  EXPECT_EQ(CountLog("Fail to open the db", kInfo), 1);
-}
-
-TEST_F(SQLiteWrapperTest, ProbeConfirmsAPathOnceInAProcess) {
-  m_db.Exec(kMakeTable);
-  EXPECT_TRUE(m_db.IsCanOpen());
-  EXPECT_EQ(CountLog("Close the db, and the result is: 0", kWarning), 1);
-  EXPECT_EQ(CountLog("sqlite3_exec, nRet = 0", kWarning), 1);
-  EXPECT_TRUE(SQLiteDB("other", DbFile(), kKey).IsCanOpen());
-  EXPECT_EQ(CountLog("sqlite3_exec, nRet = 0", kWarning), 1);
-  EXPECT_EQ(CountLog("has tested, success", kInfo), 1);
-  EXPECT_EQ(CountLog("Succeed to test open the db", kInfo), 2);
-}
-
-TEST_F(SQLiteWrapperTest, ProbeTakesALockedFileAsReadable) {
+TEST_F(SQLiteWrapperTest, ProbeTakesALockedFileAsReadableAndConfirmsAPathOnceInAProcess) {
   m_db.Exec(kMakeTable);
   m_db.Exec("PRAGMA locking_mode = EXCLUSIVE;");
   m_db.BeginTransaction();
   EXPECT_TRUE(SQLiteDB("other", DbFile(), kKey).IsCanOpen());
-  EXPECT_EQ(CountLog("Close the db, and the result is: 5", kWarning), 1);
-  EXPECT_EQ(CountLog("Test the db, and the result is 5", kInfo), 1);
-  m_db.Rollback();
+  m_db.Close();
+  EXPECT_TRUE(m_db.IsCanOpen());
+  ExpectLog({{kWarning, "Close the db, and the result is: 5"},
+             {kWarning, "sqlite3_exec, nRet = 5"},
+             {kWarning, "Close the db, and the result is: 0"},
+             {kWarning, "sqlite3_exec, nRet = 0", 0},
+             {kInfo, "has tested, success"},
+             {kInfo, "Succeed to test open the db", 2}});
 }
 
 // SQLite returns a handle even for a file that it cannot open; keying such a one has crashed.
 TEST_F(SQLiteWrapperTest, AHandleOfAFileThatCannotBeOpenedRefusesEverything) {
   SQLiteDB db("db", m_dir.File("missing/file.db"), kKey);
+  EXPECT_FALSE(db.IsCanOpen());
   EXPECT_NE(db.GetDBConnection(), nullptr);
-  EXPECT_EQ(CountLog("[db] sqlite3_open_v2() resCode = 14", kError), 1);
-  EXPECT_EQ(CountLog("[db] sqlite3_key() = 21", kInfo), 1);
-  EXPECT_EQ(CountLog("[db] sqlite3_key() = 21", kError), 1);
-
   db.Exec("SELECT 1;");
-  EXPECT_EQ(CountLog("[db] sqlite exception(21): SELECT 1;", kError), 1);
-  const std::unique_ptr<IDataManipulation> statement(db.CreateDataManipulation("SELECT 2;"));
-  ASSERT_NE(statement, nullptr);
-  EXPECT_FALSE(statement->NextRow());
+  EXPECT_EQ(ReadText(db, "SELECT 2;"), "(none)");
   EXPECT_EQ(db.GetLastInsertRowId(), 0);
+  ExpectLog({{kWarning, "Close the db, and the result is nRet: 14, closeRet: 0"},
+             {kInfo, "Fail to open the db"},
+             {kError, "[db] sqlite3_open_v2() resCode = 14"},
+             {kError, "[db] sqlite3_key() = 21"},
+             {kError, "[db] sqlite exception(21): SELECT 1;"}});
+}
+
+// Without memory SQLite does not start and has no file system to ask; this has crashed.
+TEST_F(SQLiteWrapperTest, ASQLiteThatFindsNoMemoryToStartOpensNothing) {
+  WriteWholeFile(DbFile(), "");
+  sqlite3_shutdown();
+  sqlite3_mem_methods memory = {};
+  sqlite3_config(SQLITE_CONFIG_GETMALLOC, &memory);
+  sqlite3_mem_methods none = memory;
+  none.xInit = [](void*) { return SQLITE_NOMEM; };
+  sqlite3_config(SQLITE_CONFIG_MALLOC, &none);
+  EXPECT_FALSE(m_db.IsCanOpen());
+  EXPECT_TRUE(m_db.IsProbeVoid());
+  sqlite3_config(SQLITE_CONFIG_MALLOC, &memory);
+  EXPECT_TRUE(m_db.IsCanOpen());
 }
 
 class UnopenableDB : public SQLiteDB {
@@ -151,111 +131,93 @@ class UnopenableDB : public SQLiteDB {
 TEST_F(SQLiteWrapperTest, EveryOperationIsSafeWithoutAConnection) {
   UnopenableDB db("db", DbFile(), kKey);
   EXPECT_EQ(db.GetDBConnection(), nullptr);
-  EXPECT_EQ(CountLog("open db fail so return null ", kError), 1);
+  ExpectLog({{kError, "open db fail so return null "}});
   db.Exec(kMakeTable);
-  EXPECT_EQ(CountLog("no conn", kInfo), 1);
   EXPECT_FALSE(db.GetAutoCommit());
   EXPECT_EQ(db.GetLastInsertRowId(), 0);
-
-  const std::unique_ptr<IDataManipulation> statement(db.CreateDataManipulation(kInsert));
+  const std::unique_ptr<IDataManipulation> statement(db.CreateDataManipulation(kAddRow));
   ASSERT_NE(statement, nullptr);
-  EXPECT_EQ(CountLog(std::string("[db] sqlite3_prepare_v2(") + kInsert + ")", kInfo), 1);
   EXPECT_EQ(statement->Bind(1, 5), 21);
   EXPECT_EQ(statement->Exec(true), -1);
   EXPECT_EQ(statement->Reset(), 0);
   std::string text = "kept";
   statement->GetValue(0, text);
   EXPECT_EQ(text, "kept");
-}
-
-TEST_F(SQLiteWrapperTest, KeepsTemporaryFilesBesideTheDatabaseWhateverItsDirectoryIsCalled) {
-  const std::string directory = m_dir.File("o'clock");
-  std::filesystem::create_directory(directory);
-  SQLiteDB db("db", directory + "/file.db", kKey);
-  EXPECT_EQ(ReadText(db, "PRAGMA temp_store_directory;"), directory);
+  ExpectLog({{kInfo, "no conn"}, {kInfo, std::string("[db] sqlite3_prepare_v2(") + kAddRow + ")"}});
 }
 
 TEST_F(SQLiteWrapperTest, BindsAndReadsEveryType) {
   m_db.Exec("CREATE TABLE V(I, L, D, S, N);");
   {
     const auto insert = Prepare("INSERT INTO V VALUES (?, ?, ?, ?, ?);");
-    EXPECT_EQ(insert->Bind(1, -3), 0);
-    EXPECT_EQ(insert->Bind(2, 1LL << 40), 0);
-    EXPECT_EQ(insert->Bind(3, 0.5), 0);
-    EXPECT_EQ(insert->Bind(4, std::string("cut\0here", 8)), 0);
+    insert->Bind(1, -3);
+    insert->Bind(2, 1LL << 40);
+    insert->Bind(3, 0.5);
+    insert->Bind(4, std::string("cut\0here", 8));
     EXPECT_EQ(insert->Bind(6, 1), 25);
-    EXPECT_EQ(CountLog("[db] sqlite exception(25): INSERT INTO V VALUES (?, ?, ?, ?, ?);"), 1);
+    ExpectLog({{kError, "[db] sqlite exception(25): INSERT INTO V VALUES (?, ?, ?, ?, ?);"}});
     EXPECT_EQ(insert->Exec(true), 1);
   }
   const auto query = Prepare("SELECT I, L, S, N FROM V WHERE D = 0.5;");
   ASSERT_TRUE(query->NextRow());
   int small = 0;
-  long long large = 0;
-  std::string text;
-  std::string untouched = "kept";
   query->GetValue(0, small);
-  query->GetValue(1, large);
-  query->GetValue(2, text);
-  query->GetValue(3, untouched);
   EXPECT_EQ(small, -3);
+  long long large = 0;
+  query->GetValue(1, large);
   EXPECT_EQ(large, 1LL << 40);
+  std::string text;
+  query->GetValue(2, text);
+  query->GetValue(3, text);  // NULL
   EXPECT_EQ(text, "cut");
-  EXPECT_EQ(untouched, "kept");
   EXPECT_FALSE(query->NextRow());
+}
+
+// An empty text was stored in its place.
+TEST_F(SQLiteWrapperTest, ARowWhoseTextFoundNoMemoryIsNotStored) {
+  sqlite3_shutdown();
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1);  // else there is no limit
+  m_db.Exec(kMakeTable);
+  const auto insert = Prepare("INSERT INTO T(NAME) VALUES (?);");
+  sqlite3_hard_heap_limit64(1);
+  EXPECT_EQ(insert->Bind(1, std::string(5000, 'x')), SQLITE_NOMEM);
+  sqlite3_hard_heap_limit64(0);
+  EXPECT_EQ(insert->Exec(true), 0);
+  EXPECT_EQ(CountRows(), "0");
 }
 
 TEST_F(SQLiteWrapperTest, AViolatedConstraintIsSilentUntilSomebodyAsksForTheResult) {
   m_db.Exec(kMakeTable);
   m_db.Exec("INSERT INTO T VALUES (1, 'taken');");
-  auto insert = Prepare(kInsert);
-  insert->Bind(1, 2);
-  insert->Bind(2, std::string("taken"));
+  auto insert = Prepare("INSERT INTO T(NAME) VALUES ('taken');");
+  const auto countLines = [] { return CountLogPrefix("[db] sqlite exception(19)", kError); };
   EXPECT_EQ(insert->Exec(true), 0);
-  EXPECT_EQ(CountLogPrefix("[db] sqlite exception(19)"), 0);
-
+  EXPECT_EQ(countLines(), 0);
   EXPECT_EQ(insert->Exec(false), 0);
   EXPECT_EQ(insert->Reset(), 19);
-  EXPECT_EQ(CountLogPrefix("[db] sqlite exception(19)", kError), 1);
-
+  EXPECT_EQ(countLines(), 1);
   EXPECT_EQ(insert->Exec(false), 0);
   insert.reset();
-  EXPECT_EQ(CountLog(" rescode : 19", kError), 1);
-  EXPECT_EQ(CountLogPrefix("[db] sqlite exception(19)", kError), 2);
+  EXPECT_EQ(countLines(), 2);
+  ExpectLog({{kError, " rescode : 19"}});
 }
 
-TEST_F(SQLiteWrapperTest, ATransactionGuardRollsBackUnlessItWasCommitted) {
+TEST_F(SQLiteWrapperTest, OnlyTheOutermostEnabledGuardEndsATransaction) {
   m_db.Exec(kMakeTable);
-  {
-    Transanction guard(&m_db, true);
+  for (const bool commits : {false, true}) {
+    const Transanction disabled(&m_db, false);
+    const Transanction none(nullptr, true);
+    EXPECT_TRUE(m_db.GetAutoCommit());
+    Transanction outer(&m_db, true);
+    {
+      Transanction inner(&m_db, true);
+      m_db.Exec(kAddRow);
+      inner.Commit();
+    }
     EXPECT_FALSE(m_db.GetAutoCommit());
-    m_db.Exec("INSERT INTO T(NAME) VALUES ('lost');");
+    if (commits) outer.Commit();
   }
   EXPECT_TRUE(m_db.GetAutoCommit());
-  EXPECT_EQ(CountRows(), "0");
-  {
-    Transanction guard(&m_db, true);
-    m_db.Exec("INSERT INTO T(NAME) VALUES ('kept');");
-    guard.Commit();
-  }
-  EXPECT_EQ(CountRows(), "1");
-}
-
-TEST_F(SQLiteWrapperTest, ANestedOrDisabledGuardLeavesTheTransactionAlone) {
-  m_db.Exec(kMakeTable);
-  {
-    Transanction disabled(&m_db, false);
-    Transanction none(nullptr, true);
-    EXPECT_TRUE(m_db.GetAutoCommit());
-  }
-  Transanction outer(&m_db, true);
-  {
-    Transanction inner(&m_db, true);
-    m_db.Exec("INSERT INTO T(NAME) VALUES ('inner');");
-    inner.Commit();
-    EXPECT_FALSE(m_db.GetAutoCommit());
-  }
-  EXPECT_FALSE(m_db.GetAutoCommit());
-  outer.Commit();
   EXPECT_EQ(CountRows(), "1");
   EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
 }
@@ -263,15 +225,12 @@ TEST_F(SQLiteWrapperTest, ANestedOrDisabledGuardLeavesTheTransactionAlone) {
 // On a shared connection the number of changed rows is whatever statement ran last.
 TEST_F(SQLiteWrapperTest, EachThreadGetsTheChangeCountOfItsOwnStatement) {
   m_db.Exec(kMakeTable);
-  for (int i = 1; i <= 6; ++i) m_db.Exec("INSERT INTO T(NAME) VALUES (NULL);");
+  for (int i = 1; i <= 6; ++i) m_db.Exec(kAddRow);
   std::atomic<int> wrong{0};
   const auto update = [&](int rows) {
     const auto statement = Prepare("UPDATE T SET NAME = NULL WHERE ID <= ?;");
     statement->Bind(1, rows);
-    for (int i = 0; i < 100; ++i) {
-      if (statement->Exec(true) != rows) ++wrong;
-      if (!m_db.GetAutoCommit()) ++wrong;
-    }
+    for (int i = 0; i < 100; ++i) wrong += statement->Exec(true) != rows || !m_db.GetAutoCommit();
   };
   std::thread other(update, 2);
   update(6);
@@ -284,7 +243,7 @@ TEST_F(SQLiteWrapperTest, ThreadsMayUseAndCloseTheConnectionAtTheSameTime) {
   std::thread closer([&] {
     for (int i = 0; i < 20; ++i) m_db.Close();
   });
-  for (int i = 0; i < 20; ++i) m_db.Exec("INSERT INTO T(NAME) VALUES (NULL);");
+  for (int i = 0; i < 20; ++i) m_db.Exec(kAddRow);
   closer.join();
   EXPECT_EQ(CountRows(), "20");
 }
@@ -295,63 +254,51 @@ TEST_F(SQLiteWrapperTest, AStatementComesBackWithoutWhatWasBoundAndLetsTheConnec
   m_db.Exec(kMakeTable);
   m_db.Exec("INSERT INTO T VALUES (1, 'bound');");
   constexpr char kByName[] = "SELECT ID FROM T WHERE NAME = ?;";
-  {
-    const auto query = Prepare(kByName);
-    query->Bind(1, std::string("bound"));
-    EXPECT_TRUE(query->NextRow());  // and is given back in the middle
-  }
-  EXPECT_FALSE(Prepare(kByName)->NextRow());
-  {
+  for (int round = 0; round < 2; ++round) {  // given back in the middle, and taken again
     const auto one = Prepare(kByName);
     const auto other = Prepare(kByName);
     one->Bind(1, std::string("bound"));
     EXPECT_FALSE(other->NextRow());
     EXPECT_TRUE(one->NextRow());
   }
+  EXPECT_FALSE(Prepare(kByName)->NextRow());
   for (int i = 0; i < 30; ++i) {
     EXPECT_EQ(ReadText(m_db, "SELECT " + std::to_string(i) + ";"), std::to_string(i));
   }
   EXPECT_EQ(ReadText(m_db, "SELECT * FROM T;"), "1");
-  m_db.Exec("DROP TABLE T;");
-  m_db.Exec("CREATE TABLE T(NAME TEXT, ID INTEGER);");
-  m_db.Exec("INSERT INTO T VALUES ('first', 2);");
+  m_db.Exec("ALTER TABLE T RENAME TO ELSEWHERE;");
+  m_db.Exec("CREATE TABLE T AS SELECT 'first';");
   EXPECT_EQ(ReadText(m_db, "SELECT * FROM T;"), "first");
 
-  auto outlives = Prepare("SELECT COUNT(*) FROM T;");
+  auto outlives = Prepare(kCountRows);
   m_db.Close();
   EXPECT_TRUE(outlives->NextRow());
-  EXPECT_TRUE(std::filesystem::exists(DbFile() + "-wal"));
+  EXPECT_TRUE(fs::exists(DbFile() + "-wal"));
   outlives.reset();
-  EXPECT_FALSE(std::filesystem::exists(DbFile() + "-wal"));
+  EXPECT_FALSE(fs::exists(DbFile() + "-wal"));
   EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
 }
 
-constexpr char kNoLog[] = "[db] no write-ahead log, every write is synced";
-
-// What a client leaves behind that is killed after `rows` rows.
 class SQLiteLogTest : public SQLiteWrapperTest {
  protected:
+  // What a client leaves behind that is killed after `rows` rows.
   void LeaveBehind(const std::string& directory, const std::string& key, int rows) {
-    SQLiteDB living("db", m_dir.File("living.db"), key);
-    living.Exec(kMakeTable);
-    living.Exec("PRAGMA wal_checkpoint(TRUNCATE);");
-    for (int i = 1; i <= rows; ++i) {
-      living.Exec("INSERT INTO T VALUES (" + std::to_string(i) + ", NULL);");
-    }
-    std::filesystem::create_directory(m_dir.File(directory));
-    for (const char* const suffix : {"", "-wal"}) {
-      std::filesystem::copy_file(m_dir.File("living.db") + suffix,
-                                 m_dir.File(directory + "/file.db") + suffix);
-    }
-    living.Close();
-    std::filesystem::remove(m_dir.File("living.db"));
+    fs::create_directory(m_dir.File(directory));
+    const std::string living = m_dir.File(directory + "/living.db");
+    SQLiteDB db("db", living, key);
+    db.Exec(kMakeTable);
+    db.Exec("PRAGMA wal_checkpoint(TRUNCATE);");
+    for (int i = 0; i < rows; ++i) db.Exec(kAddRow);
+    fs::copy_file(living, FileIn(directory));
+    fs::copy_file(living + "-wal", LogIn(directory));
   }
   // The rows of a left database at its next start; "-1" when it does not pass.
   std::string RowsAfterStart(const std::string& directory) {
-    SQLiteDB db("db", m_dir.File(directory + "/file.db"), kKey);
+    SQLiteDB db("db", FileIn(directory), kKey);
     return db.IsCanOpen() ? ReadText(db, kCountRows) : "-1";
   }
-  std::string LogOf(const std::string& directory) { return m_dir.File(directory + "/file.db-wal"); }
+  std::string FileIn(const std::string& directory) { return m_dir.File(directory + "/file.db"); }
+  std::string LogIn(const std::string& directory) { return FileIn(directory) + "-wal"; }
 };
 
 TEST_F(SQLiteLogTest, TheLogHasTheModeOfItsDatabaseAndGoesWithTheConnection) {
@@ -368,55 +315,57 @@ TEST_F(SQLiteLogTest, TheLogHasTheModeOfItsDatabaseAndGoesWithTheConnection) {
   EXPECT_EQ(ReadText(m_db, "PRAGMA journal_mode;"), "wal");
   EXPECT_EQ(CountRows(), "0");
   m_db.Close();
-  EXPECT_FALSE(std::filesystem::exists(DbFile() + "-wal"));
-  EXPECT_FALSE(std::filesystem::exists(DbFile() + "-shm"));
+  for (const char* const suffix : {"-wal", "-shm"}) EXPECT_FALSE(fs::exists(DbFile() + suffix));
 }
 
 TEST_F(SQLiteLogTest, WhatAKilledClientHasWrittenIsThereWhateverBecameOfTheEndOfItsLog) {
-  for (const char* const directory : {"whole", "cut", "torn", "begun"}) {
-    LeaveBehind(directory, kKey, 20);
+  struct Case {
+    const char* name;
+    std::function<void(std::string&)> damage;
+    const char* rows;
+  };
+  for (const Case& c :
+       {Case{"whole", [](std::string&) {}, "20"},
+        Case{"cut", [](std::string& log) { log.resize(log.size() - 5000); }, "19"},
+        Case{"torn", [](std::string& log) { log.replace(log.size() - 100, 9, "new bytes"); }, "19"},
+        Case{"begun", [](std::string& log) { log.resize(10); }, "0"}}) {
+    LeaveBehind(c.name, kKey, 20);
+    std::string log = ReadWholeFile(LogIn(c.name));
+    c.damage(log);
+    WriteWholeFile(LogIn(c.name), log);
+    EXPECT_EQ(RowsAfterStart(c.name), c.rows) << c.name;
   }
-  std::filesystem::resize_file(LogOf("cut"), std::filesystem::file_size(LogOf("cut")) - 5000);
-  std::string log = ReadWholeFile(LogOf("torn"));
-  log[log.size() - 100] = static_cast<char>(log[log.size() - 100] ^ 1);
-  WriteWholeFile(LogOf("torn"), log);
-  std::filesystem::resize_file(LogOf("begun"), 10);
-  EXPECT_EQ(RowsAfterStart("whole"), "20");
-  EXPECT_EQ(RowsAfterStart("cut"), "19");
-  EXPECT_EQ(RowsAfterStart("torn"), "19");
-  EXPECT_EQ(RowsAfterStart("begun"), "0");
   EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
 }
 
 TEST_F(SQLiteLogTest, ALogOfAnotherDatabaseOrKeyIsRemovedAndTheDatabaseStays) {
-  for (const auto& [key, rows] : {std::pair{kKey, 1}, {kKey, 200}, {"another key", 3}}) {
-    const std::string name = key + std::to_string(rows);
-    LeaveBehind(name, kKey, 5);
-    EXPECT_EQ(RowsAfterStart(name), "5");
-    EXPECT_FALSE(std::filesystem::exists(LogOf(name)));
-    LeaveBehind("other" + name, key, rows);
-    std::filesystem::copy_file(LogOf("other" + name), LogOf(name));
-    EXPECT_EQ(RowsAfterStart(name), "5") << name;
+  LeaveBehind("own", kKey, 5);
+  EXPECT_EQ(RowsAfterStart("own"), "5");
+  for (const auto& [key, rows] : {std::pair(kKey, 1), {kKey, 200}, {kOtherKey, 3}}) {
+    const std::string other = "other" + std::to_string(rows);
+    LeaveBehind(other, key, rows);
+    EXPECT_FALSE(fs::exists(LogIn("own")));
+    fs::copy_file(LogIn(other), LogIn("own"));
+    EXPECT_EQ(RowsAfterStart("own"), "5") << other;
   }
-  EXPECT_EQ(CountLog("[db] removes a log that is not of this database", kWarning), 3);
-  LeaveBehind("lost", "another key", 3);
-  EXPECT_EQ(RowsAfterStart("lost"), "-1");
-  EXPECT_TRUE(std::filesystem::exists(LogOf("lost")));
+  ExpectLog({{kWarning, "[db] removes a log that is not of this database", 3}});
+  EXPECT_EQ(RowsAfterStart("other3"), "-1");
+  EXPECT_TRUE(fs::exists(LogIn("other3")));
 }
 
 // A link into the void where the log's index belongs stands for a system that cannot share memory.
 TEST_F(SQLiteLogTest, WithoutSharedMemoryEveryWriteIsSyncedAndALogLeftBehindIsTakenOver) {
-  std::filesystem::create_symlink("nowhere/at/all", DbFile() + "-shm");
+  fs::create_symlink("nowhere/at/all", DbFile() + "-shm");
   m_db.Exec(kMakeTable);
-  EXPECT_EQ(CountLog(kNoLog, kWarning), 1);
-  m_db.Exec("INSERT INTO T VALUES (1, 'written');");
+  ExpectLog({{kWarning, "[db] no write-ahead log, every write is synced"}});
+  m_db.Exec(kAddRow);
   EXPECT_EQ(ReadText(m_db, "PRAGMA journal_mode;"), "delete");
   EXPECT_EQ(ReadText(m_db, "PRAGMA synchronous;"), "2");
   EXPECT_TRUE(SQLiteDB("db", DbFile(), kKey).IsCanOpen());
   EXPECT_EQ(CountRows(), "1");
 
   LeaveBehind("left", kKey, 20);
-  std::filesystem::create_symlink("nowhere/at/all", m_dir.File("left/file.db-shm"));
+  fs::create_symlink("nowhere/at/all", FileIn("left") + "-shm");
   EXPECT_EQ(RowsAfterStart("left"), "20");
   EXPECT_EQ(CountLogPrefix("[db] sqlite exception("), 0);
 }
@@ -424,28 +373,27 @@ TEST_F(SQLiteLogTest, WithoutSharedMemoryEveryWriteIsSyncedAndALogLeftBehindIsTa
 TEST_F(SQLiteLogTest, ADirectoryThatTakesNoFileLeavesTheDatabaseReadable) {
   constexpr uid_t kNobody = 65534;
   const uid_t wasUser = ::getuid();
-  const std::string directory = m_dir.File("100% fixed?#");
-  std::filesystem::create_directory(directory);
+  const std::string directory = m_dir.File("100% o'clock?#");
+  fs::create_directory(directory);
   const std::string file = directory + "/file.db";
   for (const char* const mode : {"wal", "delete"}) {
     {
       SQLiteDB db("db", file, kKey);
-      db.Exec("CREATE TABLE IF NOT EXISTS T(ID INTEGER PRIMARY KEY, NAME TEXT UNIQUE);");
-      db.Exec("INSERT OR REPLACE INTO T VALUES (1, 'readable');");
+      db.Exec("CREATE TABLE IF NOT EXISTS T(ID INTEGER PRIMARY KEY);");
+      db.Exec("INSERT OR REPLACE INTO T VALUES (1);");
+      EXPECT_EQ(ReadText(db, "PRAGMA temp_store_directory;"), directory);
       db.Exec(std::string("PRAGMA journal_mode = ") + mode + ";");
     }
     support::ClearLog();
+    (void)::chmod(directory.c_str(), 0555);
     if (::geteuid() == 0) {  // root may write everywhere
       ASSERT_EQ(::chown(file.c_str(), kNobody, kNobody), 0);
       ASSERT_EQ(::chmod(m_dir.Path().c_str(), 0755), 0);
-      ASSERT_EQ(::chmod(directory.c_str(), 0555), 0);
       ASSERT_EQ(::setresuid(kNobody, kNobody, 0), 0);
     }
-    (void)::chmod(directory.c_str(), 0555);
     SQLiteDB db("db", file, kKey);
     EXPECT_TRUE(db.IsCanOpen()) << mode;
-    EXPECT_EQ(ReadText(db, "SELECT NAME FROM T;"), "readable") << mode;
-    db.Exec("INSERT INTO T VALUES (2, 'in vain');");
+    db.Exec("INSERT INTO T VALUES (2);");
     EXPECT_EQ(CountLogPrefix("[db] sqlite exception(", kError), 1) << mode;
     EXPECT_EQ(ReadText(db, kCountRows), "1") << mode;
     db.Close();
@@ -455,14 +403,8 @@ TEST_F(SQLiteLogTest, ADirectoryThatTakesNoFileLeavesTheDatabaseReadable) {
 }
 
 TEST(SQLiteExceptionTest, NamesTheKnownResultsAndNoOthers) {
-  EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(1), "SQLITE_ERROR");
-  EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(26), "SQLITE_NOTADB");
-  EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(101), "SQLITE_DONE");
-  EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(266), "SQLITE_IOERR_READ");
   EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(3082), "SQLITE_IOERR_NOMEM");
-  for (const int unknown : {-1, 0, 27, 28, 99, 3338}) {
-    EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(unknown), "") << unknown;
-  }
+  EXPECT_EQ(SQLiteException::GetErrorMsgFromErrorCode(27), "");
   EXPECT_STREQ(SQLiteException(5).what(), "SQLITE_BUSY");
 }
 
