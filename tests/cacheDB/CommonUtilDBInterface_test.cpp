@@ -1,8 +1,8 @@
 #include "cacheDB/CommonUtilDBInterface.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
 #include <thread>
 
 #include <sqlite3.h>
@@ -14,42 +14,41 @@
 namespace commonutil {
 namespace {
 
+namespace fs = std::filesystem;
 using support::CountLog;
-using support::CountLogPrefix;
 using support::ReadWholeFile;
 using support::WriteWholeFile;
 using support::ZormCalls;
+using Codes = std::deque<int>;
 
-std::atomic<int> g_pauses{0};
-std::atomic<int> g_oddPauses{0};
+constexpr char kNothing[] = "415000002";
+constexpr char kThree[] = "0 1:a=abc 2:b=abcd 3:c=";
+constexpr int kPauseMs = 100;
 
-void CountPause(unsigned int ms) {
-  ++g_pauses;
-  if (ms != 100) ++g_oddPauses;
-}
+std::atomic<int> g_pausedMs{0};
 
 // A manager before its first initialisation, whatever the process has done before.
 class FreshManager : public SqliteInterfaceManager {};
 
 class CommonUtilDBInterfaceTest : public CacheDbTest {
  protected:
-  CommonUtilDBInterfaceTest() {
-    g_pauses = 0;
-    g_oddPauses = 0;
-    PRAX_Ref_SetSleepHook(CountPause);
-  }
+  CommonUtilDBInterfaceTest() { WatchPauses(); }
 
+  static void WatchPauses() {
+    g_pausedMs = 0;
+    PRAX_Ref_SetSleepHook([](unsigned int ms) { g_pausedMs += static_cast<int>(ms); });
+  }
   int Init() { return m_manager.InitDB(m_dir.Path(), m_dir.Path()); }
+  int InitWith(const Codes& starts, const Codes& stops = {}, int encryptCode = 0) {
+    support::SetZormScript({starts, stops, encryptCode, 0});
+    return Init();
+  }
   // As a process that starts on the files of an earlier one.
   int InitAgain() {
     EndProcess();
-    FreshManager later;
-    return later.InitDB(m_dir.Path(), m_dir.Path());
+    return FreshManager().InitDB(m_dir.Path(), m_dir.Path());
   }
   static void EndProcess() {
-    if (IDataStorage* const storage = DataStorageMgr::GetInst().GetDataStorage(kCacheDbName)) {
-      storage->Close();
-    }
     DataStorageMgr::GetInst().Uninit();
     support::ClearLog();
   }
@@ -61,91 +60,74 @@ class CommonUtilDBInterfaceTest : public CacheDbTest {
     ASSERT_EQ(Init(), 0);
     AddThree();
   }
-  int Query(const std::string& key, int keyType, int capacity = 1) {
-    m_count = capacity;
-    return m_manager.QueryConfigCache({key, keyType}, m_rows, &m_count);
+  // The result and the rows, as in kThree.
+  std::string Query(const std::string& key, int keyType, int capacity = 8) {
+    ZelConfigCache rows[8];
+    const auto query = std::make_shared<ZelQueryConfigCache>();
+    query->matchInfo = {key, keyType};
+    query->result = rows;
+    query->count = capacity;
+    std::string found = std::to_string(m_manager.QueryConfigCacheOfSharedPtr(query));
+    for (int i = 0; i < query->count; ++i) {
+      found += " " + std::to_string(rows[i].autoId) + ":" + rows[i].key + "=" + rows[i].value;
+    }
+    return found;
   }
-  int InitWithStartCodes(std::size_t count, int code) {
-    support::ZormScript script;
-    script.startCodes.assign(count, code);
-    support::SetZormScript(script);
-    return Init();
-  }
-  static int CountCalls(const std::string& prefix) {
-    int count = 0;
-    for (const std::string& call : ZormCalls())
-      count += call.compare(0, prefix.size(), prefix) == 0;
-    return count;
-  }
-  std::string SaltFile() const { return m_dir.File("sdkcache_config.db"); }
 
   FreshManager m_manager;
-  ZelConfigCache m_rows[8];
-  int m_count = 0;
 };
 
 TEST_F(CommonUtilDBInterfaceTest, RefusesEveryOperationBeforeItsInitialisation) {
-  const ZelConfigCache entry{0, "k", "v"};
+  ZelConfigCache entry{0, "k", "v"};
+  int count = 1;
   m_manager.SingleAddConfigCache(entry);
   EXPECT_EQ(m_manager.BatchAddConfigCache(&entry, 1), 10001);
   EXPECT_EQ(m_manager.DeleteConfigCache({"k", 1}), 10001);
-  EXPECT_EQ(CountLog("DB not init", kError), 3);
-  EXPECT_EQ(Query("k", 1), 415000001);
-  EXPECT_EQ(CountLog("DB not init, key: k, type: 1", kError), 1);
-  EXPECT_EQ(m_count, 0);
+  EXPECT_EQ(Query("k", 1), "415000001");
   EXPECT_EQ(m_manager.BatchAddConfigCache(nullptr, 1), 10000);
-  EXPECT_EQ(m_manager.QueryConfigCache({"k", 1}, nullptr, &m_count), 411000002);
-  EXPECT_EQ(m_manager.QueryConfigCache({"k", 1}, m_rows, nullptr), 411000002);
-  EXPECT_EQ(CountLog("ptr is empty.", kError), 3);
+  EXPECT_EQ(m_manager.QueryConfigCache({"k", 1}, nullptr, &count), 411000002);
+  EXPECT_EQ(m_manager.QueryConfigCache({"k", 1}, &entry, nullptr), 411000002);
+  EXPECT_EQ(m_manager.QueryConfigCacheOfSharedPtr(nullptr), 411000002);
+  ExpectLog({{kError, "DB not init", 3},
+             {kError, "DB not init, key: k, type: 1"},
+             {kError, "ptr is empty.", 4}});
 }
 
-TEST_F(CommonUtilDBInterfaceTest, TheFirstStartMakesTheFilesAndStopsKeyManagement) {
+TEST_F(CommonUtilDBInterfaceTest, TheFirstStartMakesASecretAndStopsKeyManagement) {
   EXPECT_EQ(Init(), 0);
-  const std::string line = ReadWholeFile(SaltFile());
-  EXPECT_EQ(line.size() - line.find('|'), 33u);
-  EXPECT_TRUE(std::filesystem::exists(DbFile()));
-  EXPECT_EQ(ReadWholeFile(DbFile()).find("ConfigCacheTab"), std::string::npos);
-  EXPECT_EQ(CountLog("localDBKey is empty!", kError), 1);
-  EXPECT_EQ(CountLog("StopZORM ret = 0", kError), 1);
   EXPECT_EQ(ZormCalls(), (std::vector<std::string>{"start " + m_dir.File("native_sdk.txt") + "|" +
                                                        m_dir.File("zorm/zormStore.dat") + "|" +
                                                        m_dir.File("zorm/zormStore_bak.dat"),
                                                    "encrypt", "stop"}));
-  EXPECT_EQ(g_pauses, 0);
-  const std::vector<std::string> words = support::SensitiveWords();
-  ASSERT_FALSE(words.empty());
-  EXPECT_EQ(words.front().size(), 64u);
-  EXPECT_EQ(CountLog("GetDBConnection, key = " + words.front(), kInfo), 1);  // masked by a logger
+  EXPECT_EQ(g_pausedMs, 0);
+  const std::string key = support::SensitiveWords().at(0);
+  EXPECT_EQ(key.size(), 64u);
+  ExpectLog({{kError, "localDBKey is empty!"},
+             {kError, "StopZORM ret = 0"},
+             {kInfo, "GetDBConnection, key = " + key}});  // masked by a logger
 }
 
 TEST_F(CommonUtilDBInterfaceTest, ASaltLineThatCannotBeReadStartsEmptyWithANewSecret) {
   const char kRefused[] = "localDBKey error!";
   const char kUndecryptable[] = "DecryptZorm dbRandom failed!";
-  ASSERT_EQ(Init(), 0);
+  InitAndAddThree();
   const std::string first = ReadWholeFile(SaltFile());
-  AddThree();
   EXPECT_EQ(InitAgain(), 0);
-  EXPECT_EQ(ReadWholeFile(SaltFile()), first);  // a good one is kept
-  WriteWholeFile(SaltFile(), first.substr(0, first.find('|') + 1));
-  EXPECT_EQ(InitAgain(), 0);  // an empty salt is a valid one, though of another key
-  EXPECT_EQ(CountLogPrefix("localDBKey"), 0);
-  AddThree();
-  for (const auto& [line, logged] : std::vector<std::pair<std::string, std::string>>{
-           {"", "localDBKey is empty!"},
-           {"ABCDEF", kRefused},
-           {"|", kRefused},
-           {"|ABCDEF", kUndecryptable},
-           {"no hex|ABCDEF", kUndecryptable},
-           {first.substr(2), kUndecryptable},
-           {std::string(5000, 'A') + first, kRefused}}) {
-    ASSERT_EQ(Query("", 2, 8), 0);
-    EXPECT_EQ(m_count, 3);
-    WriteWholeFile(SaltFile(), line);
+  EXPECT_EQ(ReadWholeFile(SaltFile()), first);
+  const struct {
+    std::string line, logged;
+  } cases[] = {{"", "localDBKey is empty!"},
+               {"ABCDEF", kRefused},
+               {"|", kRefused},
+               {"|ABCDEF", kUndecryptable},
+               {first.substr(2), kUndecryptable},
+               {first.substr(0, first.find('|') + 1), "orb_pkcs5_derivekey_ex success."}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(Query("", 2), kThree);
+    WriteWholeFile(SaltFile(), c.line);
     EXPECT_EQ(InitAgain(), 0);
-    EXPECT_EQ(CountLog(logged, kError), 1) << line;
-    EXPECT_EQ(CountLog(" delete sdkcache.db success", kWarning), 1) << line;
-    EXPECT_NE(ReadWholeFile(SaltFile()), first);
-    EXPECT_EQ(Query("", 2, 8), 415000002) << line;
+    ExpectLog({{kError, c.logged}, {kWarning, " delete sdkcache.db success"}});
+    EXPECT_EQ(Query("", 2), kNothing) << c.line;
     AddThree();
   }
 }
@@ -153,21 +135,17 @@ TEST_F(CommonUtilDBInterfaceTest, ASaltLineThatCannotBeReadStartsEmptyWithANewSe
 // A salt file or database that could not be read for a moment was taken for damaged: the start made
 // a new one, and the entries were gone.
 TEST_F(CommonUtilDBInterfaceTest, AStartThatLacksDescriptorsOrMemoryFailsAndKeepsTheEntries) {
-  ASSERT_EQ(Init(), 0);
-  AddThree();
-  const std::string line = ReadWholeFile(SaltFile());
+  InitAndAddThree();
   PRAX_Ref_FailNext(PRAX_REF_FOPEN, 1, EMFILE);
   EXPECT_EQ(InitAgain(), 1);
-  EXPECT_EQ(CountLog("the salt file cannot be read", kError), 1);
+  ExpectLog({{kError, "the salt file cannot be read"}});
   sqlite3_vfs& system = *sqlite3_vfs_find(nullptr);
   const auto open = system.xOpen;
   system.xOpen = [](sqlite3_vfs*, const char*, sqlite3_file*, int, int*) { return SQLITE_NOMEM; };
   EXPECT_EQ(InitAgain(), 1);
   system.xOpen = open;
   EXPECT_EQ(InitAgain(), 0);
-  EXPECT_EQ(ReadWholeFile(SaltFile()), line);
-  EXPECT_EQ(Query("", 2, 8), 0);
-  EXPECT_EQ(m_count, 3);
+  EXPECT_EQ(Query("", 2), kThree);
 }
 
 TEST_F(CommonUtilDBInterfaceTest, AStartIsRetriedAHundredTimesAndTwiceThatForADamagedKeyStore) {
@@ -177,129 +155,95 @@ TEST_F(CommonUtilDBInterfaceTest, AStartIsRetriedAHundredTimesAndTwiceThatForADa
   } cases[] = {{200, 7, 7, 100, 100, 0}, {300, 287, 287, 200, 200, 1}, {101, 254, 0, 100, 101, 2}};
   for (const auto& c : cases) {
     support::ResetPlatformDouble();
-    PRAX_Ref_SetSleepHook(CountPause);
-    g_pauses = 0;
-    EXPECT_EQ(InitWithStartCodes(c.failures, c.code), c.result);
-    EXPECT_EQ(CountLogPrefix("start try times:", kInfo), c.tries);
-    EXPECT_EQ(CountLog("start zorm failed, ret = " + std::to_string(c.code), kError),
-              c.result == 0 ? 0 : 1);
-    EXPECT_EQ(g_pauses, c.pauses);
-    EXPECT_EQ(g_oddPauses, 0);
-    EXPECT_EQ(CountCalls("stop"), c.stops);
-    EXPECT_EQ(CountLog("stop and retry", kInfo), c.code == 254 ? 1 : 0);
-    EXPECT_EQ(m_manager.BatchAddConfigCache(m_rows, 1), c.result == 0 ? 0 : 10001);
+    WatchPauses();
+    EXPECT_EQ(InitWith(Codes(c.failures, c.code)), c.result);
+    EXPECT_EQ(support::CountLogPrefix("start try times:", kInfo), c.tries);
+    EXPECT_EQ(g_pausedMs, c.pauses * kPauseMs);
+    const std::vector<std::string> calls = ZormCalls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "stop"), c.stops);
+    ExpectLog(
+        {{kError, "start zorm failed, ret = " + std::to_string(c.code), c.result == 0 ? 0 : 1},
+         {kInfo, "stop and retry", c.code == 254 ? 1 : 0}});
   }
-  EXPECT_EQ(CountLog("start try times:99 return code:254", kInfo), 1);
+  ExpectLog({{kInfo, "start try times:99 return code:254"}});
 }
 
 TEST_F(CommonUtilDBInterfaceTest, ADamagedKeyStoreIsDiscardedOnceAndTheDatabaseWithIt) {
   InitAndAddThree();
-  std::filesystem::create_directory(m_dir.File("zorm"));
+  fs::create_directory(m_dir.File("zorm"));
   WriteWholeFile(m_dir.File("zorm/zormStore.dat"), "damaged");
   EndProcess();
-  EXPECT_EQ(InitWithStartCodes(101, 287), 0);
-  EXPECT_FALSE(std::filesystem::exists(m_dir.File("zorm/zormStore.dat")));
-  EXPECT_EQ(CountLogPrefix("PRAX_Remove m_zormStoreFileBak, err: ", kError), 1);  // none there
-  EXPECT_EQ(CountLog("DecryptZorm dbRandom failed!", kError), 1);
-  EXPECT_EQ(Query("a", 1), 415000002);
+  EXPECT_EQ(InitWith(Codes(101, 287)), 0);
+  EXPECT_TRUE(fs::is_empty(m_dir.File("zorm")));
+  EXPECT_EQ(support::CountLogPrefix("PRAX_Remove m_zormStoreFileBak, err: ", kError), 1);
+  EXPECT_EQ(Query("a", 1), kNothing);
 }
 
-TEST_F(CommonUtilDBInterfaceTest, WithoutASecretThereIsNoDatabase) {
-  support::ZormScript script;
-  script.encryptCode = 9;
-  support::SetZormScript(script);
-  EXPECT_EQ(Init(), 1);
-  EXPECT_EQ(CountLog("generate random or encrypt failed!", kError), 1);
-  EXPECT_EQ(CountLog("CheckDBSaltKey failed, ret = 1", kError), 1);
-  EXPECT_EQ(CountCalls("stop"), 1);
-  EXPECT_FALSE(std::filesystem::exists(SaltFile()));
-  EXPECT_FALSE(std::filesystem::exists(DbFile()));
-}
-
-TEST_F(CommonUtilDBInterfaceTest, AFailedSecondInitialisationLeavesTheCacheUsable) {
-  support::ZormScript script;
-  script.stopCodes = {5};
-  support::SetZormScript(script);
-  EXPECT_EQ(Init(), 5);  // while a failed first one leaves none
-  EXPECT_EQ(CountLog("StopZORM ret = 5", kError), 1);
-  EXPECT_EQ(Query("a", 1), 415000001);
-  ASSERT_EQ(InitWithStartCodes(0, 0), 0);
+TEST_F(CommonUtilDBInterfaceTest, AFailedStartLeavesNoCacheAndAFailedSecondOneTheFirst) {
+  EXPECT_EQ(InitWith({}, {}, 9), 1);  // no secret, no database
+  EXPECT_EQ(ZormCalls().back(), "stop");
+  EXPECT_FALSE(fs::exists(SaltFile()));
+  EXPECT_FALSE(fs::exists(DbFile()));
+  EXPECT_EQ(InitWith({}, {5}), 5);
+  EXPECT_EQ(Query("a", 1), "415000001");
+  EXPECT_EQ(InitWith({}), 0);
   AddThree();
-  EXPECT_EQ(InitWithStartCodes(200, 7), 7);
-  EXPECT_EQ(Query("a", 1), 0);
+  EXPECT_EQ(InitWith({}, {5}), 5);
+  EXPECT_EQ(Query("c", 1), "0 3:c=");
+  ExpectLog({{kError, "generate random or encrypt failed!"},
+             {kError, "CheckDBSaltKey failed, ret = 1"},
+             {kError, "StopZORM ret = 5", 2}});
 }
 
 TEST_F(CommonUtilDBInterfaceTest, QueriesReturnWhatFitsAndHideLongerValuesFromTheLog) {
-  InitAndAddThree();
-  EXPECT_EQ(Query("", 2, 2), 0);
-  ASSERT_EQ(m_count, 2);
-  EXPECT_EQ(m_rows[1].autoId, 2);
-  EXPECT_EQ(m_rows[1].key, "b");
-  EXPECT_EQ(m_rows[1].value, "abcd");
-  EXPECT_EQ(CountLog("t:2, autoId: 1, k: a, v: abc", kInfo), 1);
-  EXPECT_EQ(CountLog("t:2, autoId: 2, k: b, vLen: 4", kInfo), 1);
-  EXPECT_EQ(CountLogPrefix("t:"), 2);
-
-  EXPECT_EQ(Query("b", 1, 0), 0);
-  EXPECT_EQ(m_count, 0);
-  const auto query = std::make_shared<ZelQueryConfigCache>();
-  query->matchInfo = {"c", 1};
-  query->result = m_rows;
-  query->count = 8;
-  EXPECT_EQ(m_manager.QueryConfigCacheOfSharedPtr(query), 0);
-  EXPECT_EQ(query->count, 1);
-  EXPECT_EQ(m_rows[0].autoId, 3);
-}
-
-TEST_F(CommonUtilDBInterfaceTest, AQueryThatFindsNothingOrIsWrongZeroesTheCount) {
   ASSERT_EQ(Init(), 0);
-  EXPECT_EQ(Query("", 2, 8), 415000002);
-  EXPECT_EQ(m_count, 0);
-  EXPECT_EQ(Query("absent", 1), 415000002);
-  EXPECT_EQ(m_count, 0);
-  EXPECT_EQ(Query("", 1), 411000002);
-  EXPECT_EQ(CountLog("CONFFIGCACHE_KEY match value is empty. key: ", kError), 1);
-  EXPECT_EQ(m_count, 0);
-  for (const int keyType : {-1, 0, 3}) {
-    EXPECT_EQ(Query("a", keyType), 411000002);
-    EXPECT_EQ(m_count, 0);
-  }
-  EXPECT_EQ(CountLogPrefix("keytype is error, key: a", kError), 3);
+  EXPECT_EQ(Query("", 2), kNothing);
+  AddThree();
+  const struct {
+    const char* key;
+    int keyType, capacity;
+    const char* answer;
+  } cases[] = {{"", 2, 2, "0 1:a=abc 2:b=abcd"}, {"b", 1, 0, "0"},      {"absent", 1, 8, kNothing},
+               {"", 1, 8, "411000002"},          {"c", 1, 8, "0 3:c="}, {"a", 3, 8, "411000002"}};
+  for (const auto& c : cases) EXPECT_EQ(Query(c.key, c.keyType, c.capacity), c.answer);
+  ExpectLog({{kInfo, "t:2, autoId: 1, k: a, v: abc"},
+             {kInfo, "t:2, autoId: 2, k: b, vLen: 4"},
+             {kError, "CONFFIGCACHE_KEY match value is empty. key: "},
+             {kError, "keytype is error, key: a, type: 3"}});
 }
 
 TEST_F(CommonUtilDBInterfaceTest, DeletesByKeyOrAllAndCountsNothingAsSuccess) {
-  ASSERT_EQ(Init(), 0);
-  for (const int count : {0, -1}) EXPECT_EQ(m_manager.BatchAddConfigCache(m_rows, count), 1);
-  EXPECT_EQ(Query("", 2, 8), 415000002);
-  AddThree();
-  EXPECT_EQ(m_manager.DeleteConfigCache({"", 1}), 10000);
-  EXPECT_EQ(CountLog("CONFFIGCACHE_KEY match value is empty", kError), 1);
-  EXPECT_EQ(m_manager.DeleteConfigCache({"a", 0}), 10000);
-  EXPECT_EQ(CountLog("DeleteConfigCache keytype is error", kError), 1);
-  EXPECT_EQ(m_manager.DeleteConfigCache({"a", 1}), 0);
-  EXPECT_EQ(CountLog("end, deleteCount = 1", kInfo), 1);
-  EXPECT_EQ(Query("a", 1), 415000002);
-  EXPECT_EQ(m_manager.DeleteConfigCache({"ignored", 2}), 0);
-  EXPECT_EQ(CountLog("end, deleteCount = 2", kInfo), 1);
-  EXPECT_EQ(m_manager.DeleteConfigCache({"", 2}), 0);
-  EXPECT_EQ(CountLog("end, deleteCount = 0", kInfo), 1);
-  m_manager.SingleAddConfigCache({4, "k", "v"});
-  EXPECT_EQ(CountLog("addCount = 1", kInfo), 1);
-  EXPECT_EQ(Query("k", 1), 0);
-  EXPECT_EQ(m_rows[0].autoId, 4);
+  InitAndAddThree();
+  const struct {
+    ZelMatchInfo match;
+    int result;
+    const char* logged;
+  } cases[] = {{{"", 1}, 10000, "CONFFIGCACHE_KEY match value is empty"},
+               {{"a", 0}, 10000, "DeleteConfigCache keytype is error"},
+               {{"a", 1}, 0, "end, deleteCount = 1"},
+               {{"ignored", 2}, 0, "end, deleteCount = 2"},
+               {{"", 2}, 0, "end, deleteCount = 0"}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(m_manager.DeleteConfigCache(c.match), c.result);
+    EXPECT_EQ(CountLog(c.logged), 1) << c.logged;
+  }
+  const ZelConfigCache entry{4, "k", "v"};
+  for (const int count : {0, -1}) EXPECT_EQ(m_manager.BatchAddConfigCache(&entry, count), 1);
+  EXPECT_EQ(Query("", 2), kNothing);
+  m_manager.SingleAddConfigCache(entry);
+  EXPECT_EQ(Query("", 2), "0 4:k=v");
 }
 
 TEST_F(CommonUtilDBInterfaceTest, TheTrackingLibraryReachesTheSameTableThroughItsCallbacks) {
   ASSERT_EQ(SqliteInterfaceManager::GetInst().InitDB(m_dir.Path(), m_dir.Path()), 0);
-  const ZelConfigCache entry{0, "tracked", "value"};
+  ZelConfigCache entry{0, "tracked", "value"};
   EXPECT_EQ(support::CallCacheBatchAdd(&entry, 1), 0);
   EXPECT_EQ(support::CallCacheBatchAdd(nullptr, 1), 10000);
-  m_count = 8;
-  EXPECT_EQ(support::CallCacheQuery("tracked", m_rows, &m_count), 0);
-  EXPECT_EQ(m_count, 1);
-  EXPECT_EQ(m_rows[0].value, "value");
-  EXPECT_EQ(support::CallCacheQuery(nullptr, m_rows, &m_count), 1);
-  EXPECT_EQ(support::CallCacheQuery("absent", m_rows, &m_count), 415000002);
+  int count = 1;
+  EXPECT_EQ(support::CallCacheQuery("tracked", &entry, &count), 0);
+  EXPECT_EQ(entry.autoId, 1);
+  EXPECT_EQ(support::CallCacheQuery(nullptr, &entry, &count), 1);
+  EXPECT_EQ(support::CallCacheQuery("absent", &entry, &count), 415000002);
 }
 
 TEST_F(CommonUtilDBInterfaceTest, ReadersWritersAndAnotherInitialisationRunAtOnce) {
@@ -307,11 +251,7 @@ TEST_F(CommonUtilDBInterfaceTest, ReadersWritersAndAnotherInitialisationRunAtOnc
   std::atomic<bool> done{false};
   std::atomic<int> wrong{0};
   std::thread reader([&] {
-    ZelConfigCache rows[8];
-    while (!done) {
-      int count = 8;
-      if (m_manager.QueryConfigCache({"b", 1}, rows, &count) != 0) ++wrong;
-    }
+    while (!done) wrong += Query("c", 1).compare(0, 2, "0 ") != 0;
   });
   std::thread starter([&] { wrong += Init(); });
   for (int i = 0; i < 50; ++i) AddThree();
