@@ -7,7 +7,6 @@
 #include <mutex>
 #include <vector>
 
-#include "proxy/ProxyRecorder.h"
 #include "support/PlatformDouble.h"
 #include "zel_platform/http.h"
 
@@ -32,12 +31,6 @@ class ProxyProbes {
     m_changed.notify_all();
   }
 
-  // Blocks until so many exchanges were begun.
-  void AwaitBegun(int count) {
-    std::unique_lock<std::mutex> hold(m_lock);
-    m_changed.wait(hold, [&] { return m_begun >= count; });
-  }
-
  private:
   struct Result {
     int code;
@@ -46,8 +39,6 @@ class ProxyProbes {
 
   int Exchange(ORB_HTTP_REQUEST& request) {
     std::unique_lock<std::mutex> hold(m_lock);
-    ++m_begun;
-    m_changed.notify_all();
     std::vector<Result>& results = m_results[request.proxy == nullptr ? kDirect : kProxied];
     m_changed.wait(hold, [&results] { return !results.empty(); });
     const Result result = results.back();
@@ -59,7 +50,6 @@ class ProxyProbes {
   std::mutex m_lock;
   std::condition_variable m_changed;
   std::map<Kind, std::vector<Result>> m_results;
-  int m_begun = 0;
 };
 
 }  // namespace support
