@@ -1,7 +1,10 @@
+// The commands of the cache table, and what the templates do that they derive from.
 #include "cacheDB/ConfigCacheTable.h"
 
+#include <functional>
 #include <map>
 #include <random>
+#include <stdexcept>
 
 #include "CacheDbTest.h"
 #include "util/Log.h"
@@ -11,10 +14,23 @@ namespace {
 
 using Entries = std::map<std::string, std::string>;
 
+// Watches each record on its way into a statement.
+class WatchedAdd : public AddConfigCacheCommand {
+ public:
+  void Bind(IDataManipulation* statement, const ConfigCache& item) override {
+    m_inTransaction += storage->GetAutoCommit() ? "-" : "t";
+    if (item.key == "b") m_onB();
+    AddConfigCacheCommand::Bind(statement, item);
+  }
+
+  std::string m_inTransaction;
+  std::function<void()> m_onB = [] {};
+};
+
 class ConfigCacheTableTest : public CacheDbTest {
  protected:
   ConfigCacheTableTest() {
-    m_storage = DataStorageMgr::GetInst().AddDataStorage(kCacheDbName, DbFile(), "some key");
+    m_storage = m_registry.AddDataStorage(kCacheDbName, DbFile(), "some key");
     Create();
   }
 
@@ -26,9 +42,7 @@ class ConfigCacheTableTest : public CacheDbTest {
     ConfigCacheList rows;
     QueryConfigCacheCommond().QueryAll(rows);
     Entries stored;
-    for (const ConfigCache& row : rows) {
-      EXPECT_TRUE(stored.emplace(row.key, row.value).second) << row.key;
-    }
+    for (const ConfigCache& row : rows) EXPECT_TRUE(stored.emplace(row.key, row.value).second);
     return stored;
   }
   static int IdOf(const std::string& key) {
@@ -36,23 +50,65 @@ class ConfigCacheTableTest : public CacheDbTest {
     return QueryConfigCacheCommond().QueryByKey(key, row) ? row.autoId : -1;
   }
 
+  DataStorageMgr& m_registry = DataStorageMgr::GetInst();
   IDataStorage* m_storage;
+  const ConfigCacheList m_three{{0, "a", "1"}, {0, "b", "2"}, {0, "c", "3"}};
 };
 
-// A row id is never used again, so that nobody takes a later row for an earlier one.
+TEST_F(ConfigCacheTableTest, ANameKeepsItsFirstStorageAndACommandItsDatabase) {
+  EXPECT_EQ(m_registry.AddDataStorage(kCacheDbName, m_dir.File("second"), "key 2"), m_storage);
+  ExpectLog({{kInfo, "return existed storage : " + DbFile()}});
+  EXPECT_EQ(support::SensitiveWords(), (std::vector<std::string>{"some key", "key 2"}));
+  AddConfigCacheCommand late;
+  EXPECT_TRUE(m_registry.RemoveDataStorage(kCacheDbName));
+  EXPECT_FALSE(m_registry.RemoveDataStorage(kCacheDbName));
+  EXPECT_EQ(late.BatchAdd(m_three), 3);
+  EXPECT_EQ(AddConfigCacheCommand().BatchAdd(m_three), 0);  // has no database
+  Create();
+  ExpectLog({{kInfo, "ConfigCacheTable created.", 2}});  // said in any case
+}
+
+TEST_F(ConfigCacheTableTest, OnlyABatchOfTwoOrMoreRunsInATransaction) {
+  WatchedAdd add;
+  add.SingleAdd({0, "a", "1"});
+  EXPECT_EQ(add.BatchAdd(m_three), 3);
+  EXPECT_EQ(add.m_inTransaction, "-ttt");
+  EXPECT_TRUE(m_storage->GetAutoCommit());
+}
+
+TEST_F(ConfigCacheTableTest, AnExceptionRollsTheWholeBatchBackAndItsKindIsLogged) {
+  struct Silent : std::exception {
+    const char* what() const noexcept override { return nullptr; }
+  };
+  const struct {
+    std::function<void()> fail;
+    const char* logged;
+  } cases[] = {{[] { throw SQLiteException(5); }, nullptr},
+               {[] { throw std::runtime_error("boom"); }, "std exception : boom"},
+               {[] { throw Silent(); }, "unknown std exception : "},
+               {[] { throw 5; }, "unknown exception !"}};
+  for (const auto& c : cases) {
+    support::ClearLog();
+    WatchedAdd add;
+    add.m_onB = c.fail;
+    EXPECT_EQ(add.BatchAdd(m_three), 1);
+    EXPECT_TRUE(m_storage->GetAutoCommit());
+    EXPECT_EQ(Stored(), Entries());
+    EXPECT_EQ(support::CountLogPrefix(c.logged ? c.logged : "", kError), c.logged ? 1 : 0);
+  }
+}
+
 TEST_F(ConfigCacheTableTest, ARecordReplacesTheRowOfItsKeyAndTheRowOfItsId) {
   AddConfigCacheCommand add;
-  EXPECT_EQ(add.SingleAdd({0, "k", "old"}), 1);
-  EXPECT_EQ(add.SingleAdd({-5, "k", "new"}), 1);
-  EXPECT_EQ(add.LastRowId(), -1);
+  add.Execute(ConfigCache{0, "k", "old"});
+  EXPECT_EQ(add.LastRowId(), 1);
+  EXPECT_EQ(add.SingleAdd({-5, "k", "new"}), 1);  // under a new row id
+  EXPECT_EQ(add.LastRowId(), 1);
   EXPECT_EQ(IdOf("k"), 2);
   // A reset keeps bindings: a record without a row id once took over that of the one before.
   EXPECT_EQ(add.BatchAdd({{7, "a", "1"}, {0, "b", "2"}, {3, "c", ""}}), 3);
   EXPECT_EQ(IdOf("b"), 8);
   EXPECT_EQ(add.SingleAdd({7, "b", "3"}), 1);
-  EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey("c"), 1);
-  EXPECT_EQ(add.SingleAdd({0, "c", ""}), 1);
-  EXPECT_EQ(IdOf("c"), 9);
   Create();  // in vain
   EXPECT_EQ(Stored(), (Entries{{"k", "new"}, {"b", "3"}, {"c", ""}}));
   EXPECT_EQ(support::CountLogPrefix("[sdkcache.db] sqlite exception("), 0);
@@ -66,9 +122,9 @@ TEST_F(ConfigCacheTableTest, KeysMatchExactlyAndAreNeverPartOfTheStatement) {
   EXPECT_EQ(row.key, "before");
   EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey(quoted), 0);
   EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey("k%"), 1);
-  // 2 means all to the callers above, here nothing
-  RemoveConfigCacheCommand().SingleExecute(2, {0, "k", ""});
-  EXPECT_FALSE(QueryConfigCacheCommond().SingleExecute(2, {0, "k", ""}, row));
+  // 2 means all to the callers above, here nothing.
+  RemoveConfigCacheCommand().SingleExecute(2, row);
+  EXPECT_FALSE(QueryConfigCacheCommond().SingleExecute(2, row, row));
   ExpectLog({{kWarning, "unknown type : 2", 2}});
   EXPECT_EQ(Stored(), (Entries{{"k", "1"}, {"K", "2"}}));
 }
@@ -80,26 +136,19 @@ TEST_F(ConfigCacheTableTest, BehavesLikeAMap) {
   Entries expected;
   const auto someKey = [&] { return "key " + std::to_string(random() % 12); };
   for (int step = 0; step < 400; ++step) {
-    const std::string key = someKey();
-    switch (random() % 3) {
-      case 0: {
-        ConfigCacheList batch(random() % 4);
-        for (ConfigCache& row : batch) {
-          row = {0, someKey(), std::to_string(random())};
-          expected[row.key] = row.value;
-        }
-        EXPECT_EQ(AddConfigCacheCommand().BatchAdd(batch), static_cast<int>(batch.size()));
-        break;
+    if (random() % 2 == 0) {
+      ConfigCacheList batch(random() % 4);
+      for (ConfigCache& row : batch) {
+        row = {0, someKey(), std::to_string(random())};
+        expected[row.key] = row.value;
       }
-      case 1:
-        EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey(key),
-                  static_cast<int>(expected.erase(key)));
-        break;
-      default:
-        ASSERT_EQ(IdOf(key) != -1, expected.count(key) != 0);
-        if (random() % 20 != 0) break;
-        EXPECT_EQ(RemoveConfigCacheCommand().RemoveByAll(), static_cast<int>(expected.size()));
-        expected.clear();
+      EXPECT_EQ(AddConfigCacheCommand().BatchAdd(batch), static_cast<int>(batch.size()));
+    } else if (random() % 30 != 0) {
+      const std::string key = someKey();
+      EXPECT_EQ(RemoveConfigCacheCommand().RemoveByKey(key), static_cast<int>(expected.erase(key)));
+    } else {
+      EXPECT_EQ(RemoveConfigCacheCommand().RemoveByAll(), static_cast<int>(expected.size()));
+      expected.clear();
     }
     ASSERT_EQ(Stored(), expected) << "step " << step;
   }
