@@ -1,21 +1,9 @@
 #include "cacheDB/ECSData.h"
 
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
-#include <functional>
-#include <new>
-#include <random>
-#include <thread>
 
 #include "CacheDbTest.h"
-#include "cacheDB/ConfigCacheTable.h"
 #include "prax/prax_ref.h"
 #include "util/Log.h"
 
@@ -27,7 +15,6 @@ using support::ReadWholeFile;
 using support::WriteWholeFile;
 
 constexpr char kSecret[] = "00112233445566778899AABBCCDDEEFF";
-constexpr char kCountRows[] = "SELECT COUNT(*) FROM ConfigCacheTab;";
 
 bool IsUpperHex(const std::string& text) {
   return text.find_first_not_of("0123456789ABCDEF") == std::string::npos;
@@ -39,10 +26,6 @@ class ECSDataTest : public CacheDbTest {
     m_ecs.SetDBPath(m_dir.Path() + "/");
     m_ecs.SetLogPath(m_dir.Path() + "/");
   }
-  static std::string ReadFromCache(const std::string& sql) {
-    return ReadText(*DataStorageMgr::GetInst().GetDataStorage(kCacheDbName), sql);
-  }
-
   ECSUtil& m_ecs = ECSUtil::GetInst();
   ECSData& m_data = ECSData::GetInst();
 };
@@ -153,68 +136,19 @@ TEST_F(ECSDataTest, ADatabaseMadeAnewMeetsNothingOfItsPredecessor) {
   EXPECT_FALSE(m_data.CheckSDKCacheDB(DbFile(), "key one"));
   ASSERT_TRUE(m_data.InitializeSDKCaCheDB(DbFile(), "key one"));
   ExpectLog({{kError, "cachedb is not exist"}, {kInfo, "cachedb can open", 0}});
-  for (const char* const suffix : kSideFiles) WriteWholeFile(m_dir.File("kept") + suffix, "no use");
-  for (const char* const suffix : {"-wal", "-shm"}) {
-    WriteWholeFile(m_dir.File("kept") + suffix, ReadWholeFile(DbFile() + suffix));
-  }
+  const std::string log = ReadWholeFile(DbFile() + "-wal");
   DataStorageMgr::GetInst().Uninit();
-  for (const char* const suffix : kSideFiles) {
-    fs::rename(m_dir.File("kept") + suffix, DbFile() + suffix);
-  }
+  for (const char* const suffix : kSideFiles) WriteWholeFile(DbFile() + suffix, log);
   EXPECT_FALSE(m_data.CheckSDKCacheDB(DbFile(), "key two"));
   EXPECT_TRUE(m_data.FinalizeSDKCacheDB(DbFile()));
   EXPECT_TRUE(fs::is_empty(m_dir.Path()));
   EXPECT_EQ(DataStorageMgr::GetInst().GetDataStorage(kCacheDbName), nullptr);
   EXPECT_TRUE(m_data.InitializeSDKCaCheDB(DbFile(), "key two"));
-  EXPECT_EQ(ReadFromCache(kCountRows), "0");
+  IDataStorage* const storage = DataStorageMgr::GetInst().GetDataStorage(kCacheDbName);
+  EXPECT_EQ(ReadText(*storage, "SELECT COUNT(*) FROM ConfigCacheTab;"), "0");
   EXPECT_TRUE(m_data.InitializeSDKCaCheDB(DbFile(), "key two"));
   EXPECT_TRUE(m_data.FinalizeSDKCacheDB(m_dir.File("no such file")));
   ExpectLog({{kInfo, "cachedb can open"}, {kWarning, " delete sdkcache.db fail"}});
-}
-
-// Taken as it is: deriving one in each of the starts would take most of the time.
-constexpr char kRawKey[] = "raw:000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F";
-
-// Adds rows one by one and in batches until it is killed, and reports the last one that is stored.
-[[noreturn]] void AddRowsForEver(const std::string& file, int first, std::atomic<int>& reported) {
-  bool works = ECSData::GetInst().InitializeSDKCaCheDB(file, kRawKey);
-  while (works) {
-    const int last = first % 2 == 0 ? first + 30 : first;
-    ConfigCacheList rows;
-    for (; first <= last; ++first) {
-      rows.push_back({0, "key" + std::to_string(first), std::to_string(last)});
-    }
-    works = AddConfigCacheCommand().BatchAdd(rows) == static_cast<int>(rows.size());
-    if (works) reported = last;
-  }
-  reported = INT_MAX;
-  ::_exit(1);
-}
-
-TEST_F(ECSDataTest, EveryRowThatWasReportedIsThereAfterKillNineAndNoBatchInPart) {
-  constexpr int kReadWrite = PROT_READ | PROT_WRITE;
-  constexpr int kShared = MAP_SHARED | MAP_ANONYMOUS;
-  void* const memory = ::mmap(nullptr, sizeof(std::atomic<int>), kReadWrite, kShared, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto& reported = *new (memory) std::atomic<int>(0);
-  std::minstd_rand random(20240607);
-  int stored = 0;
-  for (int round = 0; round < 50; ++round) {
-    const pid_t child = ::fork();
-    if (child == 0) AddRowsForEver(DbFile(), stored + 1, reported);
-    const int enough = stored + static_cast<int>(random() % 600);
-    while (reported <= enough) std::this_thread::yield();
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-    ASSERT_TRUE(m_data.CheckSDKCacheDB(DbFile(), kRawKey));
-    stored = std::stoi(ReadFromCache(kCountRows));
-    ASSERT_GE(stored, reported) << "round " << round;
-    ASSERT_EQ(ReadFromCache("PRAGMA integrity_check;"), "ok");
-    ASSERT_EQ(ReadFromCache("SELECT MAX(CAST(VALUE AS INTEGER)) FROM ConfigCacheTab;"),
-              std::to_string(stored));  // each row tells the last one of its batch
-    DataStorageMgr::GetInst().Uninit();
-  }
-  ::munmap(memory, sizeof(std::atomic<int>));
 }
 
 }  // namespace
