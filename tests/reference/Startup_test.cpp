@@ -1,15 +1,9 @@
 // Starts of the whole library on real files: what they make, what they survive. A process
 // initialises once, so each start is a child of its own.
-#include <signal.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <random>
 #include <regex>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -142,24 +136,6 @@ TEST_F(StartupTest, OneKeyStoreCopyIsEnoughAndNoneStartsWithAnEmptyCache) {
   ExpectNewCache(m_backup, "damaged");
   WriteWholeFile(m_store, "damaged");
   ExpectNewCache(m_backup, "damaged");
-}
-
-// Once a start has succeeded, no cut-off of a later one may change the secret.
-TEST_F(StartupTest, KilledAtAnyPointItLosesNeitherSecretNorRow) {
-  std::minstd_rand random(20240607);
-  bool stored = false;
-  for (int round = 0; round < 30; ++round) {
-    const pid_t child = fork();
-    if (child == 0) _exit(Start(m_dir.Path()));
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 120000));
-    kill(child, SIGKILL);
-    const int outcome = support::WaitFor(child);
-    stored = stored || outcome == kRowMissing || outcome == kRowFound;
-    if (round % 5 != 4) continue;
-    const int next = NextStart();
-    EXPECT_TRUE(next == kRowFound || (!stored && next == kRowMissing)) << round << ": " << next;
-    stored = true;
-  }
 }
 
 }  // namespace
