@@ -104,12 +104,12 @@ TEST_F(ProxyDetectTest, TheFirstProbeAnswersAndEachDifferenceIsAnnounced) {
 
     m_probes->Finish(c.winner, 0, 500);  // any status is an answer
     EXPECT_EQ(asked.Await(1), Servers{c.answer});
-    EXPECT_EQ(detect.GetProxy(&asked), 0U);
+    ASSERT_EQ(detect.GetProxy(&asked), 0U);
     m_probes->Finish(c.loser, 0);
     EXPECT_EQ(announced.Await(c.announced.size()), c.announced);
-    EXPECT_EQ(detect.GetProxy(&asked), 0U);
+    ASSERT_EQ(detect.GetProxy(&asked), 0U);
     detect.SetUserInfo(Proxy(), kUrl);  // the same: still decided, and now names these settings
-    EXPECT_EQ(detect.GetProxy(&asked), 0U);
+    ASSERT_EQ(detect.GetProxy(&asked), 0U);
     EXPECT_EQ(asked.Await(4), (Servers{c.answer, c.answer, c.later, kServer}));
     EXPECT_EQ(superseded.Count(), 0U);
     detect.SetUserInfo(Proxy(8080), kUrl);
