@@ -117,6 +117,7 @@ TEST_F(ConfigCacheTableTest, ARecordReplacesTheRowOfItsKeyAndTheRowOfItsId) {
 TEST_F(ConfigCacheTableTest, KeysMatchExactlyAndAreNeverPartOfTheStatement) {
   const std::string quoted = "k' OR '1'='1";
   AddConfigCacheCommand().BatchAdd({{0, "k", "1"}, {0, "K", "2"}, {0, "k%", "3"}});
+  EXPECT_EQ(IdOf("k%"), 3);
   ConfigCache row{5, "before", "before"};
   EXPECT_FALSE(QueryConfigCacheCommond().QueryByKey(quoted, row));
   EXPECT_EQ(row.key, "before");

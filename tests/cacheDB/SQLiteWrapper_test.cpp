@@ -194,7 +194,7 @@ TEST_F(SQLiteWrapperTest, EachThreadGetsTheChangeCountOfItsOwnStatement) {
   const auto update = [&](int rows) {
     const auto statement = Prepare("UPDATE T SET NAME = NULL WHERE ID <= ?;");
     statement->Bind(1, rows);
-    for (int i = 0; i < 100; ++i) wrong += statement->Exec(true) != rows || !m_db.GetAutoCommit();
+    for (int i = 0; i < 1000; ++i) wrong += statement->Exec(true) != rows || !m_db.GetAutoCommit();
   };
   std::thread other(update, 2);
   update(6);

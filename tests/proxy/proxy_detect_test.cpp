@@ -131,6 +131,7 @@ TEST_F(ProxyDetectTest, TwoFailuresLeaveTheQuestionOpenUntilSomethingChanges) {
   FailBoth(4);
   m_detect.NetworkChange("192.0.2.1", &asked);  // asks anew with the same settings
   EXPECT_EQ(support::CountLog("new localIP=192.0.2.1"), 1);
+  ASSERT_EQ(support::CountLog("GetProxy return: SDK_COMMON_E_ERR_PROXY_UNFINISH"), 1);
   EXPECT_EQ(asked.Count(), 0U);
   m_probes->Finish(ProxyProbes::kProxied, 0);
   EXPECT_EQ(asked.Await(1), Servers{kServer});

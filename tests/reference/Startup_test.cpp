@@ -79,7 +79,7 @@ class StartupTest : public testing::Test {
   int NextStart() { return StartIn(m_dir.Path()); }
   void ExpectNewCache(const std::string& path, const std::string& damaged) {
     WriteWholeFile(path, damaged);
-    EXPECT_EQ(NextStart(), kRowMissing) << path << damaged.substr(0, 20);
+    EXPECT_EQ(NextStart(), kRowMissing) << path << ", " << damaged.size();
     EXPECT_EQ(NextStart(), kRowFound);
   }
 
