@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "cache/cache_ref.h"
 #include "cacheDB/CacheDbTest.h"
 #include "util/Log.h"
 #include "util/MsgMgr.h"
@@ -98,14 +99,14 @@ TEST_F(PrivateManagerTest, RefusesBadArgumentsWithoutTouchingEitherCache) {
 TEST_F(PrivateManagerTest, MemoryAloneDecidesTheResultOfABatch) {
   const ZelConfigCache rows[] = {{0, "a", "1"}, {0, "b", "2"}, {0, "c", "3"}};
   const struct {
-    int refused;
+    unsigned int refused;
     int result;
     const char* line;
   } cases[] = {{0, 0, "BatchAddConfigCache, addCount = 3, listLength: 3"},
                {2, 0, "BatchAddConfigCache, addCount = 1, listLength: 3"},
                {3, 1, "BatchAddConfigCache, addCount = 0, listLength: 3"}};
   for (const auto& c : cases) {
-    support::RefuseCachePuts(c.refused);
+    orb_cache_ref_refuse_stores(c.refused, 1);
     EXPECT_EQ(m_manager.BatchAddConfigCache(rows, 3), c.result);
     EXPECT_EQ(CountLog(c.line, kInfo), 1) << c.line;
   }
@@ -135,7 +136,7 @@ TEST_F(PrivateManagerTest, KeysThatDifferBehindANulByteAreOneEntryOfTheDatabaseO
   EXPECT_FALSE(m_manager.queryConfigInfoByKey("key", value));
   EXPECT_EQ(value, "untouched");
   EXPECT_EQ(CountLog("QueryConfigCacheByKey failed, result: 415000002", kError), 1);
-  support::RefuseCachePuts(1);
+  orb_cache_ref_refuse_stores(1, 1);
   EXPECT_FALSE(m_manager.addConfigInfo("key", "refused"));
   EXPECT_EQ(CountLog("SingleAddConfigCache result = 1 addData.strvalue = refused", kError), 1);
 

@@ -1,32 +1,22 @@
 // What the sources of the platform double share; tests include PlatformDouble.h instead.
 #pragma once
 
-#include <cstdarg>
 #include <mutex>
 #include <string>
-#include <type_traits>
+#include <utility>
 
 #include "PlatformDouble.h"
 
 namespace support {
 
-std::string TextOrNull(const char* text);  // "(null)" for null
-__attribute__((format(printf, 1, 0))) std::string FormatText(const char* format, va_list arguments);
-
-// Adds the arguments of a call: texts, numbers, and whether other pointers are there.
-inline void AddTo(PlatformCall&) {}
-template <class First, class... Rest>
-void AddTo(PlatformCall& call, First first, Rest... rest) {
-  if constexpr (std::is_convertible_v<First, const char*>) {
-    call.texts.push_back(TextOrNull(first));
-  } else if constexpr (std::is_same_v<First, std::string>) {
-    call.texts.push_back(first);
-  } else if constexpr (std::is_pointer_v<First>) {
-    call.numbers.push_back(first != nullptr);
-  } else {
-    call.numbers.push_back(first);
-  }
-  AddTo(call, rest...);
+// Adds an argument of a call: a text, a number, or whether another pointer is there. The sources
+// have more of these, for records.
+inline void Add(PlatformCall& call, const std::string& text) { call.texts.push_back(text); }
+inline void Add(PlatformCall& call, const char* text) { Add(call, std::string(text ?: "(null)")); }
+inline void Add(PlatformCall& call, long long number) { call.numbers.push_back(number); }
+template <class Other>
+void Add(PlatformCall& call, Other* pointer) {
+  Add(call, static_cast<long long>(pointer != nullptr));
 }
 
 // The one T of the process, held by this thread as long as this object lives.
@@ -48,6 +38,18 @@ class Locked {
 
   std::lock_guard<std::mutex> m_hold{One().lock};
 };
+
+// Adds a call to `Records`, which tell its result.
+template <class Records, class... Arguments>
+int NoteIn(const char* function, const Arguments&... arguments) {
+  PlatformCall call{function, {}, {}};
+  (Add(call, arguments), ...);
+  const Locked<Records> records;
+  records->calls.push_back(std::move(call));
+  return records->result;
+}
+
+int CountOf(const std::string& function, const std::vector<PlatformCall>& calls);
 
 void ResetZorm();
 void ResetTrack();

@@ -1,10 +1,10 @@
 #include <cstdarg>
-#include <cstdio>
 #include <mutex>
 #include <utility>
 
 #include "DoubleInternals.h"
 #include "PlatformDouble.h"
+#include "logger/FormatText.h"
 #include "zel_platform/logger.h"
 
 struct LogStream::Line {
@@ -19,8 +19,7 @@ using support::LogLine;
 struct LogRecords {
   std::vector<LogLine> lines;
   std::vector<std::string> words;
-  std::vector<support::LogOpening> openings;
-  std::vector<std::string> closings;
+  std::vector<std::string> modules;
 };
 
 void Record(LogLine&& line) { Locked<LogRecords>()->lines.push_back(std::move(line)); }
@@ -36,46 +35,25 @@ int CountLines(int level, Matches matches) {
 }
 std::string OrEmpty(const char* text) { return text ? text : ""; }
 
-template <class T>
-std::string Formatted(const char* format, T value) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
-
 }  // namespace
 
 LogStream::LogStream(std::unique_ptr<Line> line) : m_line(std::move(line)) {}
-LogStream::LogStream(LogStream&& other) noexcept = default;
-
-LogStream::~LogStream() {
-  if (m_line) Record(std::move(m_line->record));
-}
+LogStream::~LogStream() { Record(std::move(m_line->record)); }
 
 LogStream LogStream::GetLogStream(const char* module, int level, int checkLevel, const char* file,
-                                  const char* function, int line) {
-  return LogStream(std::make_unique<Line>(Line{{OrEmpty(module), level, checkLevel, OrEmpty(file),
-                                                OrEmpty(function), line, std::string()}}));
+                                  const char* function, int) {
+  return LogStream(std::make_unique<Line>(
+      Line{{OrEmpty(module), level, checkLevel, OrEmpty(file), OrEmpty(function), ""}}));
 }
 
-LogStream& LogStream::operator<<(const char* text) {
-  if (text) m_line->record.text += text;
-  return *this;
-}
+// Of what can be streamed, all that the product streams.
+LogStream& LogStream::operator<<(const char* text) { return *this << OrEmpty(text); }
 LogStream& LogStream::operator<<(const std::string& text) {
   m_line->record.text += text;
   return *this;
 }
-LogStream& LogStream::operator<<(char value) {
-  m_line->record.text += value;
-  return *this;
-}
-LogStream& LogStream::operator<<(bool value) { return *this << (value ? "1" : "0"); }
-LogStream& LogStream::operator<<(const void* value) { return *this << Formatted("%p", value); }
 LogStream& LogStream::operator<<(int value) { return *this << std::to_string(value); }
 LogStream& LogStream::operator<<(unsigned int value) { return *this << std::to_string(value); }
-LogStream& LogStream::operator<<(double value) { return *this << Formatted("%g", value); }
-LogStream& LogStream::operator<<(long value) { return *this << std::to_string(value); }
 LogStream& LogStream::operator<<(unsigned long value) { return *this << std::to_string(value); }
 LogStream& LogStream::operator<<(long long value) { return *this << std::to_string(value); }
 LogStream& LogStream::operator<<(unsigned long long value) {
@@ -83,12 +61,13 @@ LogStream& LogStream::operator<<(unsigned long long value) {
 }
 
 int LogStream::InitLog(const char* module, const char* file, int sizeKb, int oldFiles, int level) {
-  Locked<LogRecords>()->openings.push_back(
-      {OrEmpty(module), OrEmpty(file), sizeKb, oldFiles, level});
+  std::string opening = std::string("open ") + module + " " + file;
+  for (const int number : {sizeKb, oldFiles, level}) opening += " " + std::to_string(number);
+  Locked<LogRecords>()->modules.push_back(opening);
   return 0;
 }
 void LogStream::UnInitLog(const char* module) {
-  Locked<LogRecords>()->closings.push_back(OrEmpty(module));
+  Locked<LogRecords>()->modules.push_back(std::string("close ") + module);
 }
 
 void LogStream::AddSensitiveWord(const std::string& word, const char*) {
@@ -96,28 +75,20 @@ void LogStream::AddSensitiveWord(const std::string& word, const char*) {
 }
 
 std::string LogStream::FilterWord(const std::string& text, int) {
-  const std::size_t length = text.size();
-  const std::size_t front = length < 4 ? 0 : length < 14 ? 1 : 2;
-  const std::size_t back = length < 6 ? 0 : length < 14 ? 1 : 3;
-  std::string masked(length, '*');
-  masked.replace(0, front, text, 0, front);
-  masked.replace(length - back, back, text, length - back, back);
-  return masked;
+  return text.substr(0, 1) + "***";
 }
 
 void LogOneLog_WriteSystemLog(const char* function, const char* fmt, ...) {
   va_list arguments;
   va_start(arguments, fmt);
-  Record({"system", LOGGER_LEVEL_INFO, 0, "", OrEmpty(function), 0,
-          support::FormatText(fmt, arguments)});
+  Record({"system", LOGGER_LEVEL_INFO, 0, "", OrEmpty(function), FormatText(fmt, arguments)});
   va_end(arguments);
 }
 
 void LogOneLog_Write_EX(const char* module, int level, const char* function, const char* fmt, ...) {
   va_list arguments;
   va_start(arguments, fmt);
-  Record(
-      {OrEmpty(module), level, 0, "", OrEmpty(function), 0, support::FormatText(fmt, arguments)});
+  Record({OrEmpty(module), level, 0, "", OrEmpty(function), FormatText(fmt, arguments)});
   va_end(arguments);
 }
 
@@ -135,13 +106,10 @@ std::vector<std::string> LogTexts() {
 int CountLog(const std::string& text, int level) {
   return CountLines(level, [&](const std::string& line) { return line == text; });
 }
-
 int CountLogPrefix(const std::string& prefix, int level) {
-  return CountLines(
-      level, [&](const std::string& line) { return line.compare(0, prefix.size(), prefix) == 0; });
+  return CountLines(level, [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
 }
 std::vector<std::string> SensitiveWords() { return Locked<LogRecords>()->words; }
-std::vector<LogOpening> LogOpenings() { return Locked<LogRecords>()->openings; }
-std::vector<std::string> LogClosings() { return Locked<LogRecords>()->closings; }
+std::vector<std::string> LogModules() { return Locked<LogRecords>()->modules; }
 
 }  // namespace support

@@ -19,7 +19,6 @@ struct LogLine {
   int checkLevel;
   std::string file;
   std::string function;
-  int line;
   std::string text;  // as written, before any masking
 };
 
@@ -33,16 +32,8 @@ int CountLogPrefix(const std::string& prefix, int level = -1);
 // Registered since the last ClearLog, in order.
 std::vector<std::string> SensitiveWords();
 
-struct LogOpening {
-  std::string module;
-  std::string file;
-  int sizeKb;
-  int oldFiles;
-  int level;
-};
-// Since the last ClearLog, in order.
-std::vector<LogOpening> LogOpenings();
-std::vector<std::string> LogClosings();  // the modules
+// "close <module>" and "open <module> <file> <size in KB> <old files> <level>", as above.
+std::vector<std::string> LogModules();
 
 // Each store path has its own key, kept in this process while the store lasts: a start that
 // returns kZormStoreDamaged loses it. No file is made.
@@ -50,7 +41,6 @@ struct ZormScript {
   std::deque<int> startCodes;  // returned by the next starts; 0, or an ordinary start, when empty
   std::deque<int> stopCodes;
   int encryptCode = 0;  // returned by every encryption when non-zero
-  int decryptCode = 0;
 };
 // Also ends a running service and forgets the calls.
 void SetZormScript(const ZormScript& script);
@@ -75,20 +65,17 @@ int CallCacheBatchAdd(const void* entries, int count);
 int CallCacheQuery(const char* key, void* out, int* count);
 
 struct NetScript {
-  std::deque<int> httpCodes;  // returned by the next exchanges; 0 when empty
-  unsigned int httpStatus = 200;
-  int result = 0;                      // returned by every other function
+  int result = 0;                      // returned by every function but the exchange
   std::vector<std::string> detectIps;  // of GetNetDetectIps, which fails while this is empty
 };
 void SetNetScript(const NetScript& script);
-// Answers each exchange in the script's place, on the exchange's thread and with no lock held; an
-// empty function: the script again.
+// Answers each exchange, on the exchange's thread and with no lock held; an empty function: each is
+// answered with 200.
 void SetHttpExchange(std::function<int(ORB_HTTP_REQUEST&)> exchange);
 // Since the last ResetPlatformDouble. Secrets are recorded as they came.
 std::vector<PlatformCall> NetCalls();
 int CountNet(const std::string& function);
 void SetIntegerSetting(int number, int value);
-void RefuseCachePuts(int count);  // the next so many stores fail
 
 // Everything above and every fault of the operating system back to its start.
 void ResetPlatformDouble();

@@ -7,17 +7,14 @@
 
 #include "DoubleInternals.h"
 #include "PlatformDouble.h"
-#include "zel_platform/crypto.h"
 #include "zel_platform/zorm.h"
 
-// A cipher text is a nonce, the masked text and a check value over both.
+// A cipher text is a number and stands for the text that was encrypted: the service knows which.
 namespace {
 
 using support::Locked;
 
-constexpr unsigned int kNonceBytes = 12;
-constexpr unsigned int kCheckBytes = 16;
-constexpr unsigned int kOverheadBytes = kNonceBytes + kCheckBytes;
+constexpr unsigned int kOverheadBytes = 28;
 
 constexpr int kCannotStart = 1;
 constexpr int kNotStarted = 2;
@@ -25,34 +22,16 @@ constexpr int kBadArgument = 3;
 constexpr int kTooSmall = 4;
 constexpr int kNotGenuine = 5;
 
+using Texts = std::map<std::string, std::string>;  // by cipher text
+
 struct ZormService {
   support::ZormScript script;
   std::vector<std::string> calls;
-  std::map<std::string, std::string> keys;  // by store path
-  std::string runningKey;                   // empty: not running
-  unsigned long lastNumber = 0;             // the source of keys and nonces, never used twice
+  std::map<std::string, Texts> stores;  // by path
+  Texts* running = nullptr;
+  unsigned long lastNumber = 0;
 };
 using Service = Locked<ZormService>;
-
-// So many bytes that depend on every byte of the key and the text.
-std::string Derived(const std::string& key, const unsigned char* text, unsigned int length,
-                    unsigned int wanted) {
-  std::string bytes(wanted + 1, '\0');  // a key of no bytes is refused
-  (void)orb_pkcs5_derivekey_ex(
-      text, length, 1, wanted + 1, reinterpret_cast<const unsigned char*>(key.data()),
-      static_cast<unsigned int>(key.size()), reinterpret_cast<unsigned char*>(bytes.data()));
-  bytes.pop_back();
-  return bytes;
-}
-
-// Its own inverse.
-void MaskBytes(const std::string& key, const unsigned char* nonce, const unsigned char* in,
-               unsigned int length, unsigned char* out) {
-  const std::string mask = Derived("m" + key, nonce, kNonceBytes, length);
-  for (unsigned int i = 0; i < length; ++i) {
-    out[i] = static_cast<unsigned char>(in[i] ^ static_cast<unsigned char>(mask[i]));
-  }
-}
 
 int TakeCode(std::deque<int>& codes) {
   if (codes.empty()) return 0;
@@ -64,12 +43,8 @@ int TakeCode(std::deque<int>& codes) {
 // What a start would need to make its store: the nearest directory that exists is writable.
 bool CouldBeCreated(const std::string& file) {
   std::error_code error;
-  std::filesystem::path place = std::filesystem::path(file).parent_path();
-  while (!place.empty() && !std::filesystem::exists(place, error)) {
-    if (error) return false;  // a file stands where a directory is needed
-    place = place.parent_path();
-  }
-  if (place.empty()) place = ".";
+  std::filesystem::path place = std::filesystem::absolute(file).parent_path();
+  while (!std::filesystem::exists(place, error)) place = place.parent_path();
   return std::filesystem::is_directory(place, error) && ::access(place.c_str(), W_OK) == 0;
 }
 
@@ -82,14 +57,12 @@ int orb_zorm_service_start_ex(const char* logFile, const char* storeFile, const 
   const Service service;
   service->calls.push_back("start " + OrEmpty(logFile) + "|" + store + "|" + backup);
   const int scripted = TakeCode(service->script.startCodes);
-  if (scripted == kZormStoreDamaged) service->keys.erase(store);
+  if (scripted == kZormStoreDamaged) service->stores[store].clear();
   if (scripted != 0) return scripted;
-  if (!service->runningKey.empty()) return kZormAlreadyStarted;
+  if (service->running) return kZormAlreadyStarted;
   if (store.empty() || backup.empty()) return kCannotStart;
   if (!CouldBeCreated(store) || !CouldBeCreated(backup)) return kCannotStart;
-  std::string& key = service->keys[store];
-  if (key.empty()) key = std::to_string(++service->lastNumber);
-  service->runningKey = key;
+  service->running = &service->stores[store];
   return 0;
 }
 
@@ -97,7 +70,7 @@ int orb_zorm_service_stop(void) {
   const Service service;
   service->calls.push_back("stop");
   const int scripted = TakeCode(service->script.stopCodes);
-  if (scripted == 0) service->runningKey.clear();
+  if (scripted == 0) service->running = nullptr;
   return scripted;
 }
 
@@ -112,18 +85,13 @@ int orb_zorm_encrypt(const unsigned char* plain, unsigned int plainLength, unsig
   const Service service;
   service->calls.push_back("encrypt");
   if (service->script.encryptCode != 0) return service->script.encryptCode;
-  if (service->runningKey.empty()) return kNotStarted;
-  if ((!plain && plainLength != 0) || !cipher || !cipherLength) return kBadArgument;
-  if (*cipherLength < kOverheadBytes || *cipherLength - kOverheadBytes < plainLength) {
-    return kTooSmall;
-  }
-  const unsigned int checked = kNonceBytes + plainLength;
-  std::memset(cipher, 0, kNonceBytes);
-  std::memcpy(cipher, &++service->lastNumber, sizeof(service->lastNumber));
-  MaskBytes(service->runningKey, cipher, plain, plainLength, cipher + kNonceBytes);
-  const std::string check = Derived(service->runningKey, cipher, checked, kCheckBytes);
-  std::memcpy(cipher + checked, check.data(), kCheckBytes);
-  *cipherLength = checked + kCheckBytes;
+  if (!service->running) return kNotStarted;
+  std::string number = std::to_string(++service->lastNumber);
+  number.resize(plainLength + kOverheadBytes, ' ');
+  if (*cipherLength < number.size()) return kTooSmall;
+  std::memcpy(cipher, number.data(), number.size());
+  *cipherLength = static_cast<unsigned int>(number.size());
+  (*service->running)[number].assign(plain, plain + plainLength);
   return 0;
 }
 
@@ -131,16 +99,13 @@ int orb_zorm_decrypt(const unsigned char* cipher, unsigned int cipherLength, uns
                      unsigned int* plainLength) {
   const Service service;
   service->calls.push_back("decrypt");
-  if (service->script.decryptCode != 0) return service->script.decryptCode;
-  if (service->runningKey.empty()) return kNotStarted;
-  if (!cipher || !plain || !plainLength) return kBadArgument;
-  if (cipherLength < kOverheadBytes) return kNotGenuine;
-  const unsigned int checked = cipherLength - kCheckBytes, length = checked - kNonceBytes;
-  const std::string check = Derived(service->runningKey, cipher, checked, kCheckBytes);
-  if (std::memcmp(check.data(), cipher + checked, kCheckBytes) != 0) return kNotGenuine;
-  if (*plainLength < length) return kTooSmall;
-  MaskBytes(service->runningKey, cipher, cipher + kNonceBytes, length, plain);
-  *plainLength = length;
+  if (!service->running) return kNotStarted;
+  const auto found = service->running->find(std::string(cipher, cipher + cipherLength));
+  if (found == service->running->end()) return kNotGenuine;
+  const std::string& text = found->second;
+  if (*plainLength < text.size()) return kTooSmall;
+  std::memcpy(plain, text.data(), text.size());
+  *plainLength = static_cast<unsigned int>(text.size());
   return 0;
 }
 
@@ -150,11 +115,9 @@ void SetZormScript(const ZormScript& script) {
   const Service service;
   service->script = script;
   service->calls.clear();
-  service->runningKey.clear();
+  service->running = nullptr;
 }
-
 std::vector<std::string> ZormCalls() { return Service()->calls; }
-
 void ResetZorm() { *Service() = {}; }
 
 }  // namespace support
