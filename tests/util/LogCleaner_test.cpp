@@ -2,15 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,203 +24,164 @@ namespace commonutil {
 namespace {
 
 namespace fs = std::filesystem;
+using Names = std::set<std::string>;
 
 constexpr std::time_t kNow = 1700000000;
 constexpr std::time_t kDay = 86400;
-constexpr int kInfoLevel = 2;
+constexpr std::time_t kOld = 99 * kDay;
 constexpr char kBegin[] = "DoAsyncDelete begin------------------------- ";
 constexpr char kEnd[] = "DoAsyncDelete end------------------------- ";
-constexpr std::chrono::seconds kDeadline(60);  // only a hang takes that long
 
-bool WaitForEnd() {
-  const auto end = std::chrono::steady_clock::now() + kDeadline;
-  while (LogBusiness::IsCleaning()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
-
-void SetWritten(const std::string& path, std::time_t written) {
-  const timespec times[2] = {{written, 0}, {written, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+void SetAge(const std::string& path, std::time_t age) {
+  const timespec times[2] = {{kNow - age, 0}, {kNow - age, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
 class LogCleanerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  LogCleanerTest() {
     support::ResetPlatformDouble();
     PRAX_Ref_SetClock([] { return static_cast<unsigned long long>(kNow) * 1000; });
   }
-  void TearDown() override {
-    EXPECT_TRUE(WaitForEnd());
-    LogBusiness::InitConfig("", 0);
-    support::ResetPlatformDouble();
-  }
+  ~LogCleanerTest() override { LogBusiness::InitConfig("", 0); }
 
   // A file of the directory, with every directory on the way to it.
-  void Write(const std::string& name, std::time_t age) {
-    const std::string path = m_dir.File(name);
-    fs::create_directories(fs::path(path).parent_path());
-    support::WriteWholeFile(path, "x");
-    SetWritten(path, kNow - age);
+  void Write(const std::string& name, std::time_t age = kOld) {
+    fs::create_directories(fs::path(m_dir.File(name)).parent_path());
+    support::WriteWholeFile(m_dir.File(name), "x");
+    SetAge(m_dir.File(name), age);
   }
 
   // Everything below the directory but the directories.
-  std::set<std::string> Files() const {
-    std::set<std::string> names;
+  Names Files() const {
+    Names names;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(m_dir.Path())) {
-      if (entry.is_symlink() || !entry.is_directory()) {
-        names.insert(entry.path().lexically_relative(m_dir.Path()).string());
-      }
+      if (!entry.is_symlink() && entry.is_directory()) continue;
+      names.insert(entry.path().lexically_relative(m_dir.Path()).string());
     }
     return names;
   }
 
-  void Clean(unsigned long days, LogBusiness::BizType type = LogBusiness::kAfterLogin) {
-    LogBusiness::InitConfig(m_dir.Path(), days);
-    LogBusiness::DoAsyncDelete(type);
-    ASSERT_TRUE(WaitForEnd());
+  void Start(const std::string& directory, unsigned long days = 3, int type = 0) {
+    LogBusiness::InitConfig(directory, days);
+    LogBusiness::DoAsyncDelete(static_cast<LogBusiness::BizType>(type));
+  }
+  static void AwaitEnd() {
+    while (LogBusiness::IsCleaning()) std::this_thread::yield();
+  }
+  void Clean(unsigned long days = 3, int type = 0) {
+    Start(m_dir.Path(), days, type);
+    AwaitEnd();
   }
 
   support::TempDir m_dir;
 };
 
-using Names = std::set<std::string>;
-
 TEST_F(LogCleanerTest, RemovesOldFilesOfAllDepthsWhateverTheirNames) {
-  Write("old.txt", 4 * kDay);
-  Write(".hidden.txt", 4 * kDay);
-  Write("sdkcache.db", 4 * kDay);
   std::string deep = "a/b/c/";
   for (int level = 0; level < 300; ++level) deep += "directory/";
-  Write(deep + "old", 4 * kDay);
+  for (const std::string& name : {std::string("old.txt"), std::string(".hidden.txt"), deep + "old"})
+    Write(name);
   Write("a/new.txt", kDay);
   Write("a/just old.txt", 3 * kDay + 1);
   Write("a/just kept.txt", 3 * kDay);
-  Clean(3);
+  Clean();
   EXPECT_EQ(Files(), (Names{"a/new.txt", "a/just kept.txt"}));
   EXPECT_TRUE(fs::is_directory(m_dir.File("a/b/c")));
-  EXPECT_EQ(LogBusiness::DeletedFiles(), 5);
+  EXPECT_EQ(LogBusiness::DeletedFiles(), 4);
 }
 
-TEST_F(LogCleanerTest, DaysAreClampedAndStoredAndZeroDoesNothing) {
-  struct Row {
+TEST_F(LogCleanerTest, DaysAreClampedAndReportedBetweenTheTwoLinesAndZeroDoesNothing) {
+  const struct {
     unsigned long days;
-    std::time_t kept;  // 0: all is
-  };
-  for (const Row& row : {Row{0, 0}, {1, 3}, {3, 3}, {7, 7}, {30, 30}, {90, 30}, {~0UL, 30}}) {
-    Write("kept", row.kept * kDay);
-    Write("gone", (row.kept == 0 ? 99 : row.kept) * kDay + 1);
-    Clean(row.days);
-    EXPECT_EQ(Files(), row.kept == 0 ? (Names{"kept", "gone"}) : Names{"kept"}) << row.days;
-    EXPECT_EQ(LogBusiness::InitBaseTime(), kNow - row.kept * kDay) << row.days;
-  }
-  EXPECT_EQ(support::CountLog(kBegin), 6);
-}
-
-TEST_F(LogCleanerTest, ReportsBetweenTheTwoLines) {
-  Write("a/one", 99 * kDay);
-  Write("two", 99 * kDay);
-  for (const auto& [type, name] :
-       {std::pair(0, "Del_When_Login"), {1, "Del_When_ConfEnd"}, {7, "Del_When_ConfEnd"}}) {
+    int type;
+    int kept;
+    const char* name;  // null: nothing is done
+  } cases[] = {{0, 0, 0, nullptr},
+               {1, 0, 3, "Del_When_Login"},
+               {7, 1, 7, "Del_When_ConfEnd"},
+               {~0UL, 7, 30, "Del_When_ConfEnd"}};
+  for (const auto& c : cases) {
     support::ClearLog();
     support::ClearTrack();
-    Clean(90, static_cast<LogBusiness::BizType>(type));
+    Write("kept", c.kept * kDay);
+    Write("gone", c.kept * kDay + 1);
+    Clean(c.days, c.type);
+    if (c.name == nullptr) {
+      EXPECT_EQ(Files().size(), 2U);
+      EXPECT_TRUE(support::LogTexts().empty());
+      continue;
+    }
+    EXPECT_EQ(Files(), Names{"kept"}) << c.days;
+    EXPECT_EQ(LogBusiness::InitBaseTime(), kNow - c.kept * kDay) << c.days;
     EXPECT_EQ(support::LogTexts(), (std::vector<std::string>{kBegin, kEnd}));
-    EXPECT_EQ(support::CountLog(kBegin, kInfoLevel), 1);
-    EXPECT_EQ(support::CountLog(kEnd, kInfoLevel), 1);
-    const std::vector<support::TrackCall> calls = support::TrackCalls();
-    ASSERT_EQ(calls.size(), 1U);
-    ASSERT_EQ(calls[0].texts.size(), 5U);
-    EXPECT_EQ(calls[0].texts[0], "1");
-    EXPECT_EQ(calls[0].texts[1], "ut_event_sdk_clean_log");
-    Json::Value event;
-    ASSERT_TRUE(PublicUtil::SafeParseJson(calls[0].texts[4], event));
-    EXPECT_EQ(calls[0].texts[4].find('\n'), std::string::npos);
-    EXPECT_EQ(event.getMemberNames(), (Json::Value::Members{"days", "files", "logPath", "type"}));
-    EXPECT_EQ(event["type"].asString(), name);
-    EXPECT_EQ(event["days"].asInt(), 30);
-    EXPECT_EQ(event["files"].asInt(), type == 0 ? 2 : 0);
-    EXPECT_EQ(event["logPath"].asString(), PublicUtil::filterWordGeneral(m_dir.Path()));
+    const std::vector<std::string> report = support::TrackCalls().at(0).texts;
+    EXPECT_EQ(report.at(0) + report.at(1), "1ut_event_sdk_clean_log");
+    Json::Value expected;
+    expected["type"] = c.name;
+    expected["days"] = c.kept;
+    expected["files"] = 1;
+    expected["logPath"] = PublicUtil::filterWordGeneral(m_dir.Path());
+    EXPECT_EQ(report.at(4), PublicUtil::Json2String(expected));
   }
 }
 
 // A second clean-up is dropped: the first is held while it reads the clock for its own start.
 TEST_F(LogCleanerTest, ARequestWhileOneRunsIsDropped) {
-  Write("old", 99 * kDay);
-  LogBusiness::InitConfig(m_dir.Path(), 3);
   bool isNested = false;
   PRAX_Ref_SetClock([&] {
-    if (!isNested) {
-      isNested = true;
+    if (!std::exchange(isNested, true)) {
       EXPECT_TRUE(LogBusiness::IsCleaning());
       LogBusiness::DoAsyncDelete(LogBusiness::kAfterConference);
     }
     return static_cast<unsigned long long>(kNow) * 1000;
   });
-  LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
-  ASSERT_TRUE(WaitForEnd());
+  Clean();
   EXPECT_EQ(support::CountLog(kBegin), 1);
   EXPECT_EQ(support::CountTrack("Track_AddUserTrack"), 1);
-
-  Clean(3);  // and the next one runs
+  Clean();  // and the next one runs
   EXPECT_EQ(support::CountLog(kBegin), 2);
 }
 
-TEST_F(LogCleanerTest, WithoutAThreadTheNextRequestStillRuns) {
-  Write("old", 99 * kDay);
+TEST_F(LogCleanerTest, WhatFailsIsLeftForTheNextTime) {
+  Write("a");
+  Write("b");
   PRAX_Ref_FailNext(PRAX_REF_THREAD_CREATE, 1, EAGAIN);
-  Clean(3);
-  EXPECT_EQ(Files(), Names{"old"});
+  Clean();
+  EXPECT_EQ(Files().size(), 2U);
   EXPECT_EQ(support::CountLog(kEnd), 0);
-  Clean(3);
-  EXPECT_TRUE(Files().empty());
-}
-
-TEST_F(LogCleanerTest, AFileThatCannotBeRemovedIsNotCounted) {
-  Write("a", 99 * kDay);
-  Write("b", 99 * kDay);
-  PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
-  Clean(3);
-  EXPECT_EQ(Files().size(), 1U);
-  EXPECT_EQ(LogBusiness::DeletedFiles(), 1);
-
-  Write("old", 99 * kDay);
-  Write("new", 0);
-  EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("none")), -1);
-  EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("new")), 0);
-  PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
-  EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("old")), -1);
-  EXPECT_EQ(LogBusiness::DealWithFile(m_dir.File("old")), 0);
+  for (const std::size_t left : {1U, 0U}) {
+    PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
+    if (left == 0) PRAX_Ref_Reset();
+    Clean();
+    EXPECT_EQ(Files().size(), left);
+    EXPECT_EQ(LogBusiness::DeletedFiles(), 1);
+  }
 }
 
 TEST_F(LogCleanerTest, NoLinkLeadsOutOfTheDirectory) {
   const support::TempDir outside;
-  const Names secrets = {"zel.log", "sdk_call_key_info.txt"};
-  for (const std::string& name : secrets) {
+  for (const char* name : {"zel.log", "sdk_call_key_info.txt"}) {
     support::WriteWholeFile(outside.File(name), "x");
-    SetWritten(outside.File(name), kNow - 99 * kDay);
+    SetAge(outside.File(name), kOld);
   }
-  SetWritten(outside.Path(), kNow - 99 * kDay);
-  Write("logs/real/old", 99 * kDay);
-  Write("beside", 99 * kDay);
-  for (const auto& [target, name] :
-       std::vector<std::pair<std::string, const char*>>{{outside.Path(), "logs/directory"},
-                                                        {outside.File("zel.log"), "logs/file"},
-                                                        {"..", "logs/up"},
-                                                        {"real", "logs/loop"},
-                                                        {"nowhere", "logs/dangling"},
-                                                        {"logs", "start"},
-                                                        {outside.Path(), "rtc"},
-                                                        {outside.Path(), "sdk_key_log"}}) {
-    fs::create_symlink(target, m_dir.File(name));
-  }
-  LogBusiness::InitConfig(m_dir.File("start"), 3);  // a link may be the starting point
-  LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
-  ASSERT_TRUE(WaitForEnd());
+  SetAge(outside.Path(), kOld);
+  Write("logs/real/old");
+  Write("beside");
+  const std::pair<std::string, const char*> links[] = {{outside.Path(), "logs/directory"},
+                                                       {outside.File("zel.log"), "logs/file"},
+                                                       {"..", "logs/up"},
+                                                       {"real", "logs/loop"},
+                                                       {"nowhere", "logs/dangling"},
+                                                       {"logs", "start"},
+                                                       {outside.Path(), "rtc"},
+                                                       {outside.Path(), "sdk_key_log"}};
+  for (const auto& [target, name] : links) fs::create_symlink(target, m_dir.File(name));
+  Start(m_dir.File("start"));  // a link may be the starting point
+  AwaitEnd();
   LogBusiness::DeleteOldVersionLogFiles(m_dir.Path().c_str());
-  for (const std::string& name : secrets) EXPECT_TRUE(fs::exists(outside.File(name)));
+  EXPECT_TRUE(fs::exists(outside.File("zel.log")));
+  EXPECT_TRUE(fs::exists(outside.File("sdk_call_key_info.txt")));
   // The links to what is old went as files do; those to what is new or missing stay.
   EXPECT_EQ(Files(), (Names{"beside", "logs/up", "logs/loop", "logs/dangling", "start", "rtc",
                             "sdk_key_log"}));
@@ -231,65 +190,51 @@ TEST_F(LogCleanerTest, NoLinkLeadsOutOfTheDirectory) {
 // The tree goes away under the clean-up; a neighbour of the directory must not suffer.
 TEST_F(LogCleanerTest, DirectoriesMayVanishMeanwhile) {
   for (int i = 0; i < 2000; ++i) {
-    Write("logs/" + std::to_string(i % 100) + "/" + std::to_string(i), 99 * kDay);
+    Write("logs/" + std::to_string(i % 100) + "/" + std::to_string(i));
   }
-  Write("neighbour", 99 * kDay);
-  LogBusiness::InitConfig(m_dir.File("logs"), 3);
-  LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
+  Write("neighbour");
+  Start(m_dir.File("logs"));
   std::error_code ignored;  // both remove the same entries
   while (fs::exists(m_dir.File("logs"))) fs::remove_all(m_dir.File("logs"), ignored);
-  ASSERT_TRUE(WaitForEnd());
+  AwaitEnd();
   EXPECT_EQ(Files(), Names{"neighbour"});
   EXPECT_EQ(support::CountLog(kEnd), 1);
 }
 
 TEST_F(LogCleanerTest, OldVersionFilesAreRemovedAndNothingElse) {
-  const Names left = {"other.log", "zel.txt",        "sdk_key_log/other.txt",
-                      "rtc2/b",    "client.zel.log", "zel",
-                      "ze",        "zel.lo",         "ZEL.log"};
-  const auto fill = [&](const std::string& home) {
-    for (const std::string& name : left) Write(home + "/" + name, 0);
+  const Names left = {"home/other.log", "home/zel.txt",        "home/sdk_key_log/other.txt",
+                      "home/rtc2/b",    "home/client.zel.log", "home/zel.lo",
+                      "home/ZEL.log",   "homertc/file"};  // the name without a separator in between
+  for (const std::string home : {"home", "home/"}) {
+    for (const std::string& name : left) Write(name, 0);
     for (const char* name :
          {"zel.log", "orb.log.1", "zelclient.log", "orb.txt.logging",
           "sdk_key_log/sdk_call_key_info.txt", "sdk_key_log/sdk_zel_key_info.txt",
           "sdk_key_log/sdk_orb_key_info.txt", "rtc/.a", "rtc/...", "rtc/b"}) {
-      Write(home + "/" + name, 0);
+      Write(std::string("home/") + name, 0);
     }
-    fs::create_directory(m_dir.File(home + "/zel.log.d"));
-  };
-  Names expected = {"ahomertc/file"};
-  Write("ahomertc/file", 0);  // the name without a separator in between
-  for (const char* end : {"", "/"}) {
-    const std::string home = "ahome" + std::to_string(std::strlen(end));
-    fill(home);
-    LogBusiness::DeleteOldVersionLogFiles((m_dir.File(home) + end).c_str());
-    for (const std::string& name : left) expected.insert(home + "/" + name);
-    EXPECT_FALSE(fs::exists(m_dir.File(home + "/rtc")));
-    EXPECT_TRUE(fs::exists(m_dir.File(home + "/zel.log.d")));
+    fs::create_directory(m_dir.File("home/zel.log.d"));
+    LogBusiness::DeleteOldVersionLogFiles(m_dir.File(home).c_str());
+    EXPECT_EQ(Files(), left) << home;
+    EXPECT_FALSE(fs::exists(m_dir.File("home/rtc")));
+    EXPECT_TRUE(fs::exists(m_dir.File("home/zel.log.d")));
   }
-  EXPECT_EQ(Files(), expected);
-}
-
-TEST_F(LogCleanerTest, ADirectoryStaysWhileThereIsAnotherInIt) {
-  Write("rtc/file", 0);
-  Write("rtc/inner/file", 0);
-  LogBusiness::DeleteOldVersionLogFiles(m_dir.Path().c_str());
-  EXPECT_EQ(Files(), Names{"rtc/inner/file"});
-  LogBusiness::DeleteAllFileInThePath(m_dir.File("rtc/inner"));  // no "/" at the end
-  EXPECT_FALSE(fs::exists(m_dir.File("rtc/inner")));
-  EXPECT_TRUE(fs::exists(m_dir.File("rtc")));
+  Write("rtc/file");
+  Write("rtc/inner/file");
+  LogBusiness::DeleteAllFileInThePath(m_dir.File("rtc"));  // stays while there is another in it
+  EXPECT_FALSE(fs::exists(m_dir.File("rtc/file")));
+  EXPECT_TRUE(fs::exists(m_dir.File("rtc/inner/file")));
 }
 
 // No name stands for the root directory by accident.
 TEST_F(LogCleanerTest, NothingIsRemovedForDirectoriesThatAreNone) {
-  Write("zel.log", 99 * kDay);
+  Write("zel.log");
   fs::current_path(m_dir.Path());
   LogBusiness::DeleteOldVersionLogFiles(nullptr);
-  LogBusiness::DeleteAllFileInThePath(m_dir.File("none"));
+  LogBusiness::DeleteAllFileInThePath("");
   for (const std::string& directory : {std::string(), m_dir.File("none"), m_dir.File("zel.log")}) {
     LogBusiness::DeleteOldVersionLogFiles(directory.c_str());
-    LogBusiness::InitConfig(directory, 3);
-    LogBusiness::DoAsyncDelete(LogBusiness::kAfterLogin);
+    Start(directory);
     EXPECT_FALSE(LogBusiness::IsCleaning());
   }
   EXPECT_EQ(Files(), Names{"zel.log"});
