@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include <gtest/gtest.h>
 
 namespace support {
@@ -21,6 +23,14 @@ int InChild(Body body) {
   const pid_t child = ::fork();
   if (child == 0) ::_exit(static_cast<int>(body()));
   return WaitFor(child);
+}
+
+// Checks `body` in a process that begins anew: what it returns, and that no expectation failed.
+template <class Body>
+void ExpectTrueInFreshProcess(Body body) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::exit(body() && !testing::Test::HasFailure() ? 0 : 1),
+              testing::ExitedWithCode(0), "");
 }
 
 }  // namespace support
