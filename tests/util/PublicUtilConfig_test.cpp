@@ -1,12 +1,11 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "support/Child.h"
 #include "support/PlatformDouble.h"
 #include "support/TempDir.h"
 #include "util/PublicUtil.h"
@@ -14,8 +13,6 @@
 namespace commonutil {
 namespace {
 
-constexpr int kErrorLevel = 0;
-constexpr int kInfoLevel = 2;
 constexpr char kConfigFile[] = "sdkCommonConfig.json";
 
 // The identity is kept for the life of the process: every test that may read it in this
@@ -26,144 +23,111 @@ constexpr char kConfig[] = R"({
   "zel_other": "https://a.zeldomain.net/",
   "zel_number": 5
 })";
+constexpr char kOther[] = "https://a.zeldomain.net/";
+
+std::string Url(const char* key) { return PublicUtil::GetUrlFromCommonConfig(key); }
 
 class PublicUtilConfigTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  PublicUtilConfigTest() {
     support::ResetPlatformDouble();
-    PublicUtil::SetServerDomainStrategy("com", false);
     PublicUtil::SetConfigFilePath(m_dir.Path());
+    WriteConfig(kConfig);
   }
-  void TearDown() override { PublicUtil::SetServerDomainStrategy("com", false); }
+  ~PublicUtilConfigTest() override { PublicUtil::SetServerDomainStrategy("com", false); }
 
   void WriteConfig(const std::string& content) const {
     support::WriteWholeFile(m_dir.File(kConfigFile), content);
-  }
-
-  // Whether a URL is found when `path` is the configuration directory.
-  static bool Finds(const std::string& path) {
-    PublicUtil::SetConfigFilePath(path);
-    return !PublicUtil::GetUrlFromCommonConfig("zel_other").empty();
-  }
-
-  static support::LogLine LastLine() {
-    const auto lines = support::LogLines();
-    return lines.empty() ? support::LogLine{} : lines.back();
   }
 
   const support::TempDir m_dir;
 };
 
 TEST_F(PublicUtilConfigTest, PathGetsASeparatorUnlessItEndsInOne) {
-  WriteConfig(kConfig);
-  EXPECT_TRUE(Finds(m_dir.Path()));
-  EXPECT_TRUE(Finds(m_dir.Path() + "/"));
-  EXPECT_TRUE(Finds(""));  // keeps the path before
   support::WriteWholeFile(m_dir.Path() + "/back\\slash\\" + kConfigFile, kConfig);
-  EXPECT_TRUE(Finds(m_dir.Path() + "/back\\slash"));
-  EXPECT_TRUE(Finds(m_dir.Path() + "/back\\slash\\"));
+  for (const char* end : {"", "/", "/back\\slash", "/back\\slash\\"}) {
+    PublicUtil::SetConfigFilePath(m_dir.Path() + end);
+    PublicUtil::SetConfigFilePath("");  // keeps the path before
+    EXPECT_EQ(Url("zel_other"), kOther) << end;
+  }
 }
 
 TEST_F(PublicUtilConfigTest, UrlIsReadAnewAndLoggedAndTheFileKeptFromOthers) {
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "");
-  EXPECT_EQ(LastLine().text, "read config file [" + m_dir.File(kConfigFile) + "] error");
-  EXPECT_EQ(LastLine().level, kErrorLevel);
-  EXPECT_EQ(LastLine().function, "GetUrlFromCommonConfig");
-  for (const char* content : {"", kConfig}) {
+  for (const std::string& content :
+       {std::string(), std::string("no json"), std::string("[1,2]"), std::string("5"),
+        std::string(100000, '['), std::string("\0{}", 3), std::string(kConfig)}) {
     WriteConfig(content);
     ASSERT_EQ(::chmod(m_dir.File(kConfigFile).c_str(), 0666), 0);
-    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"),
-              *content == '\0' ? "" : "https://a.zeldomain.net/");
+    EXPECT_EQ(Url("zel_number"), "");
+    EXPECT_EQ(Url("zel_other"), content == kConfig ? kOther : "");
     struct stat status;
     ASSERT_EQ(::stat(m_dir.File(kConfigFile).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640U);
   }
-  EXPECT_EQ(LastLine().text, "get url zel_other: https://a.zeldomain.net/");
-  EXPECT_EQ(LastLine().level, kInfoLevel);
-  EXPECT_EQ(LastLine().file, "commonutil/util/PublicUtil");
-  WriteConfig(R"({"zel_other": "changed"})");
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "changed");
-}
-
-TEST_F(PublicUtilConfigTest, MissingAndOddMembersAndDamagedFilesGiveAnEmptyUrl) {
-  for (const std::string& content :
-       {std::string(kConfig), std::string("no json"), std::string("[1,2]"), std::string("5"),
-        std::string(100000, '['), std::string("\0{}", 3)}) {
-    WriteConfig(content);
-    support::ClearLog();
-    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_number"), "");
-    EXPECT_EQ(support::LogTexts(), std::vector<std::string>{"get url zel_number: "});
-  }
+  EXPECT_EQ(support::CountLog("get url zel_number: ", 2), 6);
+  EXPECT_EQ(support::CountLog(std::string("get url zel_other: ") + kOther, 2), 1);
+  support::ClearLog();
+  PublicUtil::SetConfigFilePath(m_dir.File("none"));
+  EXPECT_EQ(Url("zel_other"), "");
+  const support::LogLine line = support::LogLines().back();
+  EXPECT_EQ(line.text, "read config file [" + m_dir.File("none/") + kConfigFile + "] error");
+  EXPECT_EQ(line.level, 0);
+  EXPECT_EQ(line.function, "GetUrlFromCommonConfig");
 }
 
 TEST_F(PublicUtilConfigTest, ChangedStrategyReplacesTheFirstDotComOfTheIdentity) {
-  WriteConfig(kConfig);
   PublicUtil::SetServerDomainStrategy("eu", true);
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"),
-            "https://a.zeldomain.eu/x?u=zeldomain.com");
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_other"), "https://a.zeldomain.net/");
-
   PublicUtil::SetServerDomainStrategy("", false);  // changes neither
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"),
-            "https://a.zeldomain.eu/x?u=zeldomain.com");
-
+  EXPECT_EQ(Url("zel_intranet"), "https://a.zeldomain.eu/x?u=zeldomain.com");
+  EXPECT_EQ(Url("zel_other"), kOther);
   PublicUtil::SetServerDomainStrategy("eu", false);
-  EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"),
-            "https://a.zeldomain.com/x?u=zeldomain.com");
+  EXPECT_EQ(Url("zel_intranet"), "https://a.zeldomain.com/x?u=zeldomain.com");
 }
 
 TEST_F(PublicUtilConfigTest, ConcurrentReadersAndWritersSeeWholeValues) {
-  WriteConfig(kConfig);
   std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  threads.emplace_back([] {
-    for (int i = 0; i < 100; ++i) PublicUtil::SetServerDomainStrategy(i % 2 ? "eu" : "org", true);
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (int i = 0; !done; ++i) {
+      PublicUtil::SetServerDomainStrategy(i % 2 ? "eu" : "org", true);
+      PublicUtil::SetConfigFilePath(m_dir.Path());
+    }
   });
-  threads.emplace_back([this] {
-    for (int i = 0; i < 100; ++i) PublicUtil::SetConfigFilePath(m_dir.Path());
-  });
-  for (int reader = 0; reader < 2; ++reader) {
-    threads.emplace_back([&wrong] {
-      for (int i = 0; i < 50; ++i) {
-        const std::string url = PublicUtil::GetUrlFromCommonConfig("zel_intranet");
-        if (url.find("zeldomain.") == std::string::npos) ++wrong;
-        if (PublicUtil::GetServerDomainIdentity() != "zeldomain") ++wrong;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  const auto read = [&wrong] {
+    for (int i = 0; i < 50; ++i) {
+      if (Url("zel_intranet").find("zeldomain.") == std::string::npos) ++wrong;
+      if (PublicUtil::GetServerDomainIdentity() != "zeldomain") ++wrong;
+    }
+  };
+  std::thread reader(read);
+  read();
+  reader.join();
+  done = true;
+  writer.join();
   EXPECT_EQ(wrong.load(), 0);
 }
 
 // In a process that does not know the identity yet.
 TEST_F(PublicUtilConfigTest, TheIdentityIsReadUntilItIsFoundAndThenKept) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child begins anew
-  const auto body = [this] {
-    EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "");
-    EXPECT_EQ(LastLine().text, "read config file [" + m_dir.File(kConfigFile) + "] error");
-    EXPECT_EQ(LastLine().function, "GetServerDomainIdentity");
+  support::ExpectTrueInFreshProcess([this] {
     for (const char* content :
-         {"{}", R"({"zel_domain_identity": 5})", R"({"zel_domain_identity": ""})", "no json"}) {
+         {"", R"({"zel_domain_identity": 5})", R"({"zel_domain_identity": ""})", "no json",
+          R"({"zel_intranet": "https://a.zeldomain.com/"})"}) {
       WriteConfig(content);
       EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "") << content;
     }
-    WriteConfig(R"({"zel_intranet": "https://a.zeldomain.com/"})");
+    const support::LogLine first = support::LogLines().at(1);
+    EXPECT_EQ(first.text, "read config file [" + m_dir.File(kConfigFile) + "] error");
+    EXPECT_EQ(first.function, "GetServerDomainIdentity");
     PublicUtil::SetServerDomainStrategy("eu", true);
-    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"), "https://a.zeldomain.com/");
+    EXPECT_EQ(Url("zel_intranet"), "https://a.zeldomain.com/");
     WriteConfig(kConfig);
-    support::ClearLog();
-    EXPECT_EQ(PublicUtil::GetUrlFromCommonConfig("zel_intranet"),
-              "https://a.zeldomain.eu/x?u=zeldomain.com");
-    EXPECT_EQ(support::LogTexts(),
-              (std::vector<std::string>{
-                  "get server domain identity zel_domain_identity: zeldomain",
-                  "get url zel_intranet: https://a.zeldomain.eu/x?u=zeldomain.com"}));
+    EXPECT_EQ(Url("zel_intranet"), "https://a.zeldomain.eu/x?u=zeldomain.com");
+    EXPECT_EQ(support::CountLog("get server domain identity zel_domain_identity: zeldomain", 2), 1);
     WriteConfig(R"({"zel_domain_identity": "second"})");
-    EXPECT_EQ(PublicUtil::GetServerDomainIdentity(), "zeldomain");
     std::filesystem::remove_all(m_dir.Path());
-    std::_Exit(HasFailure() ? 1 : 0);
-  };
-  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    return PublicUtil::GetServerDomainIdentity() == "zeldomain";
+  });
 }
 
 }  // namespace
