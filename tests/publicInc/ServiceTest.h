@@ -11,6 +11,7 @@
 
 #include "publicInc/CommonUtilService.h"
 #include "support/PlatformDouble.h"
+#include "util/PublicUtil.h"
 
 namespace support {
 
@@ -19,15 +20,12 @@ namespace support {
 inline void LogMessage(const Json::Value& message) {
   const char* const path = std::getenv("ZEL_MESSAGE_LOG");
   if (path == nullptr) return;
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  std::ofstream(path, std::ios::app) << Json::writeString(builder, message) << '\n';
+  std::ofstream(path, std::ios::app) << commonutil::PublicUtil::Json2String(message) << '\n';
 }
 
 inline Json::Value Parse(const std::string& text) {
   Json::Value root;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, nullptr)) << text;
+  EXPECT_TRUE(commonutil::PublicUtil::SafeParseJson(text, root)) << text;
   return root;
 }
 
@@ -54,6 +52,14 @@ class ServiceTest : public testing::Test {
   Json::Value Ask(const std::string& text) {
     Post(text);
     return Next();
+  }
+  int Result(const std::string& text) { return Ask(text)["result"].asInt(); }
+
+  // No line of the log may tell it.
+  static void ExpectNotLogged(const std::string& secret) {
+    for (const std::string& line : LogTexts()) {
+      EXPECT_EQ(line.find(secret), std::string::npos) << line;
+    }
   }
 
   const std::shared_ptr<CommonUtilService> m_service;
