@@ -10,7 +10,6 @@
 #include "CommonUtil.h"
 #include "publicInc/GlobalErrorCodeTable.h"
 #include "support/PlatformDouble.h"
-#include "util/Log.h"
 
 namespace commonutil {
 namespace {
@@ -30,10 +29,9 @@ TEST(GlobalErrorCodeTest, KnowsTheCodesOfTheTableAndReturnsOthersWithALine) {
   for (const std::int32_t code : codes) checksum = checksum * 31 + static_cast<std::uint32_t>(code);
   EXPECT_EQ(checksum, 4118372425U);
 
-  for (const int code : {123, -1, INT_MIN, INT_MAX, 10000, 10001, 415000003, 111070011}) {
-    support::ClearLog();
+  for (const int code : {123, -1, INT_MIN, INT_MAX, 10000, 415000003}) {
     EXPECT_EQ(CommonUtil::getInst().GetGlobalErrorCode(code), code);
-    EXPECT_EQ(support::CountLog("unkown errCode: " + std::to_string(code), kInfo), 1) << code;
+    EXPECT_EQ(support::CountLog("unkown errCode: " + std::to_string(code), 2), 1) << code;
   }
 }
 

@@ -1,4 +1,3 @@
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -6,7 +5,6 @@
 
 #include "publicInc/CommonUtilPrivateManager.h"
 #include "support/PlatformDouble.h"
-#include "util/Log.h"
 
 namespace commonutil {
 namespace {
@@ -30,10 +28,7 @@ class SbcSelectionTest : public testing::Test {
     m_manager.CheckSbcAddressByMrcIp(buffer.data(), mrc, len);
     return buffer.data();
   }
-  std::string Select(const std::string& list, const char* mrc) {
-    return Select(list, mrc, static_cast<int>(list.size()) + 1);
-  }
-  static int CopyFailures() { return support::CountLogPrefix("secure func return err: ", kError); }
+  static int CopyFailures() { return support::CountLogPrefix("secure func return err: ", 0); }
 
   CommonUtilPrivateManager& m_manager = CommonUtilPrivateManager::getInst();
 };
@@ -47,44 +42,35 @@ TEST_F(SbcSelectionTest, KeepsTheAddressesOnTheSideOfTheMrc) {
   } cases[] = {
       {"10.0.0.1:5061,1.2.3.4:5061", kPrivateMrc, "10.0.0.1:5061"},
       {"10.0.0.1:5061,1.2.3.4:5061", kPublicMrc, "1.2.3.4:5061"},
-      {"1.2.3.4;5.6.7.8", kPublicMrc, "1.2.3.4;5.6.7.8"},
       {",1.2.3.4,,5.6.7.8,", kPublicMrc, "1.2.3.4;5.6.7.8"},
-      {"10.0.0.1;10.0.0.2", kPublicMrc, "10.0.0.1;10.0.0.2"},  // none: left alone
-      {"10.0.0.1,10.0.0.2", kPublicMrc, "10.0.0.1,10.0.0.2"},
-      {"1.2.3.4;10.0.0.1,5.6.7.8", kPublicMrc, "5.6.7.8"},  // "1.2.3.4;10.0.0.1" is no address
-      {" 1.2.3.4,5.6.7.8", kPublicMrc, "5.6.7.8"},          // nor is one with a blank
+      {"10.0.0.1,10.0.0.2", kPublicMrc, "10.0.0.1,10.0.0.2"},  // none: left alone
+      {"1.2.3.4;10.0.0.1,5.6.7.8", kPublicMrc, "5.6.7.8"},     // "1.2.3.4;10.0.0.1" is no address
+      {" 1.2.3.4,5.6.7.8", kPublicMrc, "5.6.7.8"},             // nor is one with a blank
       {"host.example:1,1.2.3.4", nullptr, "host.example:1"},
-      {",;:", kPublicMrc, ",;:"},
       {"10.0.0.1;" + tail, kPublicMrc, tail},                  // 511
       {"10.0.0.10;" + tail, kPublicMrc, "10.0.0.10;" + tail},  // 512
   };
   for (const auto& c : cases) {
     support::ClearLog();
-    EXPECT_EQ(Select(c.list, c.mrc), c.expected) << c.list;
-    EXPECT_EQ(support::CountLog("old sbcAddress: " + c.list, kError), 1);
-    EXPECT_EQ(
-        support::CountLog(
-            "new sbcAddress: " + c.expected + "; mrcIp: " + (c.mrc == nullptr ? "" : c.mrc), kInfo),
-        1);
+    EXPECT_EQ(Select(c.list, c.mrc, static_cast<int>(c.list.size()) + 1), c.expected) << c.list;
+    EXPECT_EQ(support::CountLog("old sbcAddress: " + c.list, 0), 1);
+    EXPECT_EQ(support::CountLog("new sbcAddress: " + c.expected + "; mrcIp: " + (c.mrc ?: ""), 2),
+              1);
     EXPECT_EQ(CopyFailures(), c.list.size() == 512 ? 1 : 0) << c.list;
   }
-  EXPECT_EQ(Select("1.2.3.4,5.6.7.8:1", kPublicMrc), "1.2.3.4;5.6.7.8:1");
-  EXPECT_EQ(support::CountLog("add sbcAddress: 5.6.7.8:1", kInfo), 1);
 }
 
 TEST_F(SbcSelectionTest, AResultThatDoesNotFitLeavesAnEmptyTextAndABadSizeNothing) {
   const std::string list = "1.2.3.4,10.0.0.1";
   EXPECT_EQ(Select(list, kPublicMrc, 8), "1.2.3.4");
+  EXPECT_EQ(support::CountLog("add sbcAddress: 1.2.3.4", 2), 1);
   EXPECT_EQ(CopyFailures(), 0);
   EXPECT_EQ(Select(list, kPublicMrc, 7), "");
   EXPECT_EQ(Select(list, kPublicMrc, 0), list);
   EXPECT_EQ(Select(list, kPublicMrc, -1), list);
   EXPECT_EQ(CopyFailures(), 3);
   m_manager.CheckSbcAddressByMrcIp(nullptr, kPublicMrc, 16);
-  EXPECT_EQ(support::CountLog("old sbcAddress: ", kError), 1);
-  const std::string tenThousand = Repeated("1.2.3.4,", 9999) + "10.0.0.1";  // is left alone
-  EXPECT_EQ(Select(tenThousand, kPublicMrc), tenThousand);
-  EXPECT_EQ(CopyFailures(), 4);
+  EXPECT_EQ(support::CountLog("old sbcAddress: ", 0), 1);
 }
 
 TEST_F(SbcSelectionTest, SplitsListsIntoTheEntriesThatAreNotEmpty) {
@@ -94,7 +80,7 @@ TEST_F(SbcSelectionTest, SplitsListsIntoTheEntriesThatAreNotEmpty) {
       {"a;b,c;", {"first", "a;b", "c;"}},
       {";;a; b", {"first", "a", " b"}},
       {std::string(512, 'x'), {"first", std::string(512, 'x')}},
-      {std::string(512, ','), {"first"}},
+      {std::string(10000, ','), {"first"}},
       {std::string("a,b\0,c", 6), {"first", "a", "b"}}};
   for (const auto& [text, expected] : cases) {
     Entries entries = {"first"};
