@@ -7,16 +7,13 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <random>
+#include <regex>
 #include <stdexcept>
 #include <system_error>
 
@@ -26,9 +23,6 @@ namespace support {
 
 namespace {
 
-// Below the ports that the kernel gives to outgoing connections.
-constexpr int kFirstPort = 20000;
-constexpr int kLastPort = 32000;
 constexpr uid_t kNobody = 65534;
 constexpr auto kStartDeadline = std::chrono::seconds(60);
 constexpr int kRetryMs = 10;
@@ -38,52 +32,10 @@ constexpr char kOutputFile[] = "output.txt";
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-sockaddr_in Loopback(std::uint16_t port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = ::htons(port);
-  address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-template <class Address>
-const sockaddr* Generic(const Address& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
-}
-
-// A socket bound to a name that exists once in the system and goes with it; -1 when it is taken.
-int Claim(std::uint16_t port) {
-  const std::string name = "zel-test-port-" + std::to_string(port);
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path + 1, name.data(), name.size());  // a first NUL: no file
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  const int claim = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (claim < 0) Throw("socket");
-  if (::bind(claim, Generic(address), length) == 0) return claim;
-  ::close(claim);
-  return -1;
-}
-
-bool IsFree(std::uint16_t port, int type) {
-  const sockaddr_in address = Loopback(port);
-  const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
-  const bool isFree = fd >= 0 && ::bind(fd, Generic(address), sizeof(address)) == 0;
-  if (fd >= 0) ::close(fd);
-  return isFree;
-}
-
 bool Accepts(std::uint16_t port) {
   const int connection = zelctl::ConnectLoopback(port);
   if (connection >= 0) ::close(connection);
   return connection >= 0;
-}
-
-void Replace(std::string* text, const std::string& name, const std::string& value) {
-  for (std::size_t at = text->find(name); at != std::string::npos; at = text->find(name, at)) {
-    text->replace(at, name.size(), value);
-    at += value.size();
-  }
 }
 
 void GiveToNobody(const std::string& path) {
@@ -105,17 +57,20 @@ void GiveToNobody(const std::string& path) {
 
 }  // namespace
 
-LoopbackPort::LoopbackPort() {
-  std::random_device random;
-  std::uniform_int_distribution<int> ports(kFirstPort, kLastPort);
-  for (int attempt = 0; attempt < 1000; ++attempt) {
-    m_number = static_cast<std::uint16_t>(ports(random));
-    m_claim = Claim(m_number);
-    if (m_claim < 0) continue;
-    if (IsFree(m_number, SOCK_STREAM) && IsFree(m_number, SOCK_DGRAM)) return;
-    ::close(m_claim);
+// The system gives no port away while a socket is bound to it, but lets servers that ask for the
+// reuse of addresses listen there as long as that socket does not.
+LoopbackPort::LoopbackPort() : m_claim(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const int on = 1;
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  if (m_claim < 0 || ::setsockopt(m_claim, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+      ::bind(m_claim, generic, size) != 0 || ::getsockname(m_claim, generic, &size) != 0) {
+    Throw("no free port");
   }
-  throw std::runtime_error("no free port");
+  m_number = ::ntohs(address.sin_port);
 }
 
 LoopbackPort::~LoopbackPort() { ::close(m_claim); }
@@ -128,21 +83,20 @@ Peer::Peer(const std::vector<std::string>& command,
     GiveToNobody(m_dir.File(name));
   }
   Start(command);
-  try {
-    WaitUntilItAccepts();
-  } catch (...) {
-    Kill();
-    throw;
+  WaitUntilItAccepts();
+}
+
+Peer::~Peer() {
+  (void)::kill(m_pid, SIGKILL);
+  while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
   }
 }
 
-Peer::~Peer() { Kill(); }
-
-std::string Peer::Filled(std::string text) const {
-  Replace(&text, "{dir}", m_dir.Path());
-  Replace(&text, "{port}", std::to_string(Port()));
-  Replace(&text, "{tlsPort}", std::to_string(TlsPort()));
-  return text;
+std::string Peer::Filled(const std::string& text) const {
+  const std::string there = std::regex_replace(text, std::regex("\\{dir\\}"), m_dir.Path());
+  const std::string port = std::to_string(Port()), tlsPort = std::to_string(TlsPort());
+  return std::regex_replace(std::regex_replace(there, std::regex("\\{port\\}"), port),
+                            std::regex("\\{tlsPort\\}"), tlsPort);
 }
 
 void Peer::Start(const std::vector<std::string>& command) {
@@ -176,24 +130,17 @@ void Peer::WaitUntilItAccepts() {
   }
 }
 
-void Peer::Kill() {
-  (void)::kill(m_pid, SIGKILL);
-  while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
-  }
-}
-
 Certificate MakeCertificate() {
   const TempDir dir;
-  const std::string key = dir.File("key.pem");
-  const std::string certificate = dir.File("certificate.pem");
   const std::string command =
-      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
-      "-subj /CN=peer -addext subjectAltName=IP:127.0.0.1 -keyout '" +
-      key + "' -out '" + certificate + "' 2>'" + dir.File("errors.txt") + "'";
+      "cd '" + dir.Path() +
+      "' && openssl req -x509 -newkey ec -nodes -days 2 -subj /CN=peer "
+      "-pkeyopt ec_paramgen_curve:prime256v1 -addext subjectAltName=IP:127.0.0.1 "
+      "-keyout key.pem -out certificate.pem 2>errors.txt";
   if (std::system(command.c_str()) != 0) {
     throw std::runtime_error("openssl: " + ReadWholeFile(dir.File("errors.txt")));
   }
-  return {ReadWholeFile(certificate), ReadWholeFile(key)};
+  return {ReadWholeFile(dir.File("certificate.pem")), ReadWholeFile(dir.File("key.pem"))};
 }
 
 }  // namespace support

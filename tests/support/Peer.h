@@ -12,7 +12,7 @@
 
 namespace support {
 
-// A TCP and UDP port of 127.0.0.1 that no other test is given as long as this object lives.
+// A port of 127.0.0.1 that nobody else is given as long as this object lives.
 class LoopbackPort {
  public:
   LoopbackPort();
@@ -24,7 +24,7 @@ class LoopbackPort {
 
  private:
   std::uint16_t m_number = 0;
-  int m_claim = -1;  // a socket whose name tells the other tests that the port is taken
+  const int m_claim;  // a socket that is bound to it
 };
 
 // One server process. It runs as an ordinary user, also where the test is root, and is killed
@@ -45,10 +45,9 @@ class Peer {
   std::string File(const std::string& name) const { return m_dir.File(name); }
 
  private:
-  std::string Filled(std::string text) const;
+  std::string Filled(const std::string& text) const;
   void Start(const std::vector<std::string>& command);
   void WaitUntilItAccepts();
-  void Kill();
 
   const TempDir m_dir;
   const LoopbackPort m_port;
