@@ -3,7 +3,6 @@
 #include <climits>
 #include <cstdint>
 #include <set>
-#include <string>
 
 #include <gtest/gtest.h>
 

@@ -2,11 +2,8 @@
 
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "cache/cache_ref.h"
 #include "cacheDB/CacheDbTest.h"

@@ -1,8 +1,6 @@
 // The commands that hand a request's values to proxy detection, network tools and tracking.
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "proxy/ProxyProbes.h"
 #include "publicInc/ProxyReply.h"

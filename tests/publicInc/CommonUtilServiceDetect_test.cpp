@@ -1,6 +1,4 @@
 // What the network tools report becomes notifications of the process's service.
-#include <string>
-#include <vector>
 
 #include "publicInc/ServiceHost.h"
 #include "publicInc/ServiceTest.h"

@@ -1,8 +1,6 @@
 #include "publicInc/CommonUtilService.h"
 
-#include <memory>
 #include <stdexcept>
-#include <string>
 
 #include "publicInc/CommonUtilManager.h"
 #include "publicInc/ServiceTest.h"

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <string>
 #include <thread>
 
 #include "prax/prax_ref.h"

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <string>
 
 #include <gtest/gtest.h>
 #include <json/json.h>

@@ -6,10 +6,8 @@
 #include <cerrno>
 #include <filesystem>
 #include <set>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <json/value.h>
@@ -80,15 +78,15 @@ class LogCleanerTest : public ::testing::Test {
 TEST_F(LogCleanerTest, RemovesOldFilesOfAllDepthsWhateverTheirNames) {
   std::string deep = "a/b/c/";
   for (int level = 0; level < 300; ++level) deep += "directory/";
-  for (const std::string& name : {std::string("old.txt"), std::string(".hidden.txt"), deep + "old"})
-    Write(name);
+  Write(deep + "old");
+  Write(".hidden.txt");
   Write("a/new.txt", kDay);
   Write("a/just old.txt", 3 * kDay + 1);
   Write("a/just kept.txt", 3 * kDay);
   Clean();
   EXPECT_EQ(Files(), (Names{"a/new.txt", "a/just kept.txt"}));
   EXPECT_TRUE(fs::is_directory(m_dir.File("a/b/c")));
-  EXPECT_EQ(LogBusiness::DeletedFiles(), 4);
+  EXPECT_EQ(LogBusiness::DeletedFiles(), 3);
 }
 
 TEST_F(LogCleanerTest, DaysAreClampedAndReportedBetweenTheTwoLinesAndZeroDoesNothing) {
@@ -150,13 +148,12 @@ TEST_F(LogCleanerTest, WhatFailsIsLeftForTheNextTime) {
   Clean();
   EXPECT_EQ(Files().size(), 2U);
   EXPECT_EQ(support::CountLog(kEnd), 0);
-  for (const std::size_t left : {1U, 0U}) {
-    PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
-    if (left == 0) PRAX_Ref_Reset();
-    Clean();
-    EXPECT_EQ(Files().size(), left);
-    EXPECT_EQ(LogBusiness::DeletedFiles(), 1);
-  }
+  PRAX_Ref_FailNext(PRAX_REF_REMOVE, 1, EPERM);
+  Clean();
+  EXPECT_EQ(LogBusiness::DeletedFiles(), 1);
+  EXPECT_EQ(Files().size(), 1U);
+  Clean();
+  EXPECT_TRUE(Files().empty());
 }
 
 TEST_F(LogCleanerTest, NoLinkLeadsOutOfTheDirectory) {
@@ -202,9 +199,10 @@ TEST_F(LogCleanerTest, DirectoriesMayVanishMeanwhile) {
 }
 
 TEST_F(LogCleanerTest, OldVersionFilesAreRemovedAndNothingElse) {
-  const Names left = {"home/other.log", "home/zel.txt",        "home/sdk_key_log/other.txt",
-                      "home/rtc2/b",    "home/client.zel.log", "home/zel.lo",
-                      "home/ZEL.log",   "homertc/file"};  // the name without a separator in between
+  const Names left = {
+      "home/other.log", "home/zel.txt",        "home/sdk_key_log/other.txt",
+      "home/rtc2/b",    "home/client.zel.log", "home/zel.lo",
+      "home/ZEL.log",   "homertc/file"};  // and not the name without a separator in between
   for (const std::string home : {"home", "home/"}) {
     for (const std::string& name : left) Write(name, 0);
     for (const char* name :

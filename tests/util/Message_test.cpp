@@ -2,13 +2,10 @@
 
 #include <atomic>
 #include <climits>
-#include <functional>
 #include <future>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -168,6 +165,7 @@ TEST_F(MessageQueueTest, KeepsEachProducersOrderAndRunsNoTwoCallbacksAtOnce) {
     auto* to = static_cast<Shared*>(user);
     EXPECT_EQ(++to->running, 1);
     const int before = to->counts[producer]++;
+    std::this_thread::yield();
     EXPECT_TRUE(producer == kProducers || before == number);
     return --to->running;
   };

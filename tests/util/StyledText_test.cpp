@@ -1,9 +1,7 @@
 #include "util/StyledText.h"
 
 #include <limits>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -59,22 +57,6 @@ TEST(StyledTextTest, TwoTextsAtOnceAreApartAndAnEndedOneIsWiped) {
   ASSERT_EQ(shorter.Text().data(), memory);  // the thread kept it
   const std::string behind(memory + 5, secret.toStyledString().size() - 5);
   EXPECT_EQ(behind, std::string(behind.size(), '\0'));
-}
-
-TEST(StyledTextTest, ThreadsWriteAndParseIndependently) {
-  std::vector<std::thread> threads;
-  for (int number = 0; number < 4; ++number) {
-    threads.emplace_back([number] {
-      Json::Value value;
-      value["number"] = number;
-      for (int i = 0; i < 500; ++i) {
-        Json::Value read;
-        EXPECT_TRUE(PublicUtil::SafeParseJson(StyledText(value).Text(), read));
-        EXPECT_EQ(read, value);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace
