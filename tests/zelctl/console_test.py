@@ -7,6 +7,7 @@ import json
 import os
 import re
 import signal
+import socket
 import unittest
 
 import pexpect
@@ -23,12 +24,12 @@ UP, LEFT, INTERRUPT = "\x1b[A", "\x1b[D", "\x03"
 
 
 class TalkTest(ConsoleTest):
-    def start(self, *arguments, **variables):
+    def start(self, *arguments, begins=PROMPT, **variables):
         console = pexpect.spawn(
             ZELCTL, list(arguments), cwd=str(self.folder), timeout=DEADLINE, encoding="utf-8",
             env={**os.environ, **variables}, dimensions=(50, 100), echo=False)
         self.addCleanup(console.close, force=True)
-        console.expect_exact(PROMPT)
+        console.expect(begins)
         return console
 
     def type(self, console, keys, *expected):
@@ -135,6 +136,15 @@ class AtATerminal(TalkTest):
         self.type(console, INTERRUPT, PROMPT)
         console.kill(signal.SIGTERM)
         self.leave(console, status=1)
+
+
+    def test_progress_appears_after_a_second_and_is_wiped_away(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+            silent.bind(("127.0.0.1", 0))
+            measure = ("net", "127.0.0.1:%d" % silent.getsockname()[1])
+            console = self.start(*measure, begins=r"\r\x1b\[Kmeasuring \[\.*#####\.*\] [1-9]")
+            console.expect(r"\r\x1b\[K(?!measuring).*no answer")
+            self.assertEqual(self.run_console(*measure).stderr, "")  # nothing is drawn elsewhere
 
 
 class ThroughPipes(TalkTest):
