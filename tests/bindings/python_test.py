@@ -17,24 +17,21 @@ class PythonPackageTest(unittest.TestCase):
             self.assertIsNone(service.next_message())
             with self.assertRaises(zel_utils.ServiceError):
                 service.request(18, timeout=0.05)  # never answered
-        heard = []
-        with zel_utils.Service(heard.append) as service:  # a second one, after the first
-            service.send({"cmd": 12})
-            service.request(13)
-        self.assertEqual(heard, [{"rsp": 12, "result": 0}])
 
-    def test_initialises_and_counts(self):
+    def test_initialises_counts_and_hands_messages_over(self):
+        heard = []
         with tempfile.TemporaryDirectory(prefix="python_test.") as folder:
-            data = pathlib.Path(folder)
-            with zel_utils.Service() as service:
+            with zel_utils.Service(heard.append) as service:
+                service.send({"cmd": 12})
                 reply = service.request(1, {"initParam": {
-                    "log_path": f"{data}/", "dbPath": f"{data}/", "logLevel": 2, "logSize": 512,
-                    "fileCount": 1}})
+                    "log_path": f"{folder}/", "dbPath": f"{folder}/", "logLevel": 2,
+                    "logSize": 512, "fileCount": 1}})
                 self.assertEqual(reply["result"], 0)
                 counts = zel_utils.statistics()
-                self.assertEqual(counts["requests"]["stored"], 1)
+                self.assertEqual(counts["requests"]["stored"], 2)
                 self.assertEqual(counts["version"], zel_utils.version())
-            self.assertTrue((data / "sdkcache.db").exists())
+            self.assertTrue(pathlib.Path(folder, "sdkcache.db").exists())
+        self.assertEqual(heard[0], {"rsp": 12, "result": 0})
 
 
 if __name__ == "__main__":
