@@ -35,7 +35,12 @@ http {
   }
   server {
     listen 127.0.0.1:%(port)d;
-    location / { client_body_in_file_only on; proxy_pass http://unix:%(dir)s/accept; }
+    location /ok/ { client_body_in_file_only on; proxy_pass http://unix:%(dir)s/accept; }
+    location /busy/ { add_header Retry-After 1 always; return 429; }
+    location /down/ { return 503; }
+    location /bad/ { return 400; }
+    location /closed/ { return 444; }
+    location /hang/ { proxy_pass http://127.0.0.1:%(silent)d; }
   }
 }
 """
@@ -80,26 +85,27 @@ class OtlpCheck(unittest.TestCase):
         self.data = pathlib.Path(folder.name, "data")
         self.data.mkdir()
         self.server = pathlib.Path(folder.name)
-        # nginx takes over a socket that listens already.
-        listening = socket.create_server(("127.0.0.1", 0))
-        self.addCleanup(listening.close)
-        self.url = "http://127.0.0.1:%d/" % listening.getsockname()[1]
+        sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(2)]
+        for one in sockets:
+            self.addCleanup(one.close)
+        port, silent = (one.getsockname()[1] for one in sockets)
+        self.url = f"http://127.0.0.1:{port}/"
         kinds = ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
         (self.server / "nginx.conf").write_text(CONFIGURATION % {
-            "dir": self.server, "port": listening.getsockname()[1],
+            "dir": self.server, "port": port, "silent": silent,
             "user": "user root;" if os.geteuid() == 0 else "",
             "paths": "".join(f"{kind}_temp_path {self.server}/{kind};" for kind in kinds)})
-        nginx = subprocess.Popen(
+        nginx = subprocess.Popen(  # which takes over a socket that listens already
             [shutil.which("nginx", path=os.environ.get("PATH", "") + ":/usr/sbin"),
              "-e", self.server / "error.log", "-c", self.server / "nginx.conf"],
-            pass_fds=[listening.fileno()], env={**os.environ, "NGINX": f"{listening.fileno()};"})
+            pass_fds=[sockets[0].fileno()], env={**os.environ, "NGINX": f"{sockets[0].fileno()};"})
         self.addCleanup(nginx.wait, DEADLINE)
         self.addCleanup(nginx.terminate)
 
-    def track(self, count):
+    def track(self, count, place="ok"):
         subprocess.run(
             [os.environ["TRACK_HOST"], self.data, str(count)], timeout=DEADLINE, check=True,
-            env={**os.environ, "OTEL_EXPORTER_OTLP_ENDPOINT": self.url})
+            env={**os.environ, "OTEL_EXPORTER_OTLP_ENDPOINT": self.url + place})
 
     def received(self):
         """The log records that have come, in order; one that is sent again counts once."""
@@ -117,12 +123,16 @@ class OtlpCheck(unittest.TestCase):
                 records.setdefault(name, {**record, "attributes": values})
         return records
 
+    def received_in_the_end(self, count):
+        until = time.monotonic() + DEADLINE
+        while len(self.received()) < count and time.monotonic() < until:
+            self.track(0)  # a program may end before all are sent
+        return self.received()
+
     def test_every_event_arrives_once_complete_and_readable(self):
         before = time.time_ns()
         self.track(EVENTS)
-        while len(self.received()) < EVENTS and time.time_ns() - before < DEADLINE * 10**9:
-            self.track(0)  # a program may end before all are sent
-        records = self.received()
+        records = self.received_in_the_end(EVENTS)
         self.assertEqual((len(records), len({session for session, _ in records})), (EVENTS, 1))
         for number, record in enumerate(records.values()):
             self.assertEqual(record["body"], {"stringValue": "17"})
@@ -139,6 +149,20 @@ class OtlpCheck(unittest.TestCase):
             }
             found = {key: record["attributes"].get(key) for key in expected}
             self.assertEqual(found, expected)
+
+    def test_what_a_collector_does_not_take_now_arrives_later_and_what_it_refuses_never(self):
+        places = ("busy", "down", "closed", "hang")
+        for place in ("bad", *places):
+            self.track(10, place)
+        self.assertEqual(self.received(), {})
+        for path in filter(pathlib.Path.is_file, self.data.rglob("*")):
+            for text in (b"the account", b"1.2.3"):
+                self.assertNotIn(text, path.read_bytes(), path)  # what waits is unreadable
+        count = 10 * len(places) + 1
+        self.track(1)
+        self.assertEqual(len(self.received_in_the_end(count)), count)
+        log = (self.data / "native_sdk.txt").read_text()
+        self.assertEqual(log.count("10 events given up, status 400"), 1)
 
 
 if __name__ == "__main__":
