@@ -3,19 +3,11 @@
 
 usage: scripts/codes.py [--check]    --check writes nothing and fails when one of them is stale
 """
-import json
-import pathlib
 import sys
-import textwrap
 
-import yaml
+from generate import literal, main
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-SOURCE = ROOT / "docs/codes.yaml"
-PAGE = ROOT / "docs/codes.md"
-TABLE = ROOT / "tools/zelctl/CodeCatalogue.inc"
 TEXTS = ("name", "where", "meaning", "cause", "remedy", "log")
-LINE = 90  # room for indentation, quotes and comma within 100 columns
 
 INTRODUCTION = """# Result codes
 
@@ -51,12 +43,6 @@ def page(document):
     return note + INTRODUCTION + "\n" + "\n".join(lines) + "\n" + FAMILIES + families
 
 
-def literal(text):
-    """A C++ string literal, in several lines where it is long; the catalogue is ASCII."""
-    parts = textwrap.wrap(text, LINE, drop_whitespace=False, break_on_hyphens=False) or [""]
-    return "\n     ".join(json.dumps(part) for part in parts)
-
-
 def table(document):
     lines = ["// Made by scripts/codes.py from docs/codes.yaml.", "// clang-format off",
              "constexpr CodeText kCodeTexts[] = {"]
@@ -73,20 +59,6 @@ def ordered(document):
     return sorted(document["codes"], key=lambda entry: entry["code"])
 
 
-def main(arguments):
-    if arguments not in ([], ["--check"]):
-        print(__doc__.strip(), file=sys.stderr)
-        return 2
-    document = yaml.safe_load(SOURCE.read_text(encoding="ascii"))
-    stale = False
-    for path, text in ((PAGE, page(document)), (TABLE, table(document))):
-        if not arguments:
-            path.write_text(text, encoding="ascii")
-        elif path.read_text(encoding="ascii") != text:
-            print(f"{path.relative_to(ROOT)} is stale: run scripts/codes.py", file=sys.stderr)
-            stale = True
-    return 1 if stale else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(main(__doc__, "docs/codes.yaml",
+                  {"docs/codes.md": page, "tools/zelctl/CodeCatalogue.inc": table}))

@@ -4,17 +4,10 @@
 usage: scripts/messages.py [--check]    --check writes nothing and fails when one of them is stale
 """
 import json
-import pathlib
 import sys
-import textwrap
 
-import yaml
+from generate import literal, main
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-SOURCE = ROOT / "docs/messages/messages.yaml"
-PAGE = ROOT / "docs/messages.md"
-TABLE = ROOT / "tools/zelctl/MessageCatalogue.inc"
-LINE = 88  # room for indentation, quotes and comma within 100 columns
 NOTE = "<!-- Made by scripts/messages.py from docs/messages/messages.yaml. -->\n"
 
 
@@ -115,12 +108,6 @@ STATISTICS = [
 ]
 
 
-def literal(text):
-    """A C++ string literal, in several where it is long; the catalogue is ASCII."""
-    parts = textwrap.wrap(text, LINE, drop_whitespace=False, break_on_hyphens=False) or [""]
-    return "\n     ".join(json.dumps(part) for part in parts)
-
-
 def keys_of(document, schema, path=""):
     """(path, type, values, required, secret, meaning) of every member, depth first."""
     schema = resolved(document, schema)
@@ -179,20 +166,6 @@ PROXY_QUESTIONS = (7, 8)
 FEW = 10  # values that are worth being listed
 
 
-def main(arguments):
-    if arguments not in ([], ["--check"]):
-        print(__doc__.strip(), file=sys.stderr)
-        return 2
-    document = yaml.safe_load(SOURCE.read_text(encoding="utf-8"))
-    stale = False
-    for path, text in ((PAGE, page(document)), (TABLE, table_text(document))):
-        if not arguments:
-            path.write_text(text, encoding="utf-8")
-        elif path.read_text(encoding="utf-8") != text:
-            print(f"{path.relative_to(ROOT)} is stale: run scripts/messages.py", file=sys.stderr)
-            stale = True
-    return 1 if stale else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(main(__doc__, "docs/messages/messages.yaml",
+                  {"docs/messages.md": page, "tools/zelctl/MessageCatalogue.inc": table_text}))
