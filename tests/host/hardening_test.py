@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""Reads the built files: what hardens them must be there.
-
-The paths come from ZEL_FILES, separated by colons.
-"""
+"""Reads the built files, ZEL_FILES: what hardens them must be there."""
 
 import os
 import subprocess

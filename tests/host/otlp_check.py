@@ -1,7 +1,4 @@
-"""Sends events to nginx and reads them with protobuf's JSON mapping of the OTLP log messages.
-
-Needs TRACK_HOST, the path of the program that tracks.
-"""
+"""Reads what TRACK_HOST sends to nginx with protobuf's JSON mapping of the OTLP log messages."""
 
 import gzip
 import json

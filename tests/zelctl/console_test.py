@@ -1,7 +1,4 @@
-"""Talks with the console as a person at a terminal does, and through pipes.
-
-Needs ZELCTL, the path of the console.
-"""
+"""Talks with the console as a person at a terminal does, and through pipes."""
 
 import json
 import os
@@ -205,18 +202,20 @@ class ThroughPipes(TalkTest):
 
     def test_support_commands_answer_in_json(self):
         line = "2026-11-21 10:00:00.000 1 W [m] [a b:1] text"
-        for name, text in ("config.txt", "a=1\n"), ("m.txt", line + "\n"), ("old.txt", ""):
+        settings = "a=1=1\nno sign\nb= 2 "
+        for name, text in ("config.txt", settings), ("m.txt", line + "\n"), ("old.txt", ""):
             (self.folder / name).write_text(text)
         os.utime(self.folder / "old.txt", (10**9, 10**9))
         for command, answer in (
-            ("config .", {"a": "1"}),
-            ("config . a", {"a": "1"}),
+            ("config .", {"a": "1=1", "b": " 2 "}),
+            ("config . a", {"a": "1=1"}),
             ("logs view . --module m",
              {"time": line[:23], "module": "m", "level": "W", "text": line}),
             ("logs clean . --days 7", {"removed": 1}),
         ):
             self.assertEqual(json.loads(self.succeed(*command.split(), "--json")), answer)
         self.assertTrue((self.folder / "m.txt").exists())
+        self.refused("config", ".", "c", code=1, says='no setting "c"')
 
 
 if __name__ == "__main__":

@@ -1,7 +1,4 @@
-"""Runs the console's subcommands for support against the built library.
-
-Needs ZELCTL, the path of the console.
-"""
+"""Runs the console's subcommands for support against the built library."""
 
 import contextlib
 import json

@@ -1,7 +1,4 @@
-"""Plays sessions with the console against the built library, as its user would.
-
-Needs ZELCTL, the path of the console.
-"""
+"""Plays sessions with the console against the built library, as its user would."""
 
 import json
 import os
@@ -202,13 +199,6 @@ class Network(ConsoleTest):
 
 
 class Usage(ConsoleTest):
-    def test_settings_are_shown_as_the_library_reads_them(self):
-        self.assertEqual(self.succeed("config", "."), "")  # made where it was missing
-        (self.folder / "config.txt").write_bytes(b"b=2 \nno sign\na=1=1\nb=3\nempty=")
-        for key, shown in ([], "a=1=1\nb=2 \nempty=\n"), (["a"], "1=1\n"), (["empty"], "\n"):
-            self.assertEqual(self.succeed("config", ".", *key), shown)
-        self.refused("config", ".", "c", code=1, says='no setting "c"')
-
     def test_wrong_usage_is_one_line_and_changes_nothing(self):
         (self.folder / "file").write_text("kept")
         for says, *usages in (
