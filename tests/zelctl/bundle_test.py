@@ -1,5 +1,6 @@
 """Runs `zelctl bundle` against the built library."""
 
+import contextlib
 import glob
 import hashlib
 import json
@@ -164,9 +165,12 @@ class BundleTest(DataTest):
             for _ in range(100):
                 log.write((HEADER + "some text of a line\n") * 10000)
         with self.running("bundle", self.data, self.out) as console:
-            files = f"/proc/{console.pid}/fd/*"
-            while str(self.log) not in map(os.path.realpath, glob.glob(files)):
+            opened = set()
+            while str(self.log) not in opened:
                 self.assertIsNone(console.poll(), "the log was never opened")
+                for descriptor in glob.glob(f"/proc/{console.pid}/fd/*"):
+                    with contextlib.suppress(FileNotFoundError):
+                        opened.add(os.readlink(descriptor))
             console.send_signal(signal.SIGINT)
             output, error = console.communicate()
         self.assertEqual((console.returncode, output), (1, ""))
