@@ -142,7 +142,7 @@ TEST_F(LoginTest, AServerThatDoesNotBehaveCostsACode) {
       {"HTTP/1.1 302 Found\r\n\r\n{}", kAuditRefused},
       {head + "[1]", kAuditBadAnswer},
       {head + std::string(5000, '['), kAuditBadAnswer},
-      {head + R"({"value":0,"text":")" + std::string(100000, 'x') + "\"}", kAuditBadAnswer},
+      {head + R"({"value":0})" + std::string(100000, ' '), kAuditBadAnswer},  // cut
       {head + R"({"value":"0"})", kAuditBadAnswer},
       {head + R"({"value":0} rubbish)", kAuditBadAnswer},
       {"", kAuditNoAnswer}};
