@@ -27,6 +27,13 @@ constexpr char kMakeTable[] = "CREATE TABLE T(ID INTEGER PRIMARY KEY, NAME TEXT 
 constexpr char kAddRow[] = "INSERT INTO T(NAME) VALUES (NULL);";
 constexpr char kCountRows[] = "SELECT COUNT(*) FROM T;";
 
+// The name of the directory would be forgotten rather than freed.
+void ShutDownSQLite() {
+  sqlite3_free(sqlite3_temp_directory);
+  sqlite3_temp_directory = nullptr;
+  sqlite3_shutdown();
+}
+
 class SQLiteWrapperTest : public CacheDbTest {
  protected:
   std::unique_ptr<IDataManipulation> Prepare(const std::string& sql) {
@@ -92,7 +99,7 @@ TEST_F(SQLiteWrapperTest, ProbeTakesALockedFileAsReadableAndConfirmsAPathOnceInA
 // Without memory SQLite does not start and has no file system to ask; this has crashed.
 TEST_F(SQLiteWrapperTest, ASQLiteThatFindsNoMemoryToStartOpensNothing) {
   WriteWholeFile(DbFile(), "");
-  sqlite3_shutdown();
+  ShutDownSQLite();
   sqlite3_mem_methods memory = {};
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &memory);
   sqlite3_mem_methods none = memory;
@@ -139,7 +146,7 @@ TEST_F(SQLiteWrapperTest, EveryOperationIsSafeWithoutAConnection) {
 
 // An empty text was stored in its place.
 TEST_F(SQLiteWrapperTest, ARowWhoseTextFoundNoMemoryIsNotStored) {
-  sqlite3_shutdown();
+  ShutDownSQLite();
   sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1);  // else there is no limit
   m_db.Exec(kMakeTable);
   const auto insert = Prepare("INSERT INTO T(NAME) VALUES (?);");
