@@ -16,8 +16,9 @@ namespace {
 using namespace std::string_literals;
 using support::CountLog;
 
-void PushToWorker(std::function<void()> command) {
-  MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), "test");
+template <class Result>
+Result OnWorker(std::function<Result()> command) {
+  return MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), "test");
 }
 
 class PrivateManagerTest : public CacheDbTest {
@@ -28,9 +29,7 @@ class PrivateManagerTest : public CacheDbTest {
   }
   // Once the worker has done what it was given.
   ~PrivateManagerTest() override {
-    std::promise<void> done;
-    PushToWorker([&done] { done.set_value(); });
-    done.get_future().wait();
+    (void)OnWorker<int>([] { return 0; });
   }
 
   int Query(const std::string& key, int capacity = 1) {
@@ -51,7 +50,7 @@ class PrivateManagerTest : public CacheDbTest {
 
 TEST_F(PrivateManagerTest, AnAddedValueIsReadableBeforeTheDatabaseHasIt) {
   std::promise<void> release;
-  PushToWorker([waited = release.get_future().share()] { waited.wait(); });
+  OnWorker<void>([waited = release.get_future().share()] { waited.wait(); });
   EXPECT_EQ(m_manager.SingleAddConfigCache({0, "key", "value"}), 0);
   EXPECT_EQ(Query("key", 3), 0);  // would wait for ever if it asked the worker
   EXPECT_EQ(m_count, 1);
