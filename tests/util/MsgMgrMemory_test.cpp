@@ -30,6 +30,7 @@ namespace {
 
 TEST(MsgMgrMemoryTest, WithoutMemoryNothingIsQueued) {
   support::ClearLog();
+  MsgMainThreadMgr& worker = MsgMainThreadMgrHandler::GetInst();  // starts with memory
   const std::string name(100, 'n');
   int runs = 0;
   int refusals = -1;
@@ -37,7 +38,7 @@ TEST(MsgMgrMemoryTest, WithoutMemoryNothingIsQueued) {
   for (; result == kPushNoMemory; ++refusals) {  // another of its allocations fails each time
     std::function<int()> command = [&runs] { return ++runs; };
     t_allocationsLeft = refusals + 1;
-    result = MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), name);
+    result = worker.PushCmd(std::move(command), name);
     t_allocationsLeft = -1;
   }
   EXPECT_EQ(result, 1);
