@@ -46,7 +46,7 @@ TEST(LoopbackServerTest, ServesTheNextClientAfterRubbish) {
   LoopbackServer server(SOCK_STREAM, [](int client) {
     LoopbackRequest request;
     if (zelctl::ReadRequest(client, &request)) {
-      (void)zelctl::SendAll(client, request.Header("x-name") + request.body);
+      (void)zelctl::SendAll(client, request.Header("x-name") + ":" + request.body);
     }
   });
   const std::pair<std::string, std::string> cases[] = {
@@ -54,7 +54,7 @@ TEST(LoopbackServerTest, ServesTheNextClientAfterRubbish) {
       {"GET \n \r\n\r\n", ""},
       {std::string(100000, 'x'), ""},
       {"POST / HTTP/1.1\r\nContent-Length: 999999999\r\n\r\n", ""},
-      {"POST / HTTP/1.1\r\nX-Name: Value\r\ncontent-LENGTH: 2\r\n\r\nok", "Valueok"},
+      {"POST / HTTP/1.1\r\nX-Name: Value\r\ncontent-LENGTH: 2\r\n\r\nok", "Value:ok"},
   };
   for (const auto& [request, answer] : cases) {
     const int client = zelctl::ConnectLoopback(server.Port());
