@@ -40,7 +40,7 @@ class CommonUtilDBInterfaceTest : public CacheDbTest {
   }
   int Init() { return m_manager.InitDB(m_dir.Path(), m_dir.Path()); }
   int InitWith(const Codes& starts, const Codes& stops = {}, int encryptCode = 0) {
-    support::SetZormScript({starts, stops, encryptCode, 0});
+    support::SetZormScript({starts, stops, encryptCode});
     return Init();
   }
   // As a process that starts on the files of an earlier one.

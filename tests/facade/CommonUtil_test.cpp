@@ -50,7 +50,7 @@ class CommonUtilTest : public testing::Test {
 
   static void SetPlatform(const Texts& detectIps) {
     support::ResetPlatformDouble();
-    support::SetNetScript({{}, 200, kPlatformResult, detectIps});
+    support::SetNetScript({kPlatformResult, detectIps});
     support::SetTrackResult(kTrackResult);
   }
   static PlatformCall LastTrack() { return support::TrackCalls().back(); }
@@ -83,7 +83,7 @@ TEST_F(CommonUtilTest, InitialisesOnceAndGoesOnWithoutTracking) {
 }
 
 TEST_F(CommonUtilTest, AFailedDatabaseGivesOneAndStaysTheOnlyTry) {
-  support::SetZormScript({{}, {77}, 0, 0});
+  support::SetZormScript({{}, {77}, 0});
   EXPECT_EQ(m_manager.InitCommonUtil(m_param, nullptr), 1);
   EXPECT_EQ(CountLog("InitDB err, ret = 77", kError), 1);
   EXPECT_EQ(m_manager.InitCommonUtil(m_param, nullptr), 2);
