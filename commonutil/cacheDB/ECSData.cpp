@@ -74,7 +74,7 @@ bool ECSData::CheckSDKCacheDB(std::string dbFile, std::string key) {
 bool ECSData::IsUnknown() const {
   const auto storage = DataStorageMgr::GetInst().ShareDataStorage(kCacheDbName);
   const auto* const database = dynamic_cast<const SQLiteDB*>(storage.get());
-  return database != nullptr && database->IsProbeVoid();
+  return database == nullptr || database->IsProbeVoid();
 }
 
 bool ECSData::FinalizeSDKCacheDB(std::string dbFile) const {

@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include "CacheDbTest.h"
+#include "cacheDB/ECSData.h"
 
 namespace commonutil {
 namespace {
@@ -59,6 +60,13 @@ TEST_F(MachineFaultTest, FilesThatCannotBeOpenedGiveNoVerdictOnADatabase) {
   EXPECT_GE(refused, 2);
   EXPECT_TRUE(found.IsCanOpen());
   EXPECT_EQ(ReadText(found, "SELECT COUNT(*) FROM T;"), "0");
+}
+
+TEST_F(MachineFaultTest, ADatabaseThatFoundNoMemoryIsUnknown) {
+  EXPECT_TRUE(ECSData::GetInst().IsUnknown());
+  support::WriteWholeFile(DbFile(), std::string(4096, 'x'));
+  EXPECT_FALSE(ECSData::GetInst().CheckSDKCacheDB(DbFile(), kKey));
+  EXPECT_FALSE(ECSData::GetInst().IsUnknown());
 }
 
 }  // namespace
