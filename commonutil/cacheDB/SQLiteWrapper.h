@@ -95,8 +95,8 @@ class SQLiteDB : public IDataStorage {
   bool TestOpen() override;
   // A locked file counts as readable, and so does any openable file without a key.
   bool IsCanOpen() override;
-  // Whether it was memory, space or descriptors that IsCanOpen lacked last: it tells nothing about
-  // the file then.
+  // Whether IsCanOpen failed last for want of something of the machine (memory, space, descriptors,
+  // a turn at the log): it tells nothing about the file then.
   bool IsProbeVoid() const { return m_probeVoid.load(); }
   void Key(const std::string& databaseKey) override;
   std::int64_t GetLastInsertRowId() override;
