@@ -2,21 +2,27 @@
 # Searches for inputs that break the library: every fuzz target in turn, the time shared evenly.
 # Keeps findings in fuzz/findings/<target>, where the ordinary tests replay them, and then ends
 # with 1. What the search learnt stays in build/fuzz/corpus, so the next one goes on from there.
-#   scripts/fuzz.sh [--seconds N]   N seconds for all targets together, else an hour
+#   scripts/fuzz.sh [--seconds N] [TARGET...]   N seconds for all targets together, else an hour
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
 
+usage() {
+  echo "usage: scripts/fuzz.sh [--seconds N] [TARGET...]" >&2
+  exit 2
+}
+
 seconds=3600
-case "$#:${1:-}" in
-  0:) ;;
-  2:--seconds) seconds=$((${2:?})) ;;
-  *)
-    echo "usage: scripts/fuzz.sh [--seconds N]" >&2
-    exit 2
-    ;;
-esac
+if [[ ${1:-} == --seconds ]]; then
+  [[ ${2:-} =~ ^[0-9]+$ ]] || usage
+  seconds=$2
+  shift 2
+fi
+for target; do
+  [[ -e $root/fuzz/$target.cpp ]] || usage
+done
+targets=("$@")
 
 readonly limits=(-max_len=4096 -rss_limit_mb=1024 -timeout=20)
 readonly corpora=$root/build/fuzz/corpus
@@ -54,7 +60,9 @@ search() {
     >"$logs/$target.log" 2>&1
 }
 
-mapfile -t targets < <(cd "$root/build/fuzz/bin" && printf '%s\n' fuzz_* | sed 's/^fuzz_//')
+if [[ ${#targets[@]} -eq 0 ]]; then
+  mapfile -t targets < <(cd "$root/build/fuzz/bin" && printf '%s\n' fuzz_* | sed 's/^fuzz_//')
+fi
 readonly share=$((seconds / ${#targets[@]} > 0 ? seconds / ${#targets[@]} : 1))
 mkdir -p "$logs"
 failed=no
