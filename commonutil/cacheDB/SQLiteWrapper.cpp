@@ -10,6 +10,7 @@
 #include "cacheDB/IdleStatements.h"
 #include "cacheDB/SQLiteConnectionLock.h"
 #include "util/Log.h"
+#include "util/Mutex.h"
 #include "util/PublicUtil.h"
 #include "zel_platform/prax.h"
 
@@ -44,6 +45,23 @@ constexpr char kLeaveLogSql[] =
 constexpr char kShareSql[] = "PRAGMA locking_mode = NORMAL; SELECT COUNT(*) FROM sqlite_master;";
 constexpr char kLogSuffix[] = "-wal";
 constexpr char kIndexSuffix[] = "-shm";
+
+// SQLite begins by itself, again where it found no memory. Its encryption then counts on from where
+// it had come to, and takes its own databases for damaged; ending SQLite resets the count.
+bool BeginSQLite() {
+  static Mutex& lock = *new Mutex;
+  static bool hasBegun = false;
+  static bool isCountedOn = false;
+  MutexLock hold(lock);
+  if (hasBegun) return true;
+  hasBegun = sqlite3_initialize() == SQLITE_OK;
+  if (hasBegun && isCountedOn) {
+    (void)sqlite3_shutdown();
+    hasBegun = sqlite3_initialize() == SQLITE_OK;
+  }
+  isCountedOn = !hasBegun;
+  return hasBegun;
+}
 
 // The text of an error is not asked for: the log lines carry its code.
 int Run(sqlite3* db, const std::string& sql) {
@@ -105,7 +123,6 @@ std::string FixedName(const std::string& path) {
 
 bool TakesFiles(const std::string& directory) {
   sqlite3_vfs* const system = sqlite3_vfs_find(nullptr);
-  if (system == nullptr) return true;  // without memory; opening tells
   int takes = 1;
   const int result = system->xAccess(system, directory.c_str(), SQLITE_ACCESS_READWRITE, &takes);
   return result != SQLITE_OK || takes != 0;
@@ -355,6 +372,7 @@ bool SQLiteDB::StartWriteAhead(sqlite3* db) const {
 // A database with a log cannot even be read where its side files cannot be made; without them it
 // is taken as it lies there, read-only.
 int SQLiteDB::OpenFile(const std::string& path, sqlite3** db) const {
+  if (!BeginSQLite()) return SQLITE_NOMEM;
   if (!Exists(path) || TakesFiles(DirectoryOf(path)) || IsReadable(kOpenFlags, path)) {
     return sqlite3_open_v2(path.c_str(), db, kOpenFlags, nullptr);
   }

@@ -1,5 +1,7 @@
 // What the machine refuses tells nothing about the database.
+#include <cstdlib>
 #include <filesystem>
+#include <utility>
 
 #include <sqlite3.h>
 
@@ -39,7 +41,56 @@ class FilesLeft {
   sqlite3_vfs m_scarce;
 };
 
+// SQLite's memory: how often it was asked for, and which time there is none.
+int g_asked = 0;
+int g_refused = 0;
+void* (*g_usualMalloc)(int) = nullptr;
+
+void* MallocButOnce(int size) { return ++g_asked == g_refused ? nullptr : g_usualMalloc(size); }
+
+void UseMemory(const sqlite3_mem_methods& memory) {
+  (void)sqlite3_shutdown();
+  (void)sqlite3_config(SQLITE_CONFIG_MALLOC, &memory);
+}
+
+// The database that lies at `path` is met without memory at all, then by a beginning of SQLite
+// whose last allocation fails, the encryption's, and then with memory. The number of the first
+// surprise.
+int OpenAsMemoryReturns(const std::string& path) {
+  sqlite3_mem_methods usual = {};
+  (void)sqlite3_shutdown();
+  (void)sqlite3_config(SQLITE_CONFIG_GETMALLOC, &usual);
+  g_usualMalloc = usual.xMalloc;
+  sqlite3_mem_methods scarce = usual;
+  scarce.xMalloc = MallocButOnce;
+  UseMemory(scarce);
+  (void)sqlite3_initialize();
+  g_refused = std::exchange(g_asked, 0);
+  sqlite3_mem_methods none = usual;
+  none.xInit = [](void*) { return SQLITE_NOMEM; };
+
+  SQLiteDB db("db", path, kKey);
+  UseMemory(none);
+  if (db.IsCanOpen() || !db.IsProbeVoid()) return 1;
+  UseMemory(scarce);
+  if (db.IsCanOpen() || !db.IsProbeVoid()) return 2;
+  return db.IsCanOpen() ? 0 : 3;
+}
+
 using MachineFaultTest = CacheDbTest;
+
+TEST_F(MachineFaultTest, ABeginningOfSQLiteWithoutMemoryGivesNoVerdictOnADatabase) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process in which SQLite has not begun
+  const auto open = [&] {
+    sqlite3* made = nullptr;
+    (void)sqlite3_open(DbFile().c_str(), &made);
+    (void)sqlite3_key(made, kKey, sizeof(kKey) - 1);
+    (void)sqlite3_exec(made, "CREATE TABLE T(ID INTEGER);", nullptr, nullptr, nullptr);
+    (void)sqlite3_close(made);
+    return OpenAsMemoryReturns(DbFile());
+  };
+  EXPECT_EXIT(std::exit(open()), testing::ExitedWithCode(0), "");
+}
 
 // As a killed process leaves it: all rows are in the log.
 TEST_F(MachineFaultTest, FilesThatCannotBeOpenedGiveNoVerdictOnADatabase) {

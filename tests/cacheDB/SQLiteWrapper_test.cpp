@@ -96,21 +96,6 @@ TEST_F(SQLiteWrapperTest, ProbeTakesALockedFileAsReadableAndConfirmsAPathOnceInA
              {kInfo, "Succeed to test open the db", 2}});
 }
 
-// Without memory SQLite does not start and has no file system to ask; this has crashed.
-TEST_F(SQLiteWrapperTest, ASQLiteThatFindsNoMemoryToStartOpensNothing) {
-  WriteWholeFile(DbFile(), "");
-  ShutDownSQLite();
-  sqlite3_mem_methods memory = {};
-  sqlite3_config(SQLITE_CONFIG_GETMALLOC, &memory);
-  sqlite3_mem_methods none = memory;
-  none.xInit = [](void*) { return SQLITE_NOMEM; };
-  sqlite3_config(SQLITE_CONFIG_MALLOC, &none);
-  EXPECT_FALSE(m_db.IsCanOpen());
-  EXPECT_TRUE(m_db.IsProbeVoid());
-  sqlite3_config(SQLITE_CONFIG_MALLOC, &memory);
-  EXPECT_TRUE(m_db.IsCanOpen());
-}
-
 class UnopenableDB : public SQLiteDB {
  public:
   using SQLiteDB::SQLiteDB;
