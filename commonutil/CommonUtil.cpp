@@ -1,7 +1,5 @@
 #include "CommonUtil.h"
 
-#include <functional>
-
 #include "publicInc/CommonUtilManager.h"
 #include "publicInc/ResultCode.h"
 #include "util/Boundary.h"
@@ -22,16 +20,15 @@ constexpr char kInitCommandName[] =
 }  // namespace
 
 CommonUtil& CommonUtil::getInst() {
-  static CommonUtil& instance = *new CommonUtil;
+  static CommonUtil instance;  // has nothing to destroy
   return instance;
 }
 
 int CommonUtil::InitCommonUtil(const tagZelUtilInitParam& param, GlobalCallback* callback) {
-  const std::function<int()> command = [&param, callback] {
-    return AtBoundary(
-        kFailed, [&] { return CommonUtilManager::GetInstance().InitCommonUtil(param, callback); });
+  const auto command = [&param, callback] {
+    return CommonUtilManager::GetInstance().InitCommonUtil(param, callback);
   };
-  return MsgMainThreadMgrHandler::GetInst().PushCmd(command, kInitCommandName);
+  return RunOnWorker(command, kInitCommandName);
 }
 
 int CommonUtil::UninitCommonUtil() {
@@ -42,22 +39,26 @@ int CommonUtil::UninitCommonUtil() {
 void CommonUtil::StopMsgThread() { MsgMainThreadMgr::StopThread(); }
 
 int CommonUtil::SetLogPath(const std::string& path, tagLoggerLevel level) {
-  return CommonUtilManager::GetInstance().UpdateLogPath(path, level);
+  return AtBoundary(kFailed,
+                    [&] { return CommonUtilManager::GetInstance().UpdateLogPath(path, level); });
 }
 
 void CommonUtil::GetDeviceGuid(char* buf, int& len) {
   if (buf == nullptr) return;
-  const std::string guid = CommonUtilManager::GetInstance().GetDeviceGuid();
+  const std::string guid =
+      AtBoundary(std::string(), [] { return CommonUtilManager::GetInstance().GetDeviceGuid(); });
   const errno_t error = strcpy_s(buf, static_cast<rsize_t>(len), guid.c_str());
   if (error != 0) ZEL_LOG(kError) << "secure function return err: " << error;
   len = static_cast<int>(guid.size());
 }
 
 void CommonUtil::SetDeviceGuid(const char* guid) {
-  CommonUtilManager::GetInstance().SetDeviceGuid(guid);
+  AtBoundary([guid] { CommonUtilManager::GetInstance().SetDeviceGuid(guid); });
 }
 
-std::string CommonUtil::GetDBPath() { return CommonUtilManager::GetInstance().GetDBPath(); }
+std::string CommonUtil::GetDBPath() {
+  return AtBoundary(std::string(), [] { return CommonUtilManager::GetInstance().GetDBPath(); });
+}
 
 tagSDKERR CommonUtil::GetGlobalErrorCode(int code) {
   return ZelGlobalErrorCode::GetGlobalErrorCode(code);

@@ -2,8 +2,8 @@
 //
 // Initialisation runs on the command worker and blocks its caller until it has ended. After
 // UninitCommonUtil or StopMsgThread the worker is gone for good, and a call that needs it
-// throws std::future_error (the first) or never returns (the later ones). Where the worker cannot
-// be started the call throws std::system_error; the next one tries again.
+// throws std::future_error (the first) or never returns (the later ones). Nothing else throws:
+// without memory a call returns kFailed, or does nothing.
 #pragma once
 
 #include <string>
@@ -25,7 +25,8 @@ class ZEL_API CommonUtil {
 
   // Sets tracking, the configuration directory and the encrypted cache up, once per process.
   // Both paths are directories. `callback` may be null and must stay alive. Returns 0,
-  // kFailed when the cache database cannot be used (the rest works), kAlreadyInitialised.
+  // kFailed when the cache database cannot be used (the rest works), kAlreadyInitialised, or
+  // kPushNoMemory where the worker finds no memory or no thread: the next call tries again.
   int InitCommonUtil(const tagZelUtilInitParam& param, GlobalCallback* callback);
   // Ends the command worker and tracking; the database stays open, and there is no second
   // initialisation. Returns the tracking library's result.
@@ -108,7 +109,8 @@ class ZEL_API CommonUtil {
   // Each returns the tracking library's result unless said otherwise, and kBadParameter for a
   // null index or one of length 0. Records are copied.
   int UTConfigCustomParam(const tagZelUtilCustomParam& param);
-  // Also replaces the device GUID by `deviceId`, an empty one included. Always 0.
+  // Also replaces the device GUID by `deviceId`, an empty one included. 0, whatever the tracking
+  // library returns.
   int UTConfigPublicParam(const tagZelUtilPublicParam& param);
   // Adds one event.
   int UTAddUserTrack(const tagZelUtilSpecialParam& param);

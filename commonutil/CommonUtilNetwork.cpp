@@ -29,28 +29,42 @@ void LogCopyError(errno_t error) {
   if (error != 0) ZEL_LOG(kError) << "secure func return err: " << error;
 }
 
+// Sets what the platform knows, if it does.
+void SetKnownServers(NetDetectServers servers, bool flag) {
+  std::vector<std::string> list;
+  if (GetNetDetectIps(list, flag) != 0 || list.size() < kFirstKnownServer + servers.kCount) return;
+  for (std::size_t i = 0; i < servers.kCount; ++i) {
+    servers.Set(i, list[kFirstKnownServer + i].c_str());
+  }
+  (void)servers.Apply();  // the caller's addresses follow, and win
+}
+
 }  // namespace
 
 int CommonUtil::SetUserInfo(const tagZelUtilProxyInfo& proxyInfo, const char* url,
                             unsigned long urlLen) {
   if (url == nullptr || urlLen == 0) return kBadParameter;
-  ProxyInfo proxy;
-  proxy.setProxyServer(FixedText(proxyInfo.server));
-  proxy.setProxyPort(static_cast<std::int32_t>(proxyInfo.port));
-  proxy.setProxyAccount(FixedText(proxyInfo.userName));
-  std::string password = FixedText(proxyInfo.password);
-  const WipeGuard wipe(password);
-  proxy.setProxyPassword(password);
-  return ProxyDetect::GetInstance().SetUserInfo(proxy, url);
+  return AtBoundary(kFailed, [&] {
+    ProxyInfo proxy;
+    proxy.setProxyServer(FixedText(proxyInfo.server));
+    proxy.setProxyPort(static_cast<std::int32_t>(proxyInfo.port));
+    proxy.setProxyAccount(FixedText(proxyInfo.userName));
+    std::string password = FixedText(proxyInfo.password);
+    const WipeGuard wipe(password);
+    proxy.setProxyPassword(password);
+    return ProxyDetect::GetInstance().SetUserInfo(proxy, url);
+  });
 }
 
 int CommonUtil::GetProxy(GetProxyCompletedCallback* callback) {
-  return static_cast<int>(ProxyDetect::GetInstance().GetProxy(callback));
+  return AtBoundary(kFailed, [callback] {
+    return static_cast<int>(ProxyDetect::GetInstance().GetProxy(callback));
+  });
 }
 
 void CommonUtil::NetworkChange(const char* info, unsigned long,
                                GetProxyCompletedCallback* callback) {
-  ProxyDetect::GetInstance().NetworkChange(TextOrEmpty(info), callback);
+  AtBoundary([&] { ProxyDetect::GetInstance().NetworkChange(TextOrEmpty(info), callback); });
 }
 
 int CommonUtil::HttpSetProxy(const char* domain, const char* user, const char* password,
@@ -78,14 +92,7 @@ void CommonUtil::NetDetectNotify(tagNET_DETECT_PROCESS_RESULT& result) {
 int CommonUtil::SetNetDetectSrvs(const char* s1, const char* s2, const char* s3, const char* s4,
                                  const char*, const char*, bool flag) {
   NetDetectServers servers;
-  std::vector<std::string> list;
-  if (GetNetDetectIps(list, flag) == 0 && list.size() >= kFirstKnownServer + servers.kCount) {
-    NetDetectServers known = servers;
-    for (std::size_t i = 0; i < known.kCount; ++i) {
-      known.Set(i, list[kFirstKnownServer + i].c_str());
-    }
-    (void)known.Apply();  // the caller's addresses win
-  }
+  AtBoundary([&servers, flag] { SetKnownServers(servers, flag); });
   const char* const given[servers.kCount] = {s1, s2, s3, s4};
   for (std::size_t i = 0; i < servers.kCount; ++i) servers.Set(i, TextOrEmpty(given[i]));
   return servers.Apply();

@@ -1,9 +1,12 @@
 // The facade's calls into user tracking.
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "CommonUtil.h"
 #include "publicInc/CommonUtilManager.h"
 #include "publicInc/ResultCode.h"
+#include "util/Boundary.h"
 #include "util/FixedText.h"
 #include "util/Log.h"
 #include "util/Statistics.h"
@@ -31,13 +34,14 @@ UTContextPublicParam OwnCopy(const tagZelUtilPublicParam& param) {
           FixedText(param.accessSubtype)};
 }
 
-// Points into `event`.
-UTEventRecord RecordOf(const UTContextSpecialParam& event, std::int32_t param) {
-  return {event.eventId.c_str(), event.arg1.c_str(), event.arg2.c_str(),
-          event.arg3.c_str(),    event.args.c_str(), param};
-}
-
-int Counted(int result) {
+// Hands the event's record to `track`, and counts what becomes of it; kFailed without memory.
+template <class Track>
+int WithRecord(const tagZelUtilSpecialParam& param, std::int32_t number, Track track) {
+  const int result = AtBoundary(kFailed, [&] {
+    const UTContextSpecialParam event = OwnCopy(param);
+    return track(UTEventRecord{event.eventId.c_str(), event.arg1.c_str(), event.arg2.c_str(),
+                               event.arg3.c_str(), event.args.c_str(), number});
+  });
   Statistics::Count(result == kOk ? Counter::kTrackingEvents : Counter::kTrackingRefusals);
   return result;
 }
@@ -71,7 +75,7 @@ int CommonUtil::UTConfigCustomParam(const tagZelUtilCustomParam& param) {
   return Track_ConfigCustomParam(param.uploadSwitch, &param);
 }
 
-int CommonUtil::UTConfigPublicParam(const tagZelUtilPublicParam& param) {
+int CommonUtil::UTConfigPublicParam(const tagZelUtilPublicParam& param) try {
   ZEL_LOG(kInfo) << "[UT] start!";
   const UTContextPublicParam own = OwnCopy(param);
   CommonUtilManager& manager = CommonUtilManager::GetInstance();
@@ -84,12 +88,13 @@ int CommonUtil::UTConfigPublicParam(const tagZelUtilPublicParam& param) {
   if (errors != 0) ZEL_LOG(kError) << "secure function return err: " << errors;
   (void)Track_ConfigTanloContextPublicParam(&record);
   return kOk;
+} catch (const std::bad_alloc&) {
+  return kFailed;
 }
 
 int CommonUtil::UTAddUserTrack(const tagZelUtilSpecialParam& param) {
-  const UTContextSpecialParam event = OwnCopy(param);
-  const UTEventRecord record = RecordOf(event, 0);
-  return Counted(Track_AddUserTrack(&record));
+  return WithRecord(param, 0,
+                    [](const UTEventRecord& record) { return Track_AddUserTrack(&record); });
 }
 
 int CommonUtil::UTStartEvent(const char* index, unsigned long length) {
@@ -103,9 +108,9 @@ int CommonUtil::UTFinishEvent(const char* index, unsigned long length,
     ZEL_LOG(kError) << "params error! indexLen: " << length;
     return kBadParameter;
   }
-  const UTContextSpecialParam event = OwnCopy(param);
-  const UTEventRecord record = RecordOf(event, param.param);
-  return Counted(Track_FinishEvent(index, &record, length));
+  return WithRecord(param, param.param, [index, length](const UTEventRecord& record) {
+    return Track_FinishEvent(index, &record, length);
+  });
 }
 
 int CommonUtil::UTAddSubEvent(const char* index, unsigned long length,
@@ -121,9 +126,8 @@ int CommonUtil::UTUploadData() {
 }
 
 int CommonUtil::UTAddMediaTrack(const tagZelUtilSpecialParam& param, bool flag) {
-  const UTContextSpecialParam event = OwnCopy(param);
-  const UTEventRecord record = RecordOf(event, 0);
-  return Counted(Track_AddMediaTrack(&record, flag));
+  return WithRecord(
+      param, 0, [flag](const UTEventRecord& record) { return Track_AddMediaTrack(&record, flag); });
 }
 
 int CommonUtil::UTAddConfMediaTrack(unsigned int id, const char* data, bool flag) {
@@ -134,7 +138,8 @@ int CommonUtil::UTSetCpuAndMemoryParam(const tagZelCpuAndMemoryParam& param) {
   UTCpuMemoryRecord record = {};
   static_assert(sizeof(record.values) == sizeof(param.values), "copied unchanged");
   std::memcpy(record.values, param.values, sizeof(record.values));
-  const errno_t error = Fill(record.text, FixedText(param.text));
+  const errno_t error =
+      AtBoundary(ENOMEM, [&] { return Fill(record.text, FixedText(param.text)); });
   if (error != 0) ZEL_LOG(kError) << "secure function return err: " << error;
   return MediaTrack_SetCpuAndMemoryInfo(&record);
 }

@@ -316,12 +316,10 @@ static_assert(offsetof(commonutil::ZelConfigCache, key) == 8 &&
 constexpr char kBatchAddName[] = "int CallBackBatchAddConfigCache(const void *, int)";
 
 int PushBatchAdd(const commonutil::ZelConfigCache* entries, int count) {
-  const std::function<int()> add = [entries, count] {
-    return commonutil::AtBoundary(commonutil::kFailed, [&] {
-      return commonutil::SqliteInterfaceManager::GetInst().BatchAddConfigCache(entries, count);
-    });
+  const auto add = [entries, count] {
+    return commonutil::SqliteInterfaceManager::GetInst().BatchAddConfigCache(entries, count);
   };
-  return commonutil::MsgMainThreadMgrHandler::GetInst().PushCmd(add, kBatchAddName);
+  return commonutil::RunOnWorker(add, kBatchAddName);
 }
 
 int QueryByKey(const char* key, commonutil::ZelConfigCache* out, int* count) {

@@ -51,13 +51,10 @@ std::string MemoryKey(const std::string& key) {
 }
 
 int StoreInMemory(const ZelConfigCache& row) {
-  return ZELCache::GetInstance()->Put(MemoryKey(row.key), std::make_shared<std::string>(row.value));
-}
-
-// A command that throws would end the process.
-int RunOnWorker(const std::function<int()>& command, const char* name) {
-  const std::function<int()> safe = [&command] { return AtBoundary(kFailed, command); };
-  return MsgMainThreadMgrHandler::GetInst().PushCmd(safe, name);
+  return AtBoundary(kFailed, [&row] {
+    return ZELCache::GetInstance()->Put(MemoryKey(row.key),
+                                        std::make_shared<std::string>(row.value));
+  });
 }
 
 void ReleaseQuery(ZelQueryConfigCache* query) {
@@ -87,7 +84,7 @@ int QueryDatabase(const std::string& key, ZelConfigCache* out, int* count) {
     return kNoMemory;
   }
   const int result = RunOnWorker(
-      [query] { return SqliteInterfaceManager::GetInst().QueryConfigCacheOfSharedPtr(query); },
+      [&query] { return SqliteInterfaceManager::GetInst().QueryConfigCacheOfSharedPtr(query); },
       kQueryName);
   *count = query->count;
   for (int i = 0; i < query->count; ++i) out[i] = std::move(query->result[i]);
@@ -109,17 +106,19 @@ void TellTracking(const tagZelUtilPublicSdkParam& param) {
 }  // namespace
 
 CommonUtilPrivateManager& CommonUtilPrivateManager::getInst() {
-  static CommonUtilPrivateManager& instance = *new CommonUtilPrivateManager;
+  static CommonUtilPrivateManager instance;  // has nothing to destroy
   return instance;
 }
 
 int CommonUtilPrivateManager::SingleAddConfigCache(const ZelConfigCache& row) {
   ZEL_LOG_DATA(kInfo) << "start, key = " << row.key;
-  std::function<void()> command = [row] {
-    AtBoundary([&] { SqliteInterfaceManager::GetInst().SingleAddConfigCache(row); });
-  };
-  MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), kSingleAddName);
-  return StoreInMemory(row);
+  return AtWorkersEdge([&row] {
+    std::function<void()> command = [row] {
+      AtBoundary([&] { SqliteInterfaceManager::GetInst().SingleAddConfigCache(row); });
+    };
+    MsgMainThreadMgrHandler::GetInst().PushCmd(std::move(command), kSingleAddName);
+    return StoreInMemory(row);
+  });
 }
 
 int CommonUtilPrivateManager::BatchAddConfigCache(const ZelConfigCache* rows, int count) {
@@ -139,12 +138,14 @@ int CommonUtilPrivateManager::BatchAddConfigCache(const ZelConfigCache* rows, in
 
 int CommonUtilPrivateManager::DeleteConfigCacheByKey(const std::string& key) {
   ZEL_LOG_DATA(kInfo) << "start, key = " << key;
-  (void)ZELCache::GetInstance()->Remove(MemoryKey(key));  // the database decides the result
-  return RunOnWorker(
-      [&key] {
-        return SqliteInterfaceManager::GetInst().DeleteConfigCache(ZelMatchInfo{key, kMatchKey});
-      },
-      kDeleteName);
+  return AtWorkersEdge([&key] {
+    (void)ZELCache::GetInstance()->Remove(MemoryKey(key));  // the database decides the result
+    return RunOnWorker(
+        [&key] {
+          return SqliteInterfaceManager::GetInst().DeleteConfigCache(ZelMatchInfo{key, kMatchKey});
+        },
+        kDeleteName);
+  });
 }
 
 int CommonUtilPrivateManager::QueryConfigCacheByKey(const std::string& key, ZelConfigCache* out,
@@ -153,13 +154,15 @@ int CommonUtilPrivateManager::QueryConfigCacheByKey(const std::string& key, ZelC
     ZEL_LOG(kError) << "param error.";
     return kBadParameter;
   }
-  std::shared_ptr<std::string> value;
-  if (ZELCache::GetInstance()->Get(MemoryKey(key), value) != kOk || value == nullptr) {
-    return QueryDatabase(key, out, count);
-  }
-  out[0].value = *value;
-  *count = 1;
-  return kOk;
+  return AtWorkersEdge([&] {
+    std::shared_ptr<std::string> value;
+    if (ZELCache::GetInstance()->Get(MemoryKey(key), value) != kOk || value == nullptr) {
+      return QueryDatabase(key, out, count);
+    }
+    out[0].value = *value;
+    *count = 1;
+    return int{kOk};
+  });
 }
 
 bool CommonUtilPrivateManager::addConfigInfo(std::string key, std::string value) {

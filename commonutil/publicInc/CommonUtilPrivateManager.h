@@ -30,7 +30,8 @@ class ZEL_API CommonUtilPrivateManager {
 
   // --- Config cache ----------------------------------------------------------
   // Codes of the database: kCacheBadArgument and kCacheNotReady of a delete, kBadParameter,
-  // kQueryNotReady and kQueryNoEntry of a query.
+  // kQueryNotReady and kQueryNoEntry of a query. kPushNoMemory without memory, or without a thread
+  // for the worker.
 
   // Stores the entry, replacing an earlier one of its key. It can be queried when this returns;
   // the database follows on the worker, and nobody is told when it fails. Returns 0, or the

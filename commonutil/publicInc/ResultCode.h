@@ -10,7 +10,7 @@ enum ResultCode : int {
   kFailed = 1,                   // generic failure
   kAlreadyInitialised = 2,       // the one initialisation has been entered before
   kPushNullCommand = -1,         // synchronous push of an empty callable
-  kPushNoMemory = -2,            // no memory for a command
+  kPushNoMemory = -2,            // no memory for a command, or no thread to run it
   kCacheBadArgument = 10000,     // cache add and delete
   kCacheNotReady = 10001,        // cache add and delete: database not initialised
   kBadParameter = 411000002,     // null, empty or of length 0

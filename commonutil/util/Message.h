@@ -65,7 +65,8 @@ using TwoMessageCallback = int (*)(int type, int id, MessageObject* message,
 // must live until the callback has run.
 class ZEL_API CommonMessageQueue {
  public:
-  // The queue of the process; the first call starts its thread. Never destroyed.
+  // The queue of the process; the first call starts its thread, and throws std::bad_alloc when it
+  // finds no memory: the next one tries again. Never destroyed.
   static CommonMessageQueue& getInst();
 
   CommonMessageQueue(const CommonMessageQueue&) = delete;

@@ -1,10 +1,11 @@
 #include "util/MsgMgr.h"
 
-#include <new>
 #include <thread>
 
 #include "publicInc/ResultCode.h"
+#include "util/Boundary.h"
 #include "util/Log.h"
+#include "util/ScopeGuard.h"
 #include "util/Statistics.h"
 #include "zel_platform/prax.h"
 #include "zel_platform/track.h"
@@ -67,8 +68,10 @@ void MsgMainThreadMgr::PushCmd(std::function<void()> func, const std::string& na
 }
 
 void MsgMainThreadMgr::Push(std::shared_ptr<ThreadExecInterface> command) {
-  Statistics::Count(Counter::kCommandsPushed);
+  Statistics::Count(Counter::kCommandsPushed);  // first: the worker may have run it at once
+  ScopeGuard refused([] { Statistics::TakeBack(Counter::kCommandsPushed); });
   PushBack(std::move(command));
+  refused.Dismiss();
 }
 
 void MsgMainThreadMgr::StopThread() { m_stopRunFlag.store(1); }
@@ -101,6 +104,17 @@ void MsgMainThreadMgr::ThreadFunc() {
 MsgMainThreadMgr& MsgMainThreadMgrHandler::GetInst() {
   static MsgMainThreadMgrHandler* const instance = new MsgMainThreadMgrHandler;
   return instance->m_manager;
+}
+
+// The line of PushCmd: support looks for it.
+int RefuseCommand() {
+  ZEL_LOG(kWarning) << "pThreadExec new failed!";
+  return kPushNoMemory;
+}
+
+int RunOnWorker(const std::function<int()>& command, const char* name) {
+  const std::function<int()> safe = [&command] { return AtBoundary(kFailed, command); };
+  return AtWorkersEdge([&] { return MsgMainThreadMgrHandler::GetInst().PushCmd(safe, name); });
 }
 
 }  // namespace commonutil

@@ -10,7 +10,9 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "util/Mutex.h"
@@ -141,7 +143,8 @@ class MsgMainThreadMgr : public SafeCondList<std::shared_ptr<ThreadExecInterface
   // A lambda that returns int fits both forms: wrap it in the std::function meant.
   int PushCmd(std::function<int()> func, const std::string& name);
 
-  // Queues `func`, which must not be empty, and returns; also on the worker.
+  // Queues `func`, which must not be empty, and returns; also on the worker. Throws
+  // std::bad_alloc with nothing queued.
   void PushCmd(std::function<void()> func, const std::string& name);
 
   // For good: the worker ends after the command that it runs now or, if it waits, after
@@ -160,7 +163,8 @@ class MsgMainThreadMgr : public SafeCondList<std::shared_ptr<ThreadExecInterface
 // Holds the manager of the process.
 class MsgMainThreadMgrHandler {
  public:
-  // The first call starts the worker. When that throws, the next call tries again.
+  // The first call starts the worker. When that throws, std::bad_alloc or std::system_error, the
+  // next call tries again.
   static MsgMainThreadMgr& GetInst();
 
  private:
@@ -168,5 +172,24 @@ class MsgMainThreadMgrHandler {
 
   MsgMainThreadMgr m_manager;
 };
+
+// Logs that no command can be made, and returns kPushNoMemory.
+int RefuseCommand();
+
+// The edge of a function that needs the worker: what `body` returns, or kPushNoMemory where there
+// is no memory, or no thread for the worker. The std::future_error of a dropped command passes.
+template <class F>
+int AtWorkersEdge(F&& body) {
+  try {
+    return std::forward<F>(body)();
+  } catch (const std::bad_alloc&) {
+  } catch (const std::system_error&) {
+  }
+  return RefuseCommand();
+}
+
+// Runs `command` on the worker of the process, as PushCmd does, and at its edge; kFailed when the
+// command throws. `name` is the caller's signature.
+int RunOnWorker(const std::function<int()>& command, const char* name);
 
 }  // namespace commonutil

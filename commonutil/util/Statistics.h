@@ -30,6 +30,10 @@ class Statistics {
   static void Count(Counter counter) {
     m_values[static_cast<int>(counter)].value.fetch_add(1, std::memory_order_relaxed);
   }
+  // Of what was counted before it failed.
+  static void TakeBack(Counter counter) {
+    m_values[static_cast<int>(counter)].value.fetch_sub(1, std::memory_order_relaxed);
+  }
   static std::uint64_t Read(Counter counter) {
     return m_values[static_cast<int>(counter)].value.load(std::memory_order_relaxed);
   }
