@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 #include <utility>
 
@@ -82,8 +83,9 @@ bool IsWorthRetrying(std::uint32_t status) {
          (status >= 300 && status < 400);
 }
 
-// A collector may accept a batch and tell of records in it that it could not use.
-void LogPartialSuccess(const std::string& body) {
+// A collector may accept a batch and tell of records in it that it could not use. Whatever it says,
+// the batch stays accepted.
+void LogPartialSuccess(const std::string& body) try {
   Json::Value answer;
   std::string errors;
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
@@ -96,6 +98,7 @@ void LogPartialSuccess(const std::string& body) {
   LogStream::GetLogStream("native_sdk", LOGGER_LEVEL_ERROR, 0, "platform/track/OtlpTransport",
                           "LogPartialSuccess", __LINE__)
       << "track: the collector did not use " << count << " events of a batch";
+} catch (const std::exception&) {  // nested too deeply, or no memory
 }
 
 }  // namespace

@@ -149,13 +149,14 @@ void TrackUploader::Work::DrainSafely() noexcept {
   }
 }
 
-// Sends what waits now. What is added meanwhile, problem reports too, waits for the next time.
+// Sends what waits now. What is added meanwhile, problem reports too, waits for the next time. A
+// purge ends it: what was read before, and what waits in memory, is not to be sent any more.
 void TrackUploader::Work::Drain() {
   const std::lock_guard<std::mutex> reading(m_spool->ReadingLock());  // a stopped one may wind down
+  const std::uint64_t purges = m_spool->Purges();
   TrackReader reader(*m_spool);
   m_carried.clear();
   for (;;) {
-    const std::uint64_t purges = m_spool->Purges();
     Batch batch;
     const bool more = Fill(&reader, &batch);
     if (m_spool->Purges() != purges) return;

@@ -49,12 +49,16 @@ TEST(OtlpTest, TellsWhatToRepeatFromWhatToGiveUp) {
 TEST(OtlpTest, LogsWhatACollectorDidNotUse) {
   std::vector<std::string> lines;
   logger_ref_set_sink([&lines](const LogSinkLine& line) { lines.push_back(line.text); });
-  for (const char* body :
-       {"{}", "[]", R"({"partialSuccess":7})", R"({"partialSuccess":{"rejectedLogRecords":"0"}})",
-        R"({"partialSuccess":{"rejectedLogRecords":{}}})", "no JSON",
-        R"({"partialSuccess":{"rejectedLogRecords":"3"}})"}) {
-    EXPECT_EQ(AnswerTo(std::string("HTTP/1.1 200 OK\r\n\r\n") + body).outcome,
-              TrackOutcome::kAccepted);
+  const std::string bodies[] = {"{}",
+                                "[]",
+                                R"({"partialSuccess":7})",
+                                R"({"partialSuccess":{"rejectedLogRecords":"0"}})",
+                                R"({"partialSuccess":{"rejectedLogRecords":{}}})",
+                                "no JSON",
+                                std::string(5000, '['),
+                                R"({"partialSuccess":{"rejectedLogRecords":"3"}})"};
+  for (const std::string& body : bodies) {
+    EXPECT_EQ(AnswerTo("HTTP/1.1 200 OK\r\n\r\n" + body).outcome, TrackOutcome::kAccepted);
   }
   logger_ref_reset();
   EXPECT_EQ(lines,

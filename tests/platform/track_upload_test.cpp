@@ -129,4 +129,21 @@ TEST_F(TrackUploadTest, LeavesAHangingExchangeBehindAndStillSendsEachEventOnce) 
   EXPECT_EQ(m_spool->Pending(), 0U);
 }
 
+// As when the user withdraws his consent: what the reader holds, and the event that its last batch
+// had no room for, are gone with the rest.
+TEST_F(TrackUploadTest, SendsNothingThatWasPurgedDuringAnExchange) {
+  m_options.batchBytes = 1;
+  for (const char* text : {"0", "1", "2"}) Store(text);
+  {
+    const std::lock_guard<std::mutex> hanging(m_transport->sending);
+    Start();
+    EXPECT_EQ(m_transport->batches.Take(), std::vector<Texts>{{"0"}});
+    m_spool->Purge();
+  }
+  Store("later");
+  m_uploader->Request();
+  EXPECT_EQ(m_transport->batches.Take(), std::vector<Texts>{{"later"}});
+  EXPECT_TRUE(m_uploader->Stop(kDeadline));
+}
+
 }  // namespace
