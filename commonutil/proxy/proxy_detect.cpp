@@ -316,15 +316,15 @@ void ProxyDetect::Announce(std::uint64_t finding) {
   }
 }
 
+// Without memory for the copies the finding waits for the next announcement.
 bool ProxyDetect::NextToAnnounce(ProxyInfo& proxy, ProxyInfo& announced) {
   MutexLock hold(m_lock);
-  if (m_findings.empty() || !m_findings.front().receiversCalled) {
-    m_announcing = false;
-    return false;
-  }
+  m_announcing = false;
+  if (m_findings.empty() || !m_findings.front().receiversCalled) return false;
   proxy = m_findings.front().proxy;
   announced = m_announcedProxy;
   m_findings.pop_front();
+  m_announcing = true;
   return true;
 }
 

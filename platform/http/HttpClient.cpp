@@ -23,7 +23,8 @@ constexpr char kSchemeEnd[] = "://";
 constexpr std::int32_t kMaxPort = 65535;
 
 // TLS writes raise SIGPIPE when the peer has gone, which would end a host that never asked for
-// it. The signal stays blocked for this thread's exchange and is taken back if it came.
+// it; the end of a connection is such a write too. The signal stays blocked for as long as this
+// thread has a handle, and is taken back if it came.
 class WithoutSigpipe {
  public:
   WithoutSigpipe() {
@@ -161,7 +162,6 @@ void SetProxy(const ORB_HTTP_PROXY* proxy, CurlOptions* options) {
 }
 
 CURLcode Perform(CURL* handle) {
-  const WithoutSigpipe shield;
   const CURLcode code = curl_easy_perform(handle);
   return code == CURLE_ABORTED_BY_CALLBACK ? CURLE_OPERATION_TIMEDOUT : code;
 }
@@ -308,6 +308,7 @@ CurlText TunnelUrl(const std::string& host, unsigned short port) {
 }  // namespace
 
 HttpAnswer HttpSend(const HttpCall& call) {
+  const WithoutSigpipe shield;
   RequestBody body;  // outlives the handle
   const CurlHandle handle = NewHandle();
   if (handle == nullptr) return Failed(NameOf(call), CURLE_FAILED_INIT);
@@ -332,6 +333,7 @@ HttpAnswer HttpSend(const HttpCall& call) {
 }
 
 int HttpTunnel(const ORB_HTTP_PROXY& proxy, const std::string& host, unsigned short port) {
+  const WithoutSigpipe shield;
   const CurlHandle handle = NewHandle();
   if (handle == nullptr) return CURLE_FAILED_INIT;
   const CurlText url = TunnelUrl(host, port);

@@ -96,21 +96,21 @@ int ResolveDetectEntry(const DetectEntry& entry, std::uint16_t defaultPort,
                        DetectClock::time_point deadline, DetectAddress* address) {
   const auto lookUp = std::make_shared<LookUp>();
   Find(entry.host, AI_NUMERICHOST, lookUp.get());
-  bool isInTime = true;
   if (lookUp->code != 0) {
     orb_loghooks_ref_emit_dns(kLogAll, ("look-up of " + entry.host).c_str());
+    bool isInTime = false;
     try {
       isInTime = FindInTime(entry.host, deadline, lookUp);
     } catch (const std::system_error&) {  // no thread
-      isInTime = false;
     }
-    const std::lock_guard<std::mutex> hold(lookUp->lock);
-    const char* const outcome = !isInTime           ? "takes too long"
-                                : lookUp->code == 0 ? "done"
-                                                    : ::gai_strerror(lookUp->code);
-    orb_loghooks_ref_emit_dns(isInTime && lookUp->code == 0 ? kLogAll : kLogError,
+    // In time, nobody writes the result any more.
+    const bool isFound = isInTime && lookUp->code == 0;
+    const char* const outcome = !isInTime ? "takes too long"
+                                : isFound ? "done"
+                                          : ::gai_strerror(lookUp->code);
+    orb_loghooks_ref_emit_dns(isFound ? kLogAll : kLogError,
                               ("look-up of " + entry.host + ": " + outcome).c_str());
-    if (!isInTime || lookUp->code != 0) return kDetectNotResolved;
+    if (!isFound) return kDetectNotResolved;
   }
   *address = lookUp->address;
   SetPort(entry.port == 0 ? defaultPort : entry.port, address);

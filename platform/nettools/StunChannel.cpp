@@ -144,12 +144,12 @@ class TlsChannel : public StunChannel {
     if (!m_ssl || ::SSL_set_fd(m_ssl.get(), m_socket.Fd()) != 1 || !ExpectHost(m_ssl.get(), host)) {
       return kDetectTlsFailed;
     }
-    m_until = deadline;
+    m_until = m_deadline = deadline;
     return Drive([this] { return ::SSL_connect(m_ssl.get()); }) > 0 ? 0 : kDetectTlsFailed;
   }
 
   bool Send(const StunRequest& request) override {
-    m_until = DetectClock::now() + kSendPatience;
+    m_until = std::min(DetectClock::now() + kSendPatience, m_deadline);
     return Drive([&] {
              return ::SSL_write(m_ssl.get(), request.data(), static_cast<int>(request.size()));
            }) > 0;
@@ -208,7 +208,8 @@ class TlsChannel : public StunChannel {
   const Socket m_socket;
   SslCtx m_context;
   Ssl m_ssl;
-  DetectClock::time_point m_until;
+  DetectClock::time_point m_deadline;
+  DetectClock::time_point m_until;  // of the call under way
   unsigned char m_stream[2 * kMessageBytes] = {};
   std::size_t m_filled = 0;
 };

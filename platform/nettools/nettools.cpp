@@ -7,9 +7,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <functional>
 #include <mutex>
-#include <system_error>
 #include <thread>
 
 #include "config/settings.h"
@@ -93,16 +93,25 @@ void EndRun() {
   tools.isRunning = false;
 }
 
+// Without memory a server counts as one that does not answer.
+DetectMeasurement Measure(const tagNET_DETECT_SRV& server,
+                          const std::vector<std::string>& localAddresses) noexcept try {
+  return MeasureDetectServer(server.domain, ReadOptions(server.mode == kTlsMode, localAddresses),
+                             DetectClock::now() + kServerBudget);
+} catch (...) {
+  DetectMeasurement failed;
+  failed.result = kDetectNoAnswer;
+  return failed;
+}
+
 // The run has ended before its last report is delivered: who gets that may start the next one.
 void Run(const std::vector<tagNET_DETECT_SRV>& servers,
          const std::vector<std::string>& localAddresses, std::int32_t number,
          const Report& report) {
   const auto total = static_cast<std::int32_t>(servers.size());
   for (std::int32_t level = 1; level <= total; ++level) {
-    const tagNET_DETECT_SRV& server = servers[static_cast<std::size_t>(level - 1)];
     const DetectMeasurement measured =
-        MeasureDetectServer(server.domain, ReadOptions(server.mode == kTlsMode, localAddresses),
-                            DetectClock::now() + kServerBudget);
+        Measure(servers[static_cast<std::size_t>(level - 1)], localAddresses);
     tagNET_DETECT_PROCESS_RESULT result = {number,
                                            level,
                                            total,
@@ -135,7 +144,7 @@ int Start(std::int32_t number, Report report) {
       BlockSignals();
       Run(servers, localAddresses, number, report);
     }).detach();
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread, or no memory for one
     EndRun();
     return kNetToolsNoThread;
   }
