@@ -29,7 +29,8 @@ ZEL_API int ServiceStartup(void);
 /*
  * Stops the service thread after the request that it is handling, waits for it, and drops
  * the messages not yet taken. A thread that has not begun its work yet clears the request to
- * stop: wait for a first reply before shutting down, or the call may not return.
+ * stop: wait for a first reply before shutting down, or the call may not return. Tracking and the
+ * logger go on writing into their directories.
  */
 ZEL_API void CommonUtilServiceShutDown(void);
 /* As CommonUtilServiceShutDown. */

@@ -181,6 +181,15 @@ class Network(ConsoleTest):
                 found = [result.returncode, answer["direct"]["status"], answer["proxy"]["status"],
                          answer["decision"]]
                 self.assertEqual(found[:len(expected)], expected)
+            refused = self.run_console("proxy", origin, "--proxy", proxy, "--user", user,
+                                       ZEL_PROXY_PASSWORD="wrong").stdout
+            self.assertRegex(refused, r"direct +answers +200")
+            self.assertRegex(refused, r"proxy +asks for a login +407")
+            self.assertIn("may be the proxy's own", refused)
+            result = self.run_console("proxy", origin, "--proxy", proxy,
+                                      ZEL_PROXY_PASSWORD="secret" * 30)
+            self.assertNotEqual(result.returncode, 0)
+            self.assertNotIn("secret", result.stdout + result.stderr)
 
     def test_the_sessions_of_the_examples_are_answered_by_servers_on_loopback(self):
         text = self.succeed("--data", self.data, "--loopback", EXAMPLES / "network-session.jsonl")

@@ -36,6 +36,8 @@ constexpr std::size_t kMostServers = 4;
 constexpr int kTlsSetting = 69;
 constexpr auto kLook = milliseconds(50);  // between two looks for an interruption
 constexpr char kPasswordVariable[] = "ZEL_PROXY_PASSWORD";
+constexpr unsigned kFirstErrorStatus = 400;
+constexpr unsigned kProxyLoginStatus = 407;
 
 // A bar for `value` of `largest`, 20 characters at most; empty for 0.
 std::string Bar(double value, double largest) {
@@ -210,8 +212,10 @@ ProxyArguments ParseProxy(const std::vector<std::string>& arguments) {
     }
   }
   if (parsed.url.empty()) throw UsageError("proxy needs the URL to reach");
-  if (const char* const password = std::getenv(kPasswordVariable)) {
-    SetText(parsed.proxy.password, sizeof(parsed.proxy.password), password);
+  const char* const password = std::getenv(kPasswordVariable);
+  if (password != nullptr &&
+      strcpy_s(parsed.proxy.password, sizeof(parsed.proxy.password), password) != 0) {
+    throw UsageError(std::string("the password in ") + kPasswordVariable + " is too long");
   }
   return parsed;
 }
@@ -265,15 +269,19 @@ std::optional<std::string> Decide(const ProxyArguments& arguments, bool canBeRea
   return receiver.Values().front().empty() ? "direct" : "proxy";
 }
 
+// An answer need not be the server's: "gets through" would say too much.
+std::string WayText(const Way& way) {
+  if (way.result != 0) return "fails, code " + std::to_string(way.result);
+  return way.status == kProxyLoginStatus ? "asks for a login" : "answers";
+}
+
 std::string WaysTable(const std::vector<Way>& ways) {
   constexpr auto kRight = Table::Align::kRight;
   Table table({{"way"}, {"result"}, {"status", kRight}, {"time", kRight}, {""}});
   double slowest = 1;
   for (const Way& way : ways) slowest = std::max(slowest, way.ms);
   for (const Way& way : ways) {
-    const bool isThrough = way.result == 0;
-    table.Add({way.name, isThrough ? "gets through" : "fails, code " + std::to_string(way.result),
-               isThrough ? std::to_string(way.status) : "-",
+    table.Add({way.name, WayText(way), way.result == 0 ? std::to_string(way.status) : "-",
                std::to_string(std::lround(way.ms)) + " ms", Bar(way.ms, slowest)});
   }
   return table.Text();
@@ -327,11 +335,14 @@ bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>
   }
   std::string text = WaysTable(ways) + "decision: ";
   if (!decision) {
-    text += "unknown, no way gets through\n";
+    text += "unknown, no way answers\n";
   } else if (!hasProxy) {
     text += "direct, no proxy is set\n";
   } else {
-    text += *decision + ", it was the first to get through\n";
+    text += *decision + ", it was the first to answer\n";
+  }
+  if (hasProxy && ways.back().status >= kFirstErrorStatus) {
+    text += "The status through the proxy may be the proxy's own: any answer counts as a way.\n";
   }
   return Print(text) && canBeReached;
 }
