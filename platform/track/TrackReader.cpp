@@ -4,8 +4,7 @@
 
 #include "track/TrackSpool.h"
 
-TrackReader::TrackReader(const TrackSpool& spool)
-    : m_spool(spool), m_position(spool.AcceptedPosition()) {
+TrackReader::TrackReader(TrackSpool& spool) : m_spool(spool), m_position(spool.AcceptedPosition()) {
   const std::lock_guard<std::mutex> hold(spool.m_lock);
   if (!spool.m_files.empty()) m_end = {spool.m_files.back().number, spool.m_files.back().bytes, 0};
 }
@@ -18,8 +17,9 @@ bool TrackReader::LoadFile() {
     const int error = ReadTrackFile(file.path, m_position.offset, end, &m_bytes);
     m_begin = m_position.offset;
     if (error == 0) return m_cipher.Start(m_spool.m_key, file.number, file.salt);
-    if (error != ENOENT) return false;     // it may be readable later
-    m_position = {file.number + 1, 0, 0};  // it made room meanwhile
+    if (error != ENOENT) return false;  // it may be readable later
+    m_spool.DropMissing(file.number);   // unless it made room meanwhile
+    m_position = {file.number + 1, 0, 0};
   }
   return false;
 }

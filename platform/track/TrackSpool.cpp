@@ -1,6 +1,7 @@
 #include "track/TrackSpool.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -122,8 +123,9 @@ bool TrackSpool::Append(std::string_view record, std::int64_t nowMs, std::uint64
   const std::uint64_t size = record.size() + kTrackFrameOverhead;
   if (size > m_limits.bytes || record.size() > INT32_MAX) return false;
   MakeRoomLocked(size, nowMs);
-  if (m_descriptor >= 0 && (m_files.back().bytes + size > m_limits.fileBytes ||
-                            nowMs - m_files.back().firstMs > kLongestFileMs)) {
+  if (m_descriptor >= 0 &&
+      (m_files.back().bytes + size > m_limits.fileBytes ||
+       nowMs - m_files.back().firstMs > kLongestFileMs || IsFileGoneLocked(nowMs))) {
     EndFileLocked();
   }
   if (m_descriptor < 0 && !BeginFileLocked(nowMs)) return false;
@@ -161,6 +163,13 @@ bool TrackSpool::BeginFileLocked(std::int64_t nowMs) {
   return true;
 }
 
+// Records to come would go where nobody finds them. Those of the same millisecond share one look.
+bool TrackSpool::IsFileGoneLocked(std::int64_t nowMs) {
+  if (nowMs == m_lookedAtMs) return false;
+  m_lookedAtMs = nowMs;
+  return ::access(m_files.back().path.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
 void TrackSpool::EndFileLocked() {
   if (m_descriptor >= 0) (void)::close(std::exchange(m_descriptor, -1));  // all handed over
 }
@@ -193,16 +202,17 @@ std::uint64_t TrackSpool::WaitingLocked(const File& file) const {
   return file.records - std::min(file.records, m_accepted.record);
 }
 
-void TrackSpool::RemoveFirstLocked(bool dropped) {
-  const File& file = m_files.front();
-  const std::uint64_t waiting = WaitingLocked(file);
-  if (m_files.size() == 1) EndFileLocked();
-  (void)::unlink(file.path.c_str());  // one that stays is found again at the next start
-  m_bytes -= file.bytes;
+void TrackSpool::RemoveLocked(std::deque<File>::iterator file, bool dropped) {
+  const std::uint64_t waiting = WaitingLocked(*file);
+  if (file + 1 == m_files.end()) EndFileLocked();
+  (void)::unlink(file->path.c_str());  // one that stays is found again at the next start
+  m_bytes -= file->bytes;
   m_pending.fetch_sub(waiting);
   if (dropped) m_dropped.fetch_add(waiting);
-  m_files.pop_front();
+  m_files.erase(file);
 }
+
+void TrackSpool::RemoveFirstLocked(bool dropped) { RemoveLocked(m_files.begin(), dropped); }
 
 void TrackSpool::RemoveAllLocked(bool dropped) {
   while (!m_files.empty()) RemoveFirstLocked(dropped);
@@ -217,6 +227,13 @@ void TrackSpool::Purge() {
 void TrackSpool::DropAll() {
   const std::lock_guard<std::mutex> hold(m_lock);
   RemoveAllLocked(true);
+}
+
+void TrackSpool::DropMissing(std::uint64_t number) {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  const auto missing = std::find_if(m_files.begin(), m_files.end(),
+                                    [&](const File& file) { return file.number == number; });
+  if (missing != m_files.end()) RemoveLocked(missing, true);
 }
 
 // The file that takes records stays, however much of it is accepted.

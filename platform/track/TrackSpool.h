@@ -3,7 +3,8 @@
 //
 // A record has reached the system with one write call before Append returns: it survives the end
 // of the process, not the end of the machine. A file left by another process is never appended to.
-// The oldest files make room for new records; what they held is counted as dropped.
+// The oldest files make room for new records; what they held is counted as dropped, and so is what
+// somebody else removes.
 //
 // Any thread may call any function; one thread at a time reads and accepts. Results tell of a
 // disk that refuses: nothing here throws but std::bad_alloc. One process at a time owns a
@@ -82,17 +83,21 @@ class TrackSpool {
   bool ScanFileLocked(File* file);
   void ReadPositionLocked();
   bool BeginFileLocked(std::int64_t nowMs);
+  bool IsFileGoneLocked(std::int64_t nowMs);
   void EndFileLocked();
   void MakeRoomLocked(std::uint64_t bytes, std::int64_t nowMs);
   bool WriteLocked(std::string_view record);
   void RemoveLastLocked();
   std::uint64_t WaitingLocked(const File& file) const;
+  void RemoveLocked(std::deque<File>::iterator file, bool dropped);
   void RemoveFirstLocked(bool dropped);
   void RemoveAcceptedLocked();
   void RemoveAllLocked(bool dropped);
   // The first file from `position` on that holds more than that; false when there is none.
   bool FindFile(TrackPosition* position, File* file) const;
   TrackPosition AcceptedPosition() const;
+  // Its records, if it is known still, are dropped: somebody else removed it.
+  void DropMissing(std::uint64_t number);
 
   const std::string m_directory;  // ends in "/"
   const TrackKey m_key;
@@ -108,7 +113,8 @@ class TrackSpool {
   std::uint64_t m_bytes = 0;
   std::uint64_t m_lastNumber = 0;
   TrackPosition m_accepted;
-  int m_descriptor = -1;  // of the last file, while records can be appended to it
+  int m_descriptor = -1;           // of the last file, while records can be appended to it
+  std::int64_t m_lookedAtMs = -1;  // when that file was last seen at its place
   TrackFileCipher m_cipher;
   std::vector<unsigned char> m_frame;
 };
@@ -117,7 +123,7 @@ class TrackSpool {
 // Not thread-safe. The spool outlives it.
 class TrackReader {
  public:
-  explicit TrackReader(const TrackSpool& spool);
+  explicit TrackReader(TrackSpool& spool);
 
   // The next record; false at the end. Damaged ones are passed over.
   [[nodiscard]] bool Next(std::string* record);
@@ -129,7 +135,7 @@ class TrackReader {
  private:
   bool LoadFile();
 
-  const TrackSpool& m_spool;
+  TrackSpool& m_spool;
   TrackPosition m_position;
   TrackPosition m_end;
   TrackFileCipher m_cipher;

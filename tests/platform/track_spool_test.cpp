@@ -192,6 +192,15 @@ TEST_F(TrackSpoolTest, PurgesWhileItIsReadAndGoesOn) {
   EXPECT_EQ(m_spool->Pending(), 1U);
 }
 
+TEST_F(TrackSpoolTest, GoesOnInAnotherFileWhenSomebodyRemovesTheLast) {
+  Append({"lost"});
+  fs::remove(Files().at(0));
+  ASSERT_TRUE(m_spool->Append("kept", m_nowMs + 1));
+  EXPECT_EQ(Read(), Texts{"kept"});
+  EXPECT_EQ(m_spool->TakeDropped(), 1U);
+  EXPECT_EQ(m_spool->Pending(), 1U);
+}
+
 // A full disk: the record that did not fit is refused, those before and after it are whole.
 TEST_F(TrackSpoolTest, LosesNothingToADiskThatIsFullForAWhile) {
   EXPECT_TRUE(support::InChild([&] {
