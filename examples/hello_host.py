@@ -8,16 +8,15 @@ import ctypes
 import json
 import os
 import sys
-import time
 
-DEADLINE_S = 5
-POLL_S = 0.001
+DEADLINE_MS = 5000
 
 
 def load():
     """The library with its message functions declared; null pointers come as None."""
     library = ctypes.CDLL(os.environ.get("ZEL_UTILS_LIB", "libzel_utils.so.1"))
     library.CommonUtilRecvMsgImport.argtypes = [ctypes.c_char_p, ctypes.c_ulong]
+    library.CommonUtilWaitExportMsg.argtypes = [ctypes.c_uint]
     library.CommonUtilSendMsgExport.argtypes = [ctypes.POINTER(ctypes.c_void_p)]
     library.CommonUtilFreeExportMsg.argtypes = [ctypes.c_void_p]
     library.CommonUtilFreeExportMsg.restype = None
@@ -28,11 +27,10 @@ def load():
 def next_message(library):
     """The next reply or notification as an object, or None when none came in time."""
     message = ctypes.c_void_p()
-    deadline = time.monotonic() + DEADLINE_S
-    while library.CommonUtilSendMsgExport(ctypes.byref(message)) != 1:
-        if time.monotonic() > deadline:
-            return None
-        time.sleep(POLL_S)
+    if library.CommonUtilWaitExportMsg(DEADLINE_MS) != 1:
+        return None
+    if library.CommonUtilSendMsgExport(ctypes.byref(message)) != 1:
+        return None
     try:
         return json.loads(ctypes.string_at(message))
     finally:

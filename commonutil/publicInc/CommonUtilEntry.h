@@ -1,10 +1,10 @@
 /*
  * The message service: JSON requests in, JSON replies and notifications out.
  *
- * Each function of the service exists twice, with and without the prefix "CommonUtil". One host
- * thread imports, one (it may be the same) exports; start-up and shut-down may be called from any
- * thread but not from inside a message's handling. No function throws or blocks, except
- * shut-down, which waits for the request being handled, and CommonUtilProcessRecvMsg.
+ * The older functions exist twice, with and without the prefix "CommonUtil". One host thread
+ * imports, one (it may be the same) exports; start-up and shut-down may be called from any thread
+ * but not from inside a message's handling. No function throws. Three may block: shut-down, which
+ * waits for the request being handled, CommonUtilProcessRecvMsg and CommonUtilWaitExportMsg.
  *
  * A request is an object with "cmd" (unsigned), optionally "sno" (unsigned, echoed),
  * "description" (text, echoed) and "param" (object). Text is UTF-8.
