@@ -83,6 +83,7 @@ class AtATerminal(TalkTest):
             (":wait soon", "positive number of seconds"),
             (":wait 0.01", "no message came"),
             ("SetUserInfo", "press TAB"),
+            ("doctor", "is no request; :help lists"),
             (":unfold", "no message yet"),
             ("{", "not JSON"),
             ('{"cmd":11,"description":"%s"}' % ("ä" * 300), "ä…", "(600 bytes)", ":unfold 1"),
@@ -193,22 +194,23 @@ class ThroughPipes(TalkTest):
             self.refused("--record", name, "-", says="name a new file")
 
     def test_lines_are_read_as_from_a_file(self):
-        text = self.succeed(text='{"cmd":11,"sno":3}\n:help 18\n:quit\n{"cmd":11}\n')
+        text = self.succeed(text='{"cmd":11,"sno":3}\n:help 18\n:help\n:quit\n{"cmd":11}\n')
         reply, *rest = text.splitlines()
         self.assertEqual(json.loads(reply), {"result": 0, "rsp": 11, "sno": 3})
         self.assertIn("18 GetWindowsCountryOrRegion", rest[0])
+        self.assertLessEqual(max(map(len, rest)), 80)
         self.assertFalse((self.folder / ".local").exists())
         self.assertEqual(self.run_console(text=":jump\n").returncode, 1)
 
     def test_support_commands_answer_in_json(self):
         line = "2026-11-21 10:00:00.000 1 W [m] [a b:1] text"
-        settings = "a=1=1\nno sign\nb= 2 "
+        settings = "a=1=1\nno sign\nthePwd= 2 \nurl=http://me:pw@h"
         for name, text in ("config.txt", settings), ("m.txt", line + "\n"), ("old.txt", ""):
             (self.folder / name).write_text(text)
         os.utime(self.folder / "old.txt", (10**9, 10**9))
         for command, answer in (
-            ("config .", {"a": "1=1", "b": " 2 "}),
-            ("config . a", {"a": "1=1"}),
+            ("config .", {"a": "1=1", "thePwd": "***", "url": "http://***@h"}),
+            ("config . thePwd", {"thePwd": " 2 "}),
             ("logs view . --module m",
              {"time": line[:23], "module": "m", "level": "W", "text": line}),
             ("logs clean . --days 7", {"removed": 1}),

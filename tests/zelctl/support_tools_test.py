@@ -93,7 +93,9 @@ class Catalogue(ConsoleTest):
             self.assertEqual([{"code": code, **entry} for entry in answer["entries"]],
                              [entry for entry in CODES if entry["code"] == code])
         # Global codes without a text are known with their family.
-        self.assertIn("200000000 to 230999999", self.succeed("explain", "206030023"))
+        text = self.succeed("explain", "206030023")
+        self.assertIn("200000000 to 230999999", text)
+        self.assertLessEqual(max(map(len, text.splitlines())), 80)
         answer = json.loads(self.succeed("explain", "--json", "118000000"))
         self.assertEqual(answer["family"], {"first": 111000000, "last": 118999999})
         self.assertEqual((answer["global"], answer["entries"]), (True, []))
@@ -162,7 +164,7 @@ class Cache(DataTest):
         self.assertEqual((result.returncode, json.loads(result.stdout)["damagedPages"]), (1, [5]))
         text = self.run_console("doctor", self.data).stdout
         self.assertIn("sdkcache.db: damaged page 5 (bytes 16384 to 20479)", text)
-        self.assertTrue(text.endswith("\n1 problem\n"), text)
+        self.assertTrue(text.endswith("\n1 problem; --repair mends 1, after copies are made\n"), text)
         damage(self.database, 1)
         before = self.content()
         for verb, *words in (["put", "a", "b"], ["get", "a"], ["list"]):
@@ -236,8 +238,10 @@ class Doctor(DataTest):
             (lambda: (self.play_client(), damage(database, 6, 8),
                       (self.data / "sdkcache.db-wal").chmod(0o666)),
              "database-page-damaged mode-too-open", None),
-            (lambda: (store.chmod(0o644), database.chmod(0o666), self.data.chmod(0o777)),
+            (lambda: (store.chmod(0o644), database.chmod(0o466), self.data.chmod(0o777)),
              "mode-too-open mode-too-open mode-too-open", every),
+            (lambda: (store.chmod(0o400), database.chmod(0o440)),
+             "mode-too-closed mode-too-closed", every),
         )
         for number, (harm, expected, survivors) in enumerate(cases):
             with self.subTest(number=number, expected=expected):
@@ -269,13 +273,21 @@ class Doctor(DataTest):
 
     def test_what_no_program_can_mend_is_said(self):
         shutil.rmtree(self.data)
-        self.data.mkdir(mode=0o750)
+        self.data.mkdir()
+        self.data.chmod(0o1777)  # as a directory that is none of a client's may have
         for options in [], ["--repair"]:
-            self.assertEqual(self.diagnose(*options)[1],
-                             ["database-missing", "key-store-missing", "salt-missing"])
+            self.assertEqual(self.diagnose(*options)[1], ["no-data"])
+        self.assertEqual(mode_of(self.data), 0o1777)
+        self.data.chmod(0o750)
         self.database.mkdir()
         self.assertIn("database-unusable", self.diagnose("--repair")[1])
         self.assertTrue(self.database.is_dir())
+        self.database.rmdir()
+        self.database.symlink_to("sdkcache.db")
+        for verb in ["doctor"], ["cache", "list"]:
+            self.refused(*verb, self.data, code=1, says="cannot copy .*sdkcache.db to .*: Too many")
+        result = self.run_console("doctor", self.data, TMPDIR="/none")
+        self.assert_complaint(result, "set TMPDIR")
 
     def test_a_full_disk_is_found_and_stops_the_repair_before_it_begins(self):
         script = ('mount -t tmpfs -o size=60k,mode=750 none "$1" && cp -a "$2"/zorm "$1" && '

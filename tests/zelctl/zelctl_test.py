@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import signal
 import socket
 import unittest
@@ -18,6 +19,10 @@ def answers(text):
 
 
 class Logs(ConsoleTest):
+    def setUp(self):
+        super().setUp()
+        (self.folder / "log").mkdir()  # looked into as well
+
     def write(self, name, text, mode="a"):
         with (self.folder / name).open(mode) as log:
             log.write(text)
@@ -36,7 +41,7 @@ class Logs(ConsoleTest):
             for line in ("one", "2", "3"):
                 self.assertEqual(console.stdout.readline(), f"main: {line}\n")
             self.write("main.txt", "", "w")  # emptied, as without old files
-            self.write("other.txt", "first\n")
+            self.write("log/other.txt", "first\n")
             self.assertEqual(console.stdout.readline(), "other: first\n")
             self.write("main.txt", "4\nhalf")
             self.assertEqual(console.stdout.readline(), "main: 4\n")
@@ -47,23 +52,45 @@ class Logs(ConsoleTest):
         self.write("a.txt", LOG_LINE % (1, "I", "a", "one"))
         self.write("a.txt", LOG_LINE % (4, "E", "a", "four") + "+\n")
         self.write("a.1.txt", LOG_LINE % (0, "D", "a", "zero"))
-        self.write("b.txt", LOG_LINE % (2, "W", "b", "two"))
+        self.write("log/b.txt", LOG_LINE % (2, "W", "b", "t\x1bwo"))
+        self.write("config.txt", "key=value\n")
         (self.folder / "c.txt").symlink_to("/dev/zero")
         for options, expected in (
-            ("", "zero one two four +"),
-            ("--module,b", "two"),
-            ("--level,W", "two four +"),
-            ("--since,2026-11-21 10:00:02", "two four +"),
+            ("", r"zero one t\x1bwo four +"),
+            ("--module=b", r"t\x1bwo"),
+            ("--level,W", r"t\x1bwo four +"),
+            ("--since,2026-11-21 10:00:02", r"t\x1bwo four +"),
             ("--until,2026-11-21 10:00:01", "zero one"),
         ):
             text = self.succeed("logs", "view", ".", *filter(None, options.split(",")))
             self.assertEqual([line.split("] ")[-1] for line in text.splitlines()], expected.split())
         with self.running("logs", "view", ".", "-f", "--module", "b") as console:
-            self.assertIn("two", console.stdout.readline())
-            self.write("b.txt", LOG_LINE % (5, "I", "b", "five"))
-            self.assertIn("five", console.stdout.readline())
+            self.assertIn("wo", console.stdout.readline())
+            for name, text in ("log/b.txt", "five"), ("late.txt", "six"):
+                self.write(name, LOG_LINE % (5, "I", "b", text))
+                self.assertIn(text, console.stdout.readline())
             console.send_signal(signal.SIGINT)
             self.assertEqual(console.wait(), 0)
+        result = self.run_console("logs", "view", ".", "--module", "x")
+        self.assert_complaint(result, "none of 7 lines is chosen; there are logs of a, b, late")
+        (self.folder / "none").mkdir()
+        self.refused("logs", "view", "none", code=1, says="no logs in")
+
+    def test_view_ends_early_for_an_interrupt_and_for_a_reader_that_goes(self):
+        self.write("a.txt", LOG_LINE % (1, "I", "a", "x" * 80) * 100000)
+        for isInterrupted, says in (True, "zelctl: interrupted\n"), (False, ""):
+            with self.running("logs", "view", ".") as console:
+                console.stdout.readline()  # more than a pipe holds is still to come
+                if isInterrupted:
+                    console.send_signal(signal.SIGINT)
+                    self.assertLess(console.stdout.read().count("\n"), 99999)
+                else:
+                    console.stdout.close()
+                self.assertEqual((console.stderr.read(), console.wait()), (says, 1))
+
+    def test_clean_refuses_a_folder_with_data_of_a_client(self):
+        (self.folder / "log/deep/zorm").mkdir(parents=True)
+        self.refused("logs", "clean", ".", "--days", "3", says="data of a client.*its logs")
 
 
 class Requests(ConsoleTest):
@@ -166,7 +193,8 @@ class Network(ConsoleTest):
             result = self.run_console("net", stun, "name.invalid", "--json")
             good, bad = json.loads(result.stdout)
             self.assertEqual((result.returncode, good["result"], good["lostPercent"]), (1, 0, 0))
-            self.assertEqual((bad["text"], bad["averageMs"]), ("name unknown", None))
+            self.assertEqual((bad["text"], bad["averageMs"], bad["lostPercent"]),
+                             ("name unknown", None, None))
             self.assertIn("answers", self.succeed("net", stun))
             for url, server, secret, expected in (
                 (origin, proxy, password, [0, 200, 200]),
@@ -191,6 +219,15 @@ class Network(ConsoleTest):
             self.assertNotEqual(result.returncode, 0)
             self.assertNotIn("secret", result.stdout + result.stderr)
 
+    def test_an_interrupt_ends_the_waiting_for_a_server_that_is_silent(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            url = "http://127.0.0.1:%d/" % silent.getsockname()[1]
+            with self.running("proxy", url) as console:
+                with silent.accept()[0]:
+                    console.send_signal(signal.SIGINT)
+                    self.assertEqual((console.wait(), console.stdout.read()), (1, ""))
+                    self.assertIn("interrupted", console.stderr.read())
+
     def test_the_sessions_of_the_examples_are_answered_by_servers_on_loopback(self):
         text = self.succeed("--data", self.data, "--loopback", EXAMPLES / "network-session.jsonl")
         self.assertEqual(
@@ -211,7 +248,9 @@ class Usage(ConsoleTest):
     def test_wrong_usage_is_one_line_and_changes_nothing(self):
         (self.folder / "file").write_text("kept")
         for says, *usages in (
-            ("--help", "logs", "logs burn", "logs clean . --days"),
+            ("--help", "logs clean . --days"),
+            ("logs needs one of clean, view, watch", "logs", "logs burn"),
+            ("subcommand", "docter", "docter ."),
             ("is missing", "logs clean --days 3", "logs clean ."),
             ("whole number", "logs clean . --days=0", "logs watch . --seconds soon"),
             ("unknown option", "logs clean . --weeks 1", "cache list . --weeks", "--verbose -"),
@@ -234,8 +273,21 @@ class Usage(ConsoleTest):
             for usage in usages:
                 with self.subTest(usage):
                     self.refused(*usage.split(" "), says=says)
+        self.refused("config", ".", code=1, says="no settings")  # and makes none
         self.assertEqual(os.listdir(self.folder), ["file"])
         self.assertEqual((self.folder / "file").read_text(), "kept")
+
+    def test_help_tells_of_one_or_all_within_80_columns(self):
+        whole = self.succeed("--help")
+        self.assertEqual(self.succeed("help"), whole)
+        self.assertLessEqual(max(map(len, whole.splitlines())), 80)
+        usages = re.findall(r"(?m)^  zelctl ((?:cache |logs )?[a-z]+).*(?:\n      .*)+", whole)
+        self.assertEqual(len(usages), 15)
+        for name in usages:
+            text = self.succeed(*name.split(), "--help")
+            self.assertTrue(text.startswith("  zelctl " + name) and text in whole, text)
+        self.assertEqual(self.succeed("cache", "-h").count("  zelctl cache "), 6)
+        self.assertRegex(self.succeed("--version"), r"^zelctl \d+\.\d+\.\d+$")
 
 
 if __name__ == "__main__":

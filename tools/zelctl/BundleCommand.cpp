@@ -101,7 +101,8 @@ std::uint64_t ParseSize(const std::string& text) {
 void CheckArchiveName(const BundleArguments& parsed) {
   if (parsed.isListing && parsed.archive.empty()) return;
   if (parsed.archive.empty()) {
-    throw UsageError("bundle needs DIR and OUT.tar.gz, or DIR and --list; see zelctl --help");
+    throw UsageError(
+        "bundle needs DIR and OUT.tar.gz, or DIR and --list; see zelctl bundle --help");
   }
   struct stat found;
   if (parsed.isListing || ::lstat(parsed.archive.c_str(), &found) != 0) return;
@@ -130,12 +131,12 @@ BundleArguments ParseBundle(const std::vector<std::string>& arguments) {
       *value->second = isJoined ? next->substr(name.size() + 1) : *++next;
       if (value->second->empty()) throw UsageError(name + " needs a value");
     } else if (next->empty() || next->front() == '-' || words.size() == 2) {
-      throw UsageError("bundle does not take " + Quoted(*next) + "; see zelctl --help");
+      throw UsageError("bundle does not take " + Quoted(*next) + "; see zelctl bundle --help");
     } else {
       words.push_back(*next);
     }
   }
-  if (words.empty()) throw UsageError("bundle needs DIR and OUT.tar.gz; see zelctl --help");
+  if (words.empty()) throw UsageError("bundle needs DIR and OUT.tar.gz; see zelctl bundle --help");
   parsed.directory = words[0];
   if (words.size() == 2) parsed.archive = words[1];
   for (const std::string& directory : {parsed.directory, parsed.logs}) {
@@ -290,7 +291,7 @@ class Bundle {
       }
       text += "\n" + Wrapped("removed: " + kinds, 9) + '\n';
     }
-    text += "\nleft out:\n";
+    if (!m_leftOut.empty()) text += "\nleft out:\n";
     for (const auto& [name, reason] : m_leftOut) {
       text += "  " + Wrapped(name + ": " + reason, 4) + '\n';
     }
@@ -616,7 +617,7 @@ bool Show(const BundleArguments& arguments, const Bundle& bundle, std::uint64_t 
     return Print(JsonText(value));
   }
   return Print(bundle.Listing() + "\n" +
-               (arguments.isListing ? std::string("nothing was written, as --list wants it\n")
+               (arguments.isListing ? std::string("nothing was written: this is what would go in\n")
                                     : "wrote " + Quoted(arguments.archive) + ", " +
                                           std::to_string(written) + " bytes\n"));
 }

@@ -335,7 +335,7 @@ bool PutCache(const std::vector<std::string>& given, const std::atomic<bool>&) {
     const bool isStored = QueryDatabase(key, &stored) && stored.value == entry.value;
     copy.Settle();
     if (isStored) {
-      return Print("stored " + std::to_string(entry.value.size()) + " bytes\n");
+      return Print("stored " + Counted(entry.value.size(), "byte") + "\n");
     }
     throw CacheError("the database did not take the entry; see zelctl doctor");
   });

@@ -1,12 +1,17 @@
 #include "ConfigCommand.h"
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <map>
 #include <string>
+#include <system_error>
 
 #include "Arguments.h"
 #include "CommonUtilConfig.h"
 #include "Options.h"
 #include "Report.h"
+#include "Secrets.h"
 #include "Text.h"
 
 namespace zelctl {
@@ -16,12 +21,30 @@ using Settings = std::map<std::string, std::string>;
 
 constexpr char kJsonOption[] = "--json";
 
+// The library makes a file that is missing, and reads only one that it may also write.
+bool CanBeRead(const std::string& directory) {
+  const std::string path = directory + "/config.txt";
+  std::error_code error;
+  if (!std::filesystem::exists(path, error)) {
+    Complain("no " + Quoted(path) + ": its client has no settings, and makes the file empty when " +
+             "it first asks");
+    return false;
+  }
+  if (std::filesystem::is_regular_file(path, error) && ::access(path.c_str(), R_OK | W_OK) == 0) {
+    return true;
+  }
+  Complain(Quoted(path) + " is no file that this user may read and write; a client needs both, " +
+           "else it has no settings");
+  return false;
+}
+
 bool PrintAll(const Settings& settings, bool asJson) {
   std::string text;
   Json::Value object(Json::objectValue);
   for (const auto& [key, value] : settings) {
-    text += key + '=' + value + '\n';
-    object[key] = value;
+    const std::string shown = HiddenSetting(key, value);
+    text += Printable(key) + '=' + Printable(shown) + '\n';
+    object[key] = shown;
   }
   return Print(asJson ? JsonText(object) : text);
 }
@@ -47,10 +70,12 @@ bool ShowConfig(const std::vector<std::string>& given, const std::atomic<bool>&)
     throw UsageError("config needs DIR and at most one KEY");
   }
   const std::string& dir = arguments[0];
-  auto& manager = commonutil::ConfigManager::GetInst();
-  if (dir.empty() || !manager.Exists(dir + "/.")) {
+  std::error_code ignored;  // what cannot be looked at is no directory of settings either
+  if (!std::filesystem::is_directory(dir, ignored)) {
     throw UsageError("config needs a directory, not " + Quoted(dir));
   }
+  if (!CanBeRead(dir)) return false;
+  auto& manager = commonutil::ConfigManager::GetInst();
   (void)manager.InitConfig(dir);  // 0: this process has not done so before
   const Settings settings = manager.GetConfigs();
   const bool asJson = parsed.Has(kJsonOption);

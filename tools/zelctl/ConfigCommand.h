@@ -7,8 +7,9 @@
 
 namespace zelctl {
 
-// DIR: prints all settings, one "key=value" a line in the order of the keys. DIR KEY: the value
-// alone; false without that setting. Throws UsageError.
+// DIR: prints all settings, one "key=value" a line in the order of the keys, passwords replaced.
+// DIR KEY: the value alone, as it is; false without that setting. Changes nothing. Throws
+// UsageError.
 bool ShowConfig(const std::vector<std::string>& given, const std::atomic<bool>& interrupted);
 
 }  // namespace zelctl

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdlib>
 #include <iomanip>
@@ -54,10 +55,6 @@ std::string InMilliseconds(std::chrono::nanoseconds time) {
   return text.str();
 }
 
-std::string Count(std::size_t count, const std::string& one) {
-  return std::to_string(count) + ' ' + one + (count == 1 ? "" : "s");
-}
-
 std::string KeyTable(const KeyTexts& keys) {
   Table table({{""}, {""}, {""}, {""}});
   for (const KeyText& key : keys) {
@@ -66,7 +63,7 @@ std::string KeyTable(const KeyTexts& keys) {
     table.Add(
         {"   ", key.path, std::string(key.type) + (key.isRequired ? ", needed" : ""), meaning});
   }
-  const std::string text = table.Text();
+  const std::string text = table.WrappedText();
   return text.substr(text.find('\n') + 1);  // without titles
 }
 
@@ -147,7 +144,7 @@ bool Console::SendRecorded(const std::vector<TranscriptLine>& lines) {
     std::string text = line.text;
     if (const std::size_t hidden = CountHidden(text); hidden != 0) {
       const std::string begins = "line " + std::to_string(line.number) + ": " +
-                                 Count(hidden, "password") + " replaced in the record; ";
+                                 Counted(hidden, "password") + " replaced in the record; ";
       if (password != nullptr) text = FillHidden(text, password);
       Complain(begins + (password != nullptr ? std::string(kPasswordVariable) + " is sent"
                                              : std::string(kHiddenMark) + " is sent, set " +
@@ -160,7 +157,7 @@ bool Console::SendRecorded(const std::vector<TranscriptLine>& lines) {
     }
   }
   if (m_session.IsIdle() || m_session.Await(m_session.Timeout())) return true;
-  m_session.Fail(Count(m_session.Outstanding(), "request") + " without a reply");
+  m_session.Fail(Counted(m_session.Outstanding(), "request") + " without a reply");
   return false;
 }
 
@@ -174,7 +171,7 @@ bool Console::Converse() {
   m_editor = &editor;
   HandleTerminalSignals();
   std::cout << "zelctl " << CommonUtilVersion()
-            << ": type a request, or TAB for the commands; :help tells more, Ctrl-D ends\n";
+            << ": TAB shows the commands, :help tells more, Ctrl-D ends\n";
   std::string line;
   LineEditor::Result result = LineEditor::Result::kInterrupted;
   while (!m_quits && m_session.CanPrint() && result != LineEditor::Result::kEnd) {
@@ -188,7 +185,7 @@ bool Console::Converse() {
   HandleSignals();
   m_signals.interrupted = false;
   const std::size_t open = m_session.Outstanding();
-  if (open != 0) m_session.Fail(Count(open, "request") + " left without a reply");
+  if (open != 0) m_session.Fail(Counted(open, "request") + " left without a reply");
   return Finish(!m_signals.ended);
 }
 
@@ -213,6 +210,9 @@ void Console::Send(const std::string& line, std::size_t lineNumber) {
   if (isTyped && FindRequest(text) != nullptr) {
     return Refuse("press TAB behind " + Quoted(text) + " to get its request, or type :help " +
                   text);
+  }
+  if (isTyped && std::isalpha(static_cast<unsigned char>(text[0])) != 0) {
+    return Refuse(Quoted(text) + " is no request; :help lists commands, TAB completes one");
   }
   const std::string request = m_settings.data.Expand(Recorded(FillPlaces(line, m_settings.places)));
   isTyped ? m_session.Post(request, lineNumber) : m_session.Play(request, lineNumber);
@@ -301,9 +301,9 @@ void Console::Help(const std::string& argument) {
     own.Add({command.name, command.argument, command.meaning});
   }
   std::cout << table.Text() << '\n'
-            << own.Text()
-            << "\nA number or a name and TAB give the request to edit; TAB goes on with keys and "
-               "values.\n:help 6 tells its keys, :help notify the notifications. Begin with 1, "
+            << own.WrappedText()
+            << "\nA number or a name and TAB give the request to edit; TAB goes on with keys and\n"
+               "values. :help 6 tells its keys, :help notify the notifications. Begin with 1,\n"
                "which initialises.\n"
             << std::flush;
 }

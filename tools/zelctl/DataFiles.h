@@ -1,4 +1,5 @@
-// The files of a data directory, relative to it, and the modes that they need at most.
+// The files of a data directory, relative to it, and the modes that they have at most. Their owner
+// has to read and write them.
 #pragma once
 
 namespace zelctl {
@@ -12,6 +13,7 @@ inline constexpr char kKeyStoreFolder[] = "zorm";
 inline constexpr char kKeyStoreFile[] = "zorm/zormStore.dat";
 inline constexpr char kKeyStoreTwinFile[] = "zorm/zormStore_bak.dat";
 inline constexpr char kKeyStoreLockFile[] = "zorm/zormStore.dat.lock";
+inline constexpr char kTrackFolder[] = "track";
 inline constexpr char kTrackLockFile[] = "track/lock";
 
 struct MostOpenMode {
@@ -32,7 +34,7 @@ inline constexpr MostOpenMode kMostOpenModes[] = {
     {kKeyStoreFile, 0600},
     {kKeyStoreTwinFile, 0600},
     {kKeyStoreLockFile, 0600},
-    {"track", 0700},
+    {kTrackFolder, 0700},
     {"track/key", 0600},
     {"track/position", 0600},
     {kTrackLockFile, 0600},

@@ -105,8 +105,8 @@ void DirectoryRepair::Mend(const Finding& finding) const {
   switch (finding.repair) {
     case Repair::kNone:
       return;
-    case Repair::kCloseMode:
-      CloseMode(finding.touched[0]);
+    case Repair::kSetMode:
+      (void)::chmod(At(finding.touched[0]).c_str(), finding.mode);
       return;
     case Repair::kTakeHealed: {
       std::string bytes = Read(m_examination.Staged().Path() + "/" + finding.file);
@@ -123,14 +123,6 @@ void DirectoryRepair::Mend(const Finding& finding) const {
     case Repair::kRebuild:
       Rebuild();
       return;
-  }
-}
-
-void DirectoryRepair::CloseMode(const std::string& name) const {
-  for (const MostOpenMode& file : kMostOpenModes) {
-    struct stat found;
-    if (name != file.name || ::lstat(At(name).c_str(), &found) != 0) continue;
-    (void)::chmod(At(name).c_str(), found.st_mode & file.mode);
   }
 }
 

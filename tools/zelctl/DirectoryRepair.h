@@ -24,7 +24,6 @@ class DirectoryRepair {
   std::string At(const std::string& name) const { return m_directory + "/" + name; }
   void CopyTouched();
   void Mend(const Finding& finding) const;
-  void CloseMode(const std::string& name) const;
   void Rebuild() const;
 
   const std::string m_directory;

@@ -69,16 +69,22 @@ std::string Line(const std::string& title, const std::string& text) {
 }
 
 std::string SummaryOf(const Diagnosis& diagnosis, bool isRepairing) {
-  const std::size_t count = diagnosis.findings.size();
-  if (count == 0) return "nothing found\n";
-  std::string text = "\n" + std::to_string(count) + (count == 1 ? " problem" : " problems");
+  if (diagnosis.findings.empty()) return "nothing found\n";
+  std::string text = Counted(diagnosis.findings.size(), "problem");
   if (isRepairing) {
     const auto repaired =
         std::count(diagnosis.isRepaired.begin(), diagnosis.isRepaired.end(), true);
     text += ", " + std::to_string(repaired) + " repaired";
+  } else if (const auto repairable = std::count_if(
+                 diagnosis.findings.begin(), diagnosis.findings.end(),
+                 [](const Finding& finding) { return finding.repair != Repair::kNone; })) {
+    text += "; --repair mends " + std::to_string(repairable) + ", after copies are made";
   }
-  if (!diagnosis.backup.empty()) text += "; copies are in " + diagnosis.backup;
-  return text + '\n';
+  if (!diagnosis.backup.empty()) {
+    text += "; copies, which may hold the key, are in " + diagnosis.backup +
+            ": remove them once the client works";
+  }
+  return '\n' + Wrapped(text, 0) + '\n';
 }
 
 std::string Text(const Diagnosis& diagnosis, bool isRepairing) {

@@ -17,6 +17,8 @@ namespace fs = std::filesystem;
 
 constexpr unsigned long long kLeastFreeBytes = std::uint64_t{1024} * 1024;
 constexpr mode_t kPermissions = 0777;
+constexpr mode_t kOwnerOfFile = 0600;
+constexpr mode_t kOwnerOfFolder = 0700;
 constexpr char kStartsEmpty[] =
     "None is needed: the client makes it anew at its next start, and its cache begins empty. To "
     "keep the cache, restore \"zorm\", sdkcache_config.db and sdkcache.db together from one "
@@ -55,9 +57,20 @@ std::string DamageText(const CacheCheck& check, std::uint32_t pageBytes) {
 
 Examination::Examination(const std::string& directory)
     : m_directory(directory), m_staged(directory) {
+  ExamineSpace();
+  if (!HoldsData()) {
+    Add({"no-data",
+         ".",
+         "there is no data of a client here",
+         "It is another directory, or no client has run in it yet.",
+         "Name the directory that the client gives as \"dbPath\". A client makes all that it needs "
+         "at its first start.",
+         Repair::kNone,
+         {}});
+    return;
+  }
   FindDatabaseKey(m_staged, &m_key);
   ExamineModes();
-  ExamineSpace();
   ExamineKeyStore();
   ExamineDatabase();  // tells which salt line was meant
   ExamineSalt();
@@ -67,20 +80,30 @@ const std::string& Examination::EffectiveKey() const {
   return m_usesTrimmedKey ? m_key.trimmedKey : m_key.key;
 }
 
+bool Examination::HoldsData() const {
+  return !DependentFiles().empty() || IsThere(m_directory + "/" + kKeyStoreFolder) ||
+         IsThere(m_directory + "/" + kTrackFolder);
+}
+
 void Examination::ExamineModes() {
   for (const MostOpenMode& file : kMostOpenModes) {
     struct stat found;
     if (::lstat((m_directory + "/" + file.name).c_str(), &found) != 0) continue;
     const mode_t mode = found.st_mode & kPermissions;
-    if (S_ISLNK(found.st_mode) || (mode & ~file.mode) == 0) continue;
-    Add({"mode-too-open",
-         *file.name == '\0' ? "." : file.name,
-         "its mode " + Octal(mode) + " lets other users in",
+    const mode_t wanted =
+        (mode & file.mode) | (S_ISDIR(found.st_mode) ? kOwnerOfFolder : kOwnerOfFile);
+    if (S_ISLNK(found.st_mode) || mode == wanted) continue;
+    const bool isTooOpen = (mode & ~file.mode) != 0;
+    const std::string name = *file.name == '\0' ? "." : file.name;
+    Add({isTooOpen ? "mode-too-open" : "mode-too-closed",
+         name,
+         "its mode " + Octal(mode) +
+             (isTooOpen ? " lets other users in" : " keeps the client itself out"),
          "It was copied, restored or changed by hand.",
-         "Run zelctl doctor with --repair, or: chmod " + Octal(mode & file.mode) + " " +
-             (*file.name == '\0' ? "." : file.name),
-         Repair::kCloseMode,
-         {file.name}});
+         "Run zelctl doctor with --repair, or: chmod " + Octal(wanted) + " " + name,
+         Repair::kSetMode,
+         {file.name},
+         wanted});
   }
 }
 

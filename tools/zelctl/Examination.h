@@ -14,7 +14,7 @@ namespace zelctl {
 // How the doctor mends a finding.
 enum class Repair {
   kNone,        // nothing to do, or nothing that a program could do
-  kCloseMode,   // takes permissions away
+  kSetMode,     // takes permissions away from others, gives its own back to the owner
   kTakeHealed,  // takes the file of the key store that was rebuilt from its twin
   kTrimSalt,    // takes the line break from the salt line
   kRemove,      // removes what is of no use any more, so that the client makes it anew
@@ -29,6 +29,7 @@ struct Finding {
   std::string remedy;
   Repair repair = Repair::kNone;
   std::vector<std::string> touched;  // what the repair changes, relative to the directory
+  unsigned int mode = 0;             // that the repair sets
 };
 
 // Looks at a copy of the directory; only modes and space are asked of the directory itself.
@@ -46,6 +47,7 @@ class Examination {
 
  private:
   void Add(Finding finding) { m_findings.push_back(std::move(finding)); }
+  bool HoldsData() const;
   void ExamineModes();
   void ExamineSpace();
   void ExamineKeyStore();

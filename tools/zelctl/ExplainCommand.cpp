@@ -82,10 +82,11 @@ std::string EntryText(const CodeText& entry) {
 
 std::string GlobalText(std::int32_t code) {
   const CodeFamily* const family = FamilyOf(code);
-  return std::to_string(code) +
-         "  a code of the SDK's libraries: known, and passed on unchanged; the library that "
-         "reports "
-         "it documents it\n" +
+  return Wrapped(std::to_string(code) +
+                     " is a code of the SDK's libraries: known, and passed on unchanged; the "
+                     "library that reports it documents it",
+                 0) +
+         '\n' +
          Line("family", family == nullptr ? "none, it stands alone"
                                           : std::to_string(family->first) + " to " +
                                                 std::to_string(family->last));

@@ -18,7 +18,7 @@ constexpr std::size_t kChunk = std::size_t{64} * 1024;
 
 [[noreturn]] void Refuse(const std::string& path, const std::string& reason) {
   throw UsageError("cannot read " + Quoted(path) + ": " + reason +
-                   "; name a file of requests, or - for stdin");
+                   "; name a file of requests, - for stdin, or a subcommand (zelctl --help)");
 }
 
 int Open(const std::string& path) {

@@ -1,14 +1,18 @@
 #include "LogView.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <optional>
+#include <set>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <json/value.h>
 
@@ -86,16 +90,21 @@ View ParseView(const std::vector<std::string>& arguments) {
                                                        {"--since", &view.since},
                                                        {"--until", &view.until}};
   for (auto next = arguments.begin(); next != arguments.end(); ++next) {
-    const auto option = options.find(*next);
+    const std::size_t sign = next->find('=');
+    const auto option = options.find(next->substr(0, sign));
     if (*next == "-f") {
       view.follows = true;
     } else if (*next == "--json") {
       view.asJson = true;
     } else if (option != options.end()) {
-      if (++next == arguments.end()) throw UsageError(option->first + " needs a value");
-      *option->second = *next;
+      const bool isJoined = sign != std::string::npos;
+      if (!isJoined && ++next == arguments.end()) {
+        throw UsageError(option->first + " needs a value; see zelctl logs view --help");
+      }
+      *option->second = isJoined ? next->substr(sign + 1) : *next;
     } else if (next->empty() || next->front() == '-' || !view.directory.empty()) {
-      throw UsageError("logs view does not take " + Quoted(*next) + "; see zelctl --help");
+      throw UsageError("logs view does not take " + Quoted(*next) +
+                       "; see zelctl logs view --help");
     } else {
       view.directory = *next;
     }
@@ -115,28 +124,34 @@ View ParseView(const std::vector<std::string>& arguments) {
   return view;
 }
 
-std::vector<Line> ReadAll(const std::string& directory) {
-  std::vector<Line> lines;
-  std::error_code vanished;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, vanished)) {
-    if (entry.path().extension() != ".txt" || !entry.is_regular_file(vanished)) continue;
-    std::ifstream file(entry.path());
-    Line line;
-    for (std::string text; std::getline(file, text);) {
-      line = ParseLine(text, line);
-      lines.push_back(line);
-    }
+// One file, read line by line.
+class Source {
+ public:
+  explicit Source(const LogFile& log) : m_file(log.path) {}
+
+  bool IsOpen() const { return m_file.is_open(); }
+  const Line& Current() const { return m_line; }
+  // False at the end.
+  bool Advance() {
+    std::string text;
+    if (!std::getline(m_file, text)) return false;
+    m_line = ParseLine(text, m_line);
+    return true;
   }
-  // Stable: lines of the same time stay in the order of their file.
-  std::stable_sort(lines.begin(), lines.end(),
-                   [](const Line& a, const Line& b) { return a.time < b.time; });
-  return lines;
-}
+
+ private:
+  std::ifstream m_file;
+  Line m_line;
+};
+
+struct Counts {
+  std::size_t lines = 0;
+  std::size_t shown = 0;
+};
 
 void Show(const Line& line, const View& view) {
-  if (!IsShown(line, view)) return;
   if (!view.asJson) {
-    std::cout << line.text << '\n';
+    std::cout << Printable(line.text) << '\n';
     return;
   }
   Json::Value object(Json::objectValue);
@@ -147,21 +162,53 @@ void Show(const Line& line, const View& view) {
   std::cout << OnOneLine(object) << '\n';
 }
 
-bool Follow(const View& view, std::map<std::string, ModuleFile>& files,
-            const std::atomic<bool>& interrupted) {
+// The files are merged, each in its own order: lines of the same time stay in the order of the
+// files, and no more than a line of each is kept.
+Counts ShowMerged(std::vector<Source> sources, const View& view,
+                  const std::atomic<bool>& interrupted) {
+  Counts counts;
+  const auto isEarlier = [](const Source& a, const Source& b) {
+    return a.Current().time < b.Current().time;
+  };
+  while (!sources.empty() && std::cout && !interrupted) {
+    const auto first = std::min_element(sources.begin(), sources.end(), isEarlier);
+    ++counts.lines;
+    if (IsShown(first->Current(), view)) {
+      ++counts.shown;
+      Show(first->Current(), view);
+    }
+    if (!first->Advance()) sources.erase(first);
+  }
+  std::cout.flush();
+  return counts;
+}
+
+bool Follow(const View& view, FollowedLogs& logs, const std::atomic<bool>& interrupted) {
   std::map<std::string, Line> last;
   while (std::cout && !interrupted) {
-    for (auto& [module, file] : files) {
-      for (std::string text : file.TakeNewLines()) {
-        text.pop_back();  // its line feed
-        Line& line = last[module] = ParseLine(text, last[module]);
-        Show(line, view);
-      }
-    }
+    logs.TakeNewLines([&](const std::string& module, const std::string& text) {
+      Line& line = last[module] = ParseLine(text.substr(0, text.size() - 1), last[module]);
+      if (IsShown(line, view)) Show(line, view);
+    });
     std::cout.flush();
     std::this_thread::sleep_for(kFollowPoll);
   }
   return static_cast<bool>(std::cout);
+}
+
+// What is missing where nothing is shown.
+void TellOfNothing(const View& view, const std::vector<LogFile>& logs, const Counts& counts) {
+  std::set<std::string> modules;
+  std::string names;
+  for (const LogFile& log : logs) {
+    if (modules.insert(log.module).second) names += (names.empty() ? "" : ", ") + log.module;
+  }
+  if (logs.empty()) {
+    Complain("no logs in " + Quoted(view.directory) +
+             "; name the directory that the client gives as \"log_path\"");
+  } else if (counts.lines > 0 && counts.shown == 0) {
+    Complain("none of " + Counted(counts.lines, "line") + " is chosen; there are logs of " + names);
+  }
 }
 
 }  // namespace
@@ -169,18 +216,31 @@ bool Follow(const View& view, std::map<std::string, ModuleFile>& files,
 bool ViewLogs(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted) {
   const View view = ParseView(arguments);
   // Opened before the first look: a line that is written meanwhile is shown twice rather than not.
-  std::map<std::string, ModuleFile> files;
-  std::error_code vanished;
-  if (view.follows) {
-    for (const fs::directory_entry& entry : fs::directory_iterator(view.directory, vanished)) {
-      const auto module = ModuleFile::ModuleOf(entry.path().filename());
-      if (module) files.try_emplace(*module, entry.path().string(), ModuleFile::Start::kAtEnd);
+  std::optional<FollowedLogs> followed;
+  if (view.follows) followed.emplace(view.directory);
+  const std::vector<LogFile> logs = FindLogs(view.directory);
+  std::vector<Source> sources;
+  bool isWhole = !logs.empty() || view.follows;
+  for (const LogFile& log : logs) {
+    Source source(log);
+    if (!source.IsOpen()) {
+      Complain("cannot read " + Quoted(log.path) + ": " + std::strerror(errno));
+      isWhole = false;
+    } else if (source.Advance()) {
+      sources.push_back(std::move(source));
     }
   }
-  for (const Line& line : ReadAll(view.directory)) Show(line, view);
-  std::cout.flush();
-  if (!std::cout) Complain("cannot write to standard output");
-  return std::cout && (!view.follows || Follow(view, files, interrupted));
+  const Counts counts = ShowMerged(std::move(sources), view, interrupted);
+  if (!std::cout) {
+    ComplainOfOutput();
+    return false;
+  }
+  if (interrupted) {
+    Complain("interrupted");
+    return false;
+  }
+  TellOfNothing(view, logs, counts);
+  return view.follows ? Follow(view, *followed, interrupted) : isWhole;
 }
 
 }  // namespace zelctl

@@ -3,17 +3,18 @@
 #include <chrono>
 #include <filesystem>
 #include <iostream>
-#include <map>
 #include <optional>
 #include <system_error>
 #include <thread>
 
 #include <json/value.h>
 
+#include "DataFiles.h"
 #include "JsonText.h"
 #include "ModuleFile.h"
 #include "Options.h"
 #include "Progress.h"
+#include "Report.h"
 #include "Text.h"
 #include "util/LogBusiness.h"
 
@@ -76,53 +77,37 @@ Arguments Parse(const std::vector<std::string>& given, const std::string& option
   return arguments;
 }
 
-// The logs of a directory that are followed, by module.
-class Watch {
- public:
-  Watch(std::string directory, bool asJson) : m_directory(std::move(directory)), m_asJson(asJson) {
-    FindModules(ModuleFile::Start::kAtEnd);
+// A clean-up takes whatever is old enough, whatever it is.
+void RefuseData(const std::string& directory) {
+  std::error_code error;
+  for (fs::recursive_directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const fs::path name = entry->path().filename();
+    if (name != kDatabaseFile && name != kSaltFile && name != kKeyStoreFolder) continue;
+    throw UsageError(Quoted(entry->path().string()) +
+                     " is data of a client, which would go too; name the directory of its logs");
   }
+  if (error) throw std::system_error(error, "cannot read all of " + directory);
+}
 
-  // False when nobody takes the lines any more.
-  bool PrintNew() {
-    FindModules(ModuleFile::Start::kAtBegin);
-    for (auto& [module, file] : m_files) {
-      for (const std::string& line : file.TakeNewLines()) Show(module, line);
-    }
-    std::cout.flush();
-    return static_cast<bool>(std::cout);
+void ShowNew(const std::string& module, const std::string& line, bool asJson) {
+  const std::string text = line.substr(0, line.size() - 1);  // without its line feed
+  if (!asJson) {
+    std::cout << module << ": " << Printable(text) << '\n';
+    return;
   }
-
- private:
-  void FindModules(ModuleFile::Start start) {
-    std::error_code vanished;  // the directory may come again
-    for (const fs::directory_entry& entry : fs::directory_iterator(m_directory, vanished)) {
-      const std::optional<std::string> module = ModuleFile::ModuleOf(entry.path().filename());
-      if (module) m_files.try_emplace(*module, entry.path().string(), start);
-    }
-  }
-
-  void Show(const std::string& module, const std::string& line) const {
-    if (!m_asJson) {
-      std::cout << module << ": " << line;
-      return;
-    }
-    Json::Value object(Json::objectValue);
-    object["module"] = module;
-    object["text"] = line.substr(0, line.size() - 1);  // without its line feed
-    std::cout << OnOneLine(object) << '\n';
-  }
-
-  const std::string m_directory;
-  const bool m_asJson;
-  std::map<std::string, ModuleFile> m_files;
-};
+  Json::Value object(Json::objectValue);
+  object["module"] = module;
+  object["text"] = text;
+  std::cout << OnOneLine(object) << '\n';
+}
 
 }  // namespace
 
 bool CleanLogs(const std::vector<std::string>& given, const std::atomic<bool>& interrupted) {
   const Arguments arguments = Parse(given, "--days");
   if (!arguments.number) throw UsageError("--days is missing; say how many days of logs to keep");
+  RefuseData(arguments.directory);
   LogBusiness::InitConfig(arguments.directory, *arguments.number);
   LogBusiness::DoAsyncDelete(LogBusiness::kAfterConference);
   {
@@ -130,24 +115,27 @@ bool CleanLogs(const std::vector<std::string>& given, const std::atomic<bool>& i
     while (LogBusiness::IsCleaning() && !interrupted) std::this_thread::sleep_for(kCleanPoll);
   }
   if (interrupted) Complain("interrupted");
-  const std::string count = std::to_string(LogBusiness::DeletedFiles());
-  std::cout << (arguments.asJson ? "{\"removed\":" + count + "}\n"
-                                 : "removed " + count + " files\n")
-            << std::flush;
-  return !interrupted && std::cout;
+  const auto count = static_cast<std::size_t>(LogBusiness::DeletedFiles());
+  return Print(arguments.asJson ? "{\"removed\":" + std::to_string(count) + "}\n"
+                                : "removed " + Counted(count, "file") + '\n') &&
+         !interrupted;
 }
 
 bool WatchLogs(const std::vector<std::string>& given, const std::atomic<bool>& interrupted) {
   const Arguments arguments = Parse(given, "--seconds");
   const auto begin = std::chrono::steady_clock::now();
-  Watch watch(arguments.directory, arguments.asJson);
+  FollowedLogs logs(arguments.directory);
   Complain("watching " + Quoted(arguments.directory));
   for (;;) {
     // Asked before the last look, so that it shows all that was written until then.
     const bool isLast =
         interrupted || (arguments.number && std::chrono::steady_clock::now() - begin >=
                                                 std::chrono::seconds(*arguments.number));
-    if (!watch.PrintNew()) return false;
+    logs.TakeNewLines([&](const std::string& module, const std::string& line) {
+      ShowNew(module, line, arguments.asJson);
+    });
+    std::cout.flush();
+    if (!std::cout) return false;
     if (isLast) return true;
     std::this_thread::sleep_for(kWatchPoll);
   }

@@ -6,29 +6,59 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <filesystem>
+#include <system_error>
+#include <tuple>
 #include <utility>
 
 namespace zelctl {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr char kExtension[] = ".txt";
+constexpr char kSettingsFile[] = "config.txt";  // beside the logs where one folder holds all
+constexpr char kLogFolder[] = "log";
+constexpr std::size_t kMostDigits = 6;
 constexpr std::size_t kExtensionLength = sizeof(kExtension) - 1;
 constexpr std::size_t kReadBytes = 65536;
 constexpr int kMostOldFiles = 1000;
 
-bool EndsInNumber(const std::string& stem) {
+// Nothing for what is no log by its name.
+std::optional<LogFile> ParseName(const fs::path& path) {
+  std::string stem = path.stem().string();
+  if (path.extension() != kExtension || path.filename() == kSettingsFile) return std::nullopt;
   const std::size_t dot = stem.rfind('.');
-  return dot != std::string::npos && dot + 1 < stem.size() &&
-         stem.find_first_not_of("0123456789", dot + 1) == std::string::npos;
+  const std::string number = dot == std::string::npos ? "" : stem.substr(dot + 1);
+  const bool isOld = !number.empty() && number.size() <= kMostDigits &&
+                     number.find_first_not_of("0123456789") == std::string::npos;
+  if (isOld) stem.erase(dot);
+  return LogFile{path.string(), stem, isOld ? std::stoi(number) : 0};
+}
+
+void AddLogsOf(const fs::path& folder, std::vector<LogFile>* logs) {
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code vanished;
+    const std::optional<LogFile> log = ParseName(entry->path());
+    if (log && entry->is_regular_file(vanished)) logs->push_back(*log);
+  }
+  if (error) throw std::system_error(error, "cannot read the folder " + folder.string());
 }
 
 }  // namespace
 
-std::optional<std::string> ModuleFile::ModuleOf(const std::string& fileName) {
-  if (fileName.size() <= kExtensionLength) return std::nullopt;
-  const std::string stem = fileName.substr(0, fileName.size() - kExtensionLength);
-  if (stem + kExtension != fileName || EndsInNumber(stem)) return std::nullopt;
-  return stem;
+std::vector<LogFile> FindLogs(const std::string& directory) {
+  std::vector<LogFile> logs;
+  AddLogsOf(directory, &logs);
+  const fs::path folder = fs::path(directory) / kLogFolder;
+  std::error_code none;
+  if (fs::is_directory(fs::symlink_status(folder, none))) AddLogsOf(folder, &logs);
+  std::sort(logs.begin(), logs.end(), [](const LogFile& a, const LogFile& b) {
+    return std::tie(a.module, b.number, a.path) < std::tie(b.module, a.number, b.path);
+  });
+  return logs;
 }
 
 ModuleFile::ModuleFile(std::string path, Start start) : m_path(std::move(path)), m_reader(m_path) {
@@ -124,6 +154,28 @@ void ModuleFile::Reader::AppendNewTo(std::string& text) {
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return;
     m_offset += count;
+  }
+}
+
+FollowedLogs::FollowedLogs(std::string directory) : m_directory(std::move(directory)) {
+  Find(ModuleFile::Start::kAtEnd);
+}
+
+void FollowedLogs::TakeNewLines(const Take& take) {
+  try {
+    Find(ModuleFile::Start::kAtBegin);
+  } catch (const std::system_error&) {
+    // The folder may come again.
+  }
+  for (auto& [path, followed] : m_files) {
+    for (const std::string& line : followed.file.TakeNewLines()) take(followed.module, line);
+  }
+}
+
+void FollowedLogs::Find(ModuleFile::Start start) {
+  for (const LogFile& log : FindLogs(m_directory)) {
+    if (log.number != 0 || m_files.count(log.path) != 0) continue;
+    m_files.emplace(log.path, Followed{log.module, ModuleFile(log.path, start)});
   }
 }
 

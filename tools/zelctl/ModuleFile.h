@@ -1,4 +1,4 @@
-// The log file of one module, followed while it grows, is rotated, emptied or removed.
+// The log files of modules: found, and followed while they grow, are rotated, emptied or removed.
 //
 // A rotation makes "name.txt" "name.1.txt", that one "name.2.txt" and so on. The file being read
 // stays open, so its last lines are not lost, and every file between it and the newest is read too.
@@ -7,18 +7,27 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace zelctl {
 
+struct LogFile {
+  std::string path;
+  std::string module;
+  int number = 0;  // of an old file; the highest is the oldest
+};
+
+// The logs that lie in the directory or in its folder "log", which is where a client keeps them:
+// by module, the oldest first. Throws std::system_error for a folder that cannot be read.
+std::vector<LogFile> FindLogs(const std::string& directory);
+
 class ModuleFile {
  public:
   enum class Start { kAtBegin, kAtEnd };
-
-  // The module whose current log has this file name; nothing for any other file.
-  static std::optional<std::string> ModuleOf(const std::string& fileName);
 
   ModuleFile(std::string path, Start start);
 
@@ -52,6 +61,28 @@ class ModuleFile {
   const std::string m_path;
   Reader m_reader;
   std::string m_text;  // read, not yet a whole line
+};
+
+// All logs that FindLogs finds, from what they have when it begins.
+class FollowedLogs {
+ public:
+  using Take = std::function<void(const std::string& module, const std::string& line)>;
+
+  explicit FollowedLogs(std::string directory);
+
+  // Hands out what has come, in whole lines, each with its line feed.
+  void TakeNewLines(const Take& take);
+
+ private:
+  struct Followed {
+    std::string module;
+    ModuleFile file;
+  };
+
+  void Find(ModuleFile::Start start);
+
+  const std::string m_directory;
+  std::map<std::string, Followed> m_files;  // by path
 };
 
 }  // namespace zelctl

@@ -6,11 +6,13 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
-#include <future>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
+#include <utility>
 
+#include <curl/curl.h>
 #include <json/value.h>
 
 #include "CommonUtil.h"
@@ -34,7 +36,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kMostServers = 4;
 constexpr int kTlsSetting = 69;
+constexpr std::int32_t kNoAnswer = 3;  // of a report
+constexpr char kNotReported[] = "unknown";
 constexpr auto kLook = milliseconds(50);  // between two looks for an interruption
+constexpr int kNoMemory = -2;             // of an exchange
 constexpr char kPasswordVariable[] = "ZEL_PROXY_PASSWORD";
 constexpr unsigned kFirstErrorStatus = 400;
 constexpr unsigned kProxyLoginStatus = 407;
@@ -102,7 +107,7 @@ NetArguments ParseNet(const std::vector<std::string>& arguments) {
     } else if (argument == "--json") {
       parsed.asJson = true;
     } else if (argument.empty() || argument[0] == '-') {
-      throw UsageError("net knows no " + Quoted(argument) + "; see zelctl --help");
+      throw UsageError("net does not take " + Quoted(argument) + "; see zelctl net --help");
     } else {
       parsed.servers.push_back(argument);
     }
@@ -122,6 +127,11 @@ const char* DetectText(std::int32_t result) {
   return isKnown ? kTexts[result] : "failed";
 }
 
+// Of a server that no packet was sent to nothing is known to be lost.
+bool HasLoss(const tagNET_DETECT_PROCESS_RESULT& report) {
+  return report.result == 0 || report.result == kNoAnswer;
+}
+
 std::string DetectTable(const std::vector<std::string>& servers,
                         const std::vector<tagNET_DETECT_PROCESS_RESULT>& reports) {
   constexpr auto kRight = Table::Align::kRight;
@@ -136,7 +146,7 @@ std::string DetectTable(const std::vector<std::string>& servers,
   for (const auto& report : reports) slowest = std::max(slowest, report.averageDelay);
   for (std::size_t i = 0; i < servers.size(); ++i) {
     if (i >= reports.size()) {
-      table.Add({servers[i], "unknown", "-", "-", "-", "-", ""});
+      table.Add({servers[i], kNotReported, "-", "-", "-", "-", ""});
       continue;
     }
     const auto& r = reports[i];
@@ -144,7 +154,7 @@ std::string DetectTable(const std::vector<std::string>& servers,
       return r.result == 0 ? std::to_string(delay) + " ms" : "-";
     };
     table.Add({servers[i], DetectText(r.result), ms(r.averageDelay), ms(r.minDelay), ms(r.maxDelay),
-               std::to_string(r.discard) + " %",
+               HasLoss(r) ? std::to_string(r.discard) + " %" : "-",
                r.result == 0 ? Bar(r.averageDelay, slowest) : ""});
   }
   return table.Text();
@@ -153,19 +163,21 @@ std::string DetectTable(const std::vector<std::string>& servers,
 Json::Value DetectJson(const std::vector<std::string>& servers,
                        const std::vector<tagNET_DETECT_PROCESS_RESULT>& reports) {
   Json::Value list(Json::arrayValue);
-  for (std::size_t i = 0; i < reports.size(); ++i) {
+  for (std::size_t i = 0; i < servers.size(); ++i) {
     Json::Value& entry = list.append(Json::Value(Json::objectValue));
-    entry["server"] = servers[i];
-    entry["result"] = reports[i].result;
-    entry["text"] = DetectText(reports[i].result);
+    const bool isReported = i < reports.size();
+    const tagNET_DETECT_PROCESS_RESULT r = isReported ? reports[i] : tagNET_DETECT_PROCESS_RESULT{};
     // What was not measured is null.
-    const auto ms = [&](std::int32_t delay) {
-      return reports[i].result == 0 ? Json::Value(delay) : Json::Value();
+    const auto known = [&](bool isMeasured, std::int32_t value) {
+      return isReported && isMeasured ? Json::Value(value) : Json::Value();
     };
-    entry["averageMs"] = ms(reports[i].averageDelay);
-    entry["minMs"] = ms(reports[i].minDelay);
-    entry["maxMs"] = ms(reports[i].maxDelay);
-    entry["lostPercent"] = reports[i].discard;
+    entry["server"] = servers[i];
+    entry["result"] = known(true, r.result);
+    entry["text"] = isReported ? DetectText(r.result) : kNotReported;
+    entry["averageMs"] = known(r.result == 0, r.averageDelay);
+    entry["minMs"] = known(r.result == 0, r.minDelay);
+    entry["maxMs"] = known(r.result == 0, r.maxDelay);
+    entry["lostPercent"] = known(HasLoss(r), r.discard);
   }
   return list;
 }
@@ -206,12 +218,13 @@ ProxyArguments ParseProxy(const std::vector<std::string>& arguments) {
     } else if (argument == "--user" && hasValue) {
       SetText(parsed.proxy.userName, sizeof(parsed.proxy.userName), arguments[++i]);
     } else if (argument.empty() || argument[0] == '-' || !parsed.url.empty()) {
-      throw UsageError("proxy does not take " + Quoted(argument) + "; see zelctl --help");
+      throw UsageError("proxy does not take " + Quoted(argument) + "; see zelctl proxy --help");
     } else {
       parsed.url = argument;
     }
   }
   if (parsed.url.empty()) throw UsageError("proxy needs the URL to reach");
+  if (parsed.url.size() >= sizeof(ORB_HTTP_REQUEST::url)) throw UsageError("the URL is too long");
   const char* const password = std::getenv(kPasswordVariable);
   if (password != nullptr &&
       strcpy_s(parsed.proxy.password, sizeof(parsed.proxy.password), password) != 0) {
@@ -222,11 +235,13 @@ ProxyArguments ParseProxy(const std::vector<std::string>& arguments) {
 
 // One way to the URL.
 struct Way {
-  const char* name;
-  int result;  // of the HTTP library
+  bool isProxy;
+  int result;  // of the HTTP library: 0 when it gets through, else curl's code or below 0
   unsigned int status;
   double ms;
 };
+
+const char* NameOf(const Way& way) { return way.isProxy ? "proxy" : "direct"; }
 
 Way TryWay(const ProxyArguments& arguments, bool throughProxy) {
   ORB_HTTP_REQUEST request = {};
@@ -245,15 +260,27 @@ Way TryWay(const ProxyArguments& arguments, bool throughProxy) {
   PRAX_MemFreeSetNullD(&request.buffer1);
   PRAX_MemFreeSetNullD(&request.buffer2);
   (void)memset_s(&proxy, sizeof(proxy), 0, sizeof(proxy));
-  return {throughProxy ? "proxy" : "direct", result, request.status, took.count()};
+  return {throughProxy, result, request.status, took.count()};
 }
 
-std::vector<Way> TryWays(const ProxyArguments& arguments) {
-  std::future<Way> direct = std::async(std::launch::async, TryWay, std::cref(arguments), false);
-  std::vector<Way> ways;
-  if (*arguments.proxy.server != '\0') ways.push_back(TryWay(arguments, true));
-  ways.insert(ways.begin(), direct.get());
+// Both ways at once; nothing when interrupted. What is under way then ends with the process.
+std::optional<std::vector<Way>> TryWays(const ProxyArguments& arguments,
+                                        const std::atomic<bool>& interrupted) {
+  const std::size_t count = *arguments.proxy.server != '\0' ? 2 : 1;
+  const auto tried = std::make_shared<Awaited<Way>>();
+  for (std::size_t i = 0; i < count; ++i) {
+    std::thread([tried, arguments, i] { tried->Add(TryWay(arguments, i == 1)); }).detach();
+  }
+  if (!tried->Await(count, interrupted)) return std::nullopt;
+  std::vector<Way> ways = tried->Values();
+  if (ways.front().isProxy) std::swap(ways.front(), ways.back());
   return ways;
+}
+
+std::string ReasonOf(int result) {
+  if (result == kNoMemory) return "no memory";
+  return result < 0 ? "such a request cannot be sent"
+                    : curl_easy_strerror(static_cast<CURLcode>(result));
 }
 
 // "direct", "proxy", or nothing when no way is known yet.
@@ -271,7 +298,7 @@ std::optional<std::string> Decide(const ProxyArguments& arguments, bool canBeRea
 
 // An answer need not be the server's: "gets through" would say too much.
 std::string WayText(const Way& way) {
-  if (way.result != 0) return "fails, code " + std::to_string(way.result);
+  if (way.result != 0) return "fails";
   return way.status == kProxyLoginStatus ? "asks for a login" : "answers";
 }
 
@@ -281,10 +308,16 @@ std::string WaysTable(const std::vector<Way>& ways) {
   double slowest = 1;
   for (const Way& way : ways) slowest = std::max(slowest, way.ms);
   for (const Way& way : ways) {
-    table.Add({way.name, WayText(way), way.result == 0 ? std::to_string(way.status) : "-",
+    table.Add({NameOf(way), WayText(way), way.result == 0 ? std::to_string(way.status) : "-",
                std::to_string(std::lround(way.ms)) + " ms", Bar(way.ms, slowest)});
   }
-  return table.Text();
+  std::string text = table.Text();
+  for (const Way& way : ways) {
+    if (way.result == 0) continue;
+    text += std::string(NameOf(way)) + " fails: " + ReasonOf(way.result) + " (code " +
+            std::to_string(way.result) + ")\n";
+  }
+  return text;
 }
 
 }  // namespace
@@ -317,7 +350,13 @@ bool MeasureServers(const std::vector<std::string>& arguments,
 bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>& interrupted) {
   const ProxyArguments parsed = ParseProxy(arguments);
   std::optional<Progress> progress("trying");
-  const std::vector<Way> ways = TryWays(parsed);
+  const std::optional<std::vector<Way>> tried = TryWays(parsed, interrupted);
+  if (!tried) {
+    progress.reset();
+    Complain("interrupted; no way has been found yet");
+    return false;
+  }
+  const std::vector<Way>& ways = *tried;
   const bool hasProxy = *parsed.proxy.server != '\0';
   const bool canBeReached =
       std::any_of(ways.begin(), ways.end(), [](const Way& way) { return way.result == 0; });
@@ -326,9 +365,11 @@ bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>
   if (parsed.asJson) {
     Json::Value object(Json::objectValue);
     for (const Way& way : ways) {
-      object[way.name]["result"] = way.result;
-      object[way.name]["status"] = way.status;
-      object[way.name]["ms"] = way.ms;
+      Json::Value& entry = object[NameOf(way)];
+      entry["result"] = way.result;
+      entry["text"] = way.result == 0 ? WayText(way) : ReasonOf(way.result);
+      entry["status"] = way.status;
+      entry["ms"] = static_cast<Json::Int64>(std::lround(way.ms));
     }
     object["decision"] = decision ? Json::Value(*decision) : Json::Value();
     return Print(JsonText(object)) && canBeReached;
@@ -337,7 +378,8 @@ bool TryProxy(const std::vector<std::string>& arguments, const std::atomic<bool>
   if (!decision) {
     text += "unknown, no way answers\n";
   } else if (!hasProxy) {
-    text += "direct, no proxy is set\n";
+    text += canBeReached ? "direct, no proxy is set\n"
+                         : "direct, since no proxy is set, though it does not answer\n";
   } else {
     text += *decision + ", it was the first to answer\n";
   }

@@ -41,7 +41,8 @@ class Arguments {
 void SetInput(Options& options, const std::string& path) {
   if (path.empty()) throw UsageError("FILE is empty; name a file of requests, or - for stdin");
   if (!options.input.empty()) {
-    throw UsageError("only one FILE can be played, " + Quoted(path) + " is one too many");
+    throw UsageError(Quoted(options.input) + " is no subcommand, so it is the FILE to play, and " +
+                     Quoted(path) + " is one too many; see zelctl --help");
   }
   options.input = path;
 }
@@ -89,13 +90,16 @@ Options ParseOptions(int argc, const char* const* argv) {
     const std::string argument = arguments.Take();
     const bool isOption = !onlyFiles && argument.size() > 1 && argument[0] == '-';
     std::string value;
+    if (argument == "--help" || argument == "-h" || argument == "help") {
+      options.help = true;
+      return options;
+    }
     if (!isOption) {
       SetInput(options, argument);
     } else if (argument == "--") {
       onlyFiles = true;
-    } else if (argument == "--help" || argument == "-h") {
-      options.help = true;
-      return options;
+    } else if (argument == "--version") {
+      options.version = true;
     } else if (argument == "--loopback") {
       options.loopback = true;
     } else if (arguments.TakeValue(argument, "--data", value)) {
@@ -119,26 +123,28 @@ Options ParseOptions(int argc, const char* const* argv) {
 const char* UsageText() {
   return R"(usage: zelctl [OPTION...] [FILE|-]
        zelctl [OPTION...] --replay FILE
+       zelctl SUBCOMMAND ...
 
-Without FILE, at a terminal, a console: type requests, TAB completes, :help tells
-more. With FILE, plays the JSON requests in it, one a line, against libzel_utils
-and prints every reply and notification as one JSON line. Blank lines and lines
-that begin with # are skipped, :help and the like work as in the console; the
-line !reports lets the network tools report made-up results of detections that no
-message starts. "-" reads standard input, line by line as it arrives; so does no
-FILE without a terminal.
+Without FILE, at a terminal, a console: type requests, TAB completes, :help
+tells more. With FILE, plays the JSON requests in it, one a line, against
+libzel_utils and prints every reply and notification as one JSON line. Blank
+lines and lines that begin with # are skipped, :help and the like work as in the
+console; the line !reports lets the network tools report made-up results of
+detections that no message starts. "-" reads standard input, line by line as it
+arrives; so does no FILE without a terminal.
 
   --data DIR         data directory, made when missing (default ./zel-data);
                      ${DATA} in a request stands for its absolute path
   --timeout SECONDS  how long to wait for the reply to each request (default 10)
   --loopback         serve an HTTP origin, an HTTP proxy and a STUN responder on
                      loopback, whose places stand for ${ORIGIN}, ${PROXY_HOST},
-                     ${PROXY_PORT}, ${PROXY_USER}, ${PROXY_PASSWORD} and ${STUN};
+                     ${PROXY_PORT}, ${PROXY_USER}, ${PROXY_PASSWORD}, ${STUN};
                      without it ${NAME:-text} stands for the text
   --record FILE      write the conversation to a new file, passwords replaced
-  --replay FILE      send what such a file holds, at the same times; passwords are
-                     sent as ***, or as ZEL_PROXY_PASSWORD says
-  --color WHEN       always, never, or auto: on a terminal unless NO_COLOR is set
+  --replay FILE      send what such a file holds, at the same times; passwords
+                     are sent as ***, or as ZEL_PROXY_PASSWORD says
+  --color WHEN       always, never, or auto: at a terminal without NO_COLOR
+  --version          print the library's version
   --help             print this text
 
 Exit status: 0 when every request that is due a reply got one in time, 1

@@ -17,6 +17,7 @@ enum class Colouring { kAuto, kAlways, kNever };
 
 struct Options {
   bool help = false;
+  bool version = false;
   std::string dataDirectory = "./zel-data";
   std::chrono::nanoseconds timeout = std::chrono::seconds(10);  // per request
   bool loopback = false;

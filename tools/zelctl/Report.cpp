@@ -39,7 +39,7 @@ void Table::Add(const std::vector<std::string>& row) {
   m_rows.push_back(std::move(shown));
 }
 
-std::string Table::Text() const {
+std::string Table::Lines(bool wraps) const {
   std::vector<std::vector<std::string>> lines(1);
   lines[0].reserve(m_columns.size());
   for (const Column& column : m_columns) lines[0].push_back(column.title);
@@ -53,7 +53,9 @@ std::string Table::Text() const {
     std::string shown;
     for (std::size_t i = 0; i < line.size(); ++i) {
       if (i != 0) shown.append(kGap, ' ');
-      shown += Padded(line[i], widths[i], m_columns[i].align);
+      const bool isWrapped = wraps && i + 1 == line.size();
+      shown += isWrapped ? Wrapped(line[i], Width(shown))
+                         : Padded(line[i], widths[i], m_columns[i].align);
     }
     shown.erase(shown.find_last_not_of(' ') + 1);
     text += shown + '\n';
@@ -95,7 +97,7 @@ std::string JsonText(const Json::Value& value) {
 
 bool Print(const std::string& text) {
   if (std::cout << text << std::flush) return true;
-  Complain("cannot write to standard output");
+  ComplainOfOutput();
   return false;
 }
 

@@ -22,9 +22,13 @@ class Table {
 
   // As many texts as there are columns.
   void Add(const std::vector<std::string>& row);
-  std::string Text() const;
+  std::string Text() const { return Lines(false); }
+  // The last column, which is sentences, is broken at blanks to keep to 80 columns.
+  std::string WrappedText() const { return Lines(true); }
 
  private:
+  std::string Lines(bool wraps) const;
+
   std::vector<Column> m_columns;
   std::vector<std::vector<std::string>> m_rows;
 };
@@ -39,7 +43,7 @@ std::string Wrapped(const std::string& text, std::size_t indent);
 // One JSON document with a line end.
 std::string JsonText(const Json::Value& value);
 
-// Writes to standard output. False, with one line to standard error, when nobody takes it.
+// Writes to standard output. False, with one line to standard error unless its reader has gone.
 bool Print(const std::string& text);
 
 }  // namespace zelctl

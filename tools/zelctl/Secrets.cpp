@@ -127,6 +127,14 @@ std::string SecretHider::Hide(const std::string& message) {
   return hidden;
 }
 
+std::string HiddenSetting(const std::string& key, const std::string& value) {
+  if (value.empty()) return value;
+  if (IsSecretKey(key)) return kHiddenMark;
+  std::string hidden = value;
+  HideUserInfo(hidden);
+  return hidden;
+}
+
 std::size_t CountHidden(const std::string& message) {
   Json::Value parsed;
   if (!ParseJson(message, parsed)) return message == kHiddenMark ? 1 : 0;

@@ -28,6 +28,9 @@ class SecretHider {
   std::set<std::string> m_seen;  // as they stand in JSON; wiped at the end
 };
 
+// The value of a setting: the mark when the key is called so, else without "user:password@".
+std::string HiddenSetting(const std::string& key, const std::string& value);
+
 // How many passwords of `message` were hidden.
 std::size_t CountHidden(const std::string& message);
 

@@ -191,7 +191,9 @@ void Session::Print(const Arrival& arrival) {
   ++m_shown;
   if (!m_canPrint) return;
   m_canPrint = m_show(arrival);
-  if (!m_canPrint) Fail("cannot write to standard output");
+  if (m_canPrint) return;
+  ComplainOfOutput();
+  m_succeeded = false;
 }
 
 void Session::Fail(const std::string& remark) {

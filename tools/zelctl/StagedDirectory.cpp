@@ -20,15 +20,22 @@ constexpr const char* kCopied[] = {kDatabaseFile, kJournalFile,  kWriteAheadFile
 constexpr const char* kDatabaseFiles[] = {kDatabaseFile, kJournalFile, kWriteAheadFile};
 
 void CopyPrivately(const fs::path& from, const fs::path& to) {
-  if (!fs::is_regular_file(from)) return;
-  fs::copy_file(from, to);
+  std::error_code error;
+  const fs::file_type type = fs::status(from, error).type();
+  if (type == fs::file_type::not_found) return;
+  if (type != fs::file_type::regular && !error) return;
+  if (error || !fs::copy_file(from, to, error)) {
+    throw std::system_error(error, "cannot copy " + from.string() + " to " + to.string());
+  }
   fs::permissions(to, fs::perms::owner_read | fs::perms::owner_write);
 }
 
 std::string MakePrivateDirectory() {
-  std::string path = (fs::temp_directory_path() / "zelctl.XXXXXX").string();
-  if (::mkdtemp(path.data()) != nullptr) return path;  // mode 0700
-  throw std::system_error(errno, std::generic_category(), "no temporary directory");
+  std::error_code error;
+  std::string path = (fs::temp_directory_path(error) / "zelctl.XXXXXX").string();
+  if (!error && ::mkdtemp(path.data()) != nullptr) return path;  // mode 0700
+  throw std::system_error(error ? error : std::error_code(errno, std::generic_category()),
+                          "no temporary directory, set TMPDIR to another one");
 }
 
 }  // namespace

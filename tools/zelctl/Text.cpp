@@ -1,6 +1,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 
 namespace zelctl {
@@ -36,6 +37,29 @@ std::size_t Width(const std::string& text) {
   }));
 }
 
+std::string Printable(const std::string& text) {
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte >= kFirstPrintable && byte != kDelete) || c == '\t') {
+      shown += c;
+      continue;
+    }
+    shown += "\\x";
+    shown += kHexDigits[byte >> 4];
+    shown += kHexDigits[byte & 0xf];
+  }
+  return shown;
+}
+
+std::string Counted(std::size_t count, const std::string& one) {
+  return std::to_string(count) + ' ' + one + (count == 1 ? "" : "s");
+}
+
 void Complain(const std::string& text) { std::cerr << "zelctl: " + text + '\n' << std::flush; }
+
+void ComplainOfOutput() {
+  if (errno != EPIPE) Complain("cannot write to standard output");
+}
 
 }  // namespace zelctl

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "Console.h"
 #include "DataDirectory.h"
@@ -17,10 +18,12 @@
 #include "Loopback.h"
 #include "Options.h"
 #include "Painter.h"
+#include "Report.h"
 #include "Signals.h"
 #include "Subcommands.h"
 #include "Text.h"
 #include "Transcript.h"
+#include "publicInc/CommonUtilEntry.h"
 
 namespace {
 
@@ -69,8 +72,12 @@ int Run(int argc, const char* const* argv) {
   }
   const zelctl::Options options = zelctl::ParseOptions(argc, argv);
   if (options.help) {
-    std::cout << zelctl::UsageText() << zelctl::SubcommandUsage() << std::flush;
-    return std::cout ? kExitAnswered : kExitFailed;
+    return zelctl::Print(zelctl::UsageText() + zelctl::SubcommandUsage()) ? kExitAnswered
+                                                                          : kExitFailed;
+  }
+  if (options.version) {
+    return zelctl::Print(std::string("zelctl ") + CommonUtilVersion() + '\n') ? kExitAnswered
+                                                                              : kExitFailed;
   }
   return Play(options) ? kExitAnswered : kExitFailed;
 }
@@ -83,6 +90,12 @@ int main(int argc, char** argv) {
   } catch (const zelctl::UsageError& error) {
     zelctl::Complain(error.what());
     return kExitUsage;
+  } catch (const std::system_error& error) {
+    const bool isForbidden = error.code() == std::errc::permission_denied ||
+                             error.code() == std::errc::operation_not_permitted;
+    zelctl::Complain(std::string("cannot go on: ") + error.what() +
+                     (isForbidden ? "; its owner or mode keeps this user out" : ""));
+    return kExitFailed;
   } catch (const std::exception& error) {
     zelctl::Complain(std::string("cannot go on: ") + error.what());
     return kExitFailed;
