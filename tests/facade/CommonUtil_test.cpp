@@ -202,17 +202,45 @@ TEST_F(CommonUtilTest, AnEventsIndexHasATextAndALength) {
   EXPECT_TRUE(support::TrackCalls().empty());
 }
 
-TEST_F(CommonUtilTest, EventsReachTrackingWithTheirTextsAlsoWithoutAnEnd) {
+// Each call in a text: the function, then its texts, then its numbers.
+Texts Shown(const std::vector<PlatformCall>& calls) {
+  Texts shown;
+  for (const PlatformCall& call : calls) {
+    std::string& line = shown.emplace_back(call.function);
+    for (const std::string& text : call.texts) line += " " + text;
+    for (const long long number : call.numbers) line += " " + std::to_string(number);
+  }
+  return shown;
+}
+
+TEST_F(CommonUtilTest, ThinCallsPassArgumentsAndResultsOn) {
+  for (const int result :
+       {m_facade.HttpSetProxy("d", "u", "p", 8080), m_facade.HttpProxyConnect(5, "h", 443),
+        m_facade.SetLocalIP("1", "2"), m_facade.NetDetect(3, nullptr)}) {
+    EXPECT_EQ(result, kPlatformResult);
+  }
+  EXPECT_EQ(Shown(support::NetCalls()),
+            (Texts{"orb_http_set_proxy d u p 8080", "orb_http_proxy_connect h 5 443",
+                   "orb_set_local_addr_str 1 2", "orb_net_detect_jni 3"}));
   tagZelUtilSpecialParam event = {"id", "1", "2", "3", "{}", 77};
-  EXPECT_EQ(m_facade.UTFinishEvent("index", 3, event), kTrackResult);
-  EXPECT_EQ(LastTrack().texts, (Texts{"ind", "id", "1", "2", "3", "{}"}));
-  EXPECT_EQ(LastTrack().numbers, (Numbers{3, 77}));
-  std::fill(std::begin(event.args), std::end(event.args), 'a');
+  for (const int result :
+       {m_facade.UTUploadData(), m_facade.UTConfigCustomParam({5, 6, 7}),
+        m_facade.UTAddConfMediaTrack(7, "data", true), m_facade.UTStartEvent("index", 3),
+        m_facade.UTAddSubEvent("index", 3, {}), m_facade.UTFinishEvent("index", 3, event),
+        m_facade.UTAddUserTrack(event), m_facade.UTSetCpuAndMemoryParam({{1, 2, 3}, "text"})}) {
+    EXPECT_EQ(result, kTrackResult);
+  }
+  EXPECT_EQ(
+      Shown(support::TrackCalls()),
+      (Texts{"Track_UploadUserTrack", "Track_ConfigCustomParam 5 1",
+             "MediaTrack_AddDataConfDotData data 7 1", "Track_StartEvent ind 3",
+             "Track_AddSubEvent ind 3 1", "Track_FinishEvent ind id 1 2 3 {} 3 77",
+             "Track_AddUserTrack id 1 2 3 {} 0", "MediaTrack_SetCpuAndMemoryInfo text 1 2 3"}));
+  EXPECT_EQ(CountLog("[UT] end or leave conf, upload", kInfo), 1);
+  std::fill(std::begin(event.args), std::end(event.args), 'a');  // without its NUL
   EXPECT_EQ(m_facade.UTAddMediaTrack(event, true), kTrackResult);
   EXPECT_EQ(LastTrack().texts, (Texts{"id", "1", "2", "3", std::string(8192, 'a')}));
   EXPECT_EQ(LastTrack().numbers, (Numbers{0, 1}));
-  EXPECT_EQ(m_facade.UTSetCpuAndMemoryParam({{1, 2, 3}, "text"}), kTrackResult);
-  EXPECT_EQ(LastTrack().texts, Texts{"text"});
 }
 
 TEST_F(CommonUtilTest, PublicParametersAreNarrowedAndReplaceTheGuid) {
@@ -232,6 +260,7 @@ TEST_F(CommonUtilTest, PublicParametersAreNarrowedAndReplaceTheGuid) {
   EXPECT_EQ(CountLogPrefix("secure function return err: ", kError), 1);  // one sum
   EXPECT_EQ(CommonUtilManager::GetInstance().GetDeviceGuid(), xs);
   EXPECT_EQ(m_facade.UTConfigPublicParam({}), 0);
+  EXPECT_EQ(CountLog("[UT] start!", kInfo), 2);
   EXPECT_EQ(CountLog("m_sDeviceGuid is empty.", kWarning), 1);
 }
 

@@ -1,5 +1,6 @@
 #include "proxy/proxy_detect.h"
 
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,6 +113,9 @@ TEST_F(ProxyDetectTest, TheFirstProbeAnswersAndEachDifferenceIsAnnounced) {
     ASSERT_EQ(detect.GetProxy(&asked), 0U);
     EXPECT_EQ(asked.Await(4), (Servers{c.answer, c.answer, c.later, kServer}));
     EXPECT_EQ(superseded.Count(), 0U);
+    for (const char* found : {"NoProxy", "UserProxy", "***@proxy.example"}) {
+      EXPECT_GE(support::CountLog(std::string("GetProxy return: SUCCESS: ") + found, 2), 1);
+    }
     detect.SetUserInfo(Proxy(8080), kUrl);
     EXPECT_EQ(detect.GetProxy(nullptr), kUnfinished);
     FailBoth(ended += 4);
@@ -163,6 +167,13 @@ TEST_F(ProxyDetectTest, SendsTheSettingsWhereTheyFit) {
                               "url=https://***@server.example/path, orb_http_syn_send; ret=0, "
                               "statusCode=407"),
             1);
+  const std::string analysed =
+      "[reqid:" + std::string(32, '0') + "][resp:https://***@server.example/path] status = 407.";
+  const auto calls = support::TrackCalls();  // maybe also of a late probe of another test
+  EXPECT_TRUE(std::any_of(calls.begin(), calls.end(), [&](const support::TrackCall& call) {
+    return call.numbers == std::vector<long long>{2} &&
+           call.texts == std::vector<std::string>{"native_sdk", "HTTP", "detectURL", analysed};
+  }));
   ProxyInfo tooLong = Proxy();
   tooLong.setProxyAccount(std::string(256, 'u'));
   m_detect.SetUserInfo(tooLong, std::string(2048, 'x'));
