@@ -1,5 +1,6 @@
 #include "http/HttpClient.h"
 
+#include <arpa/inet.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -112,10 +113,17 @@ bool IsTerminated(const char (&text)[N]) {
   return ::strnlen(text, N) < N;
 }
 
+// A host as it stands in a URL: with brackets around an IPv6 address that has none.
+std::string UrlHost(const std::string& host) {
+  const std::string address = host.substr(0, host.find('%'));  // without its zone
+  in6_addr ignored;
+  return ::inet_pton(AF_INET6, address.c_str(), &ignored) == 1 ? "[" + host + "]" : host;
+}
+
 // "scheme://host:port" of a proxy whose address may lack the scheme; null when it is none.
 CurlText ProxyUrl(const ORB_HTTP_PROXY& proxy) {
   std::string address = proxy.address;
-  if (address.find(kSchemeEnd) == std::string::npos) address.insert(0, "http://");
+  if (address.find(kSchemeEnd) == std::string::npos) address = "http://" + UrlHost(address);
   const CurlUrl parsed(curl_url());
   char* scheme = nullptr;
   if (curl_url_set(parsed.get(), CURLUPART_URL, address.c_str(), 0) != CURLUE_OK ||
@@ -292,12 +300,10 @@ std::string NameOf(const HttpCall& call) {
 
 // "host:port" as a URL, null when the host is none.
 CurlText TunnelUrl(const std::string& host, unsigned short port) {
-  const bool isBareIpv6 = host.find(':') != std::string::npos && host.front() != '[';
-  const std::string name = isBareIpv6 ? "[" + host + "]" : host;
   const CurlUrl parsed(curl_url());
   char* url = nullptr;
   if (port == 0 || curl_url_set(parsed.get(), CURLUPART_SCHEME, "http", 0) != CURLUE_OK ||
-      curl_url_set(parsed.get(), CURLUPART_HOST, name.c_str(), 0) != CURLUE_OK ||
+      curl_url_set(parsed.get(), CURLUPART_HOST, UrlHost(host).c_str(), 0) != CURLUE_OK ||
       curl_url_set(parsed.get(), CURLUPART_PORT, std::to_string(port).c_str(), 0) != CURLUE_OK ||
       curl_url_get(parsed.get(), CURLUPART_URL, &url, 0) != CURLUE_OK) {
     return nullptr;

@@ -200,6 +200,9 @@ TEST_F(HttpTest, WhatNamesNoHttpPeerIsRefusedBeforeAnythingIsSent) {
   }
   EXPECT_NE(orb_http_proxy_connect(1, nullptr, 443), 0);
   EXPECT_NE(orb_http_proxy_connect(1, "host", 0), 0);
+  const support::LoopbackPort dead;
+  const ORB_HTTP_PROXY ipv6 = Proxy(dead.Number(), "", "", "::1");
+  EXPECT_EQ(Get(Url(peer.Port(), "/"), &ipv6).result, CURLE_COULDNT_CONNECT) << "it names a peer";
   EXPECT_EQ(asked, 0);
   const ORB_HTTP_PROXY withScheme = Proxy(peer.Port(), "", "", "http://x:y@127.0.0.1:9/path");
   EXPECT_EQ(Get("http://origin.example/", &withScheme).status, 200U) << "the block's port counts";
