@@ -1,13 +1,12 @@
 #include "CommonUtilConfig.h"
 
 #include <cstddef>
-#include <cstdio>
-#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "publicInc/ResultCode.h"
+#include "util/FileHandle.h"
 #include "util/Log.h"
 #include "zel_platform/prax.h"
 
@@ -20,11 +19,6 @@ constexpr char kFileName[] = "config.txt";
 constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
 
 using Settings = std::map<std::string, std::string>;
-
-struct CloseFile {
-  void operator()(FILE* file) const noexcept { (void)PRAX_Fclose(file); }  // nothing was written
-};
-using File = std::unique_ptr<FILE, CloseFile>;
 
 std::string FileIn(const std::string& dir) {
   const bool isClosed = !dir.empty() && dir.back() == '/';
@@ -54,7 +48,7 @@ void TakeLines(std::string_view text, std::string& begun, Settings& settings) {
 
 Settings ReadSettings(const std::string& path) {
   Settings settings;
-  const File file(PRAX_Fopen(path.c_str(), "r+"));
+  const FileHandle file(PRAX_Fopen(path.c_str(), "r+"));
   if (file == nullptr) return settings;
   std::vector<char> piece(kReadBytes);
   std::string begun;  // a line that the next piece goes on with
@@ -88,7 +82,8 @@ int ConfigManager::InitConfig(const std::string& dir) {
   if (Exists(path)) {
     (void)readConfig();  // fails before the initialisation only
   } else {
-    const File created(PRAX_Fopen(path.c_str(), "a"));  // never empties one that has just appeared
+    const FileHandle created(
+        PRAX_Fopen(path.c_str(), "a"));  // never empties one that has just appeared
   }
   return kOk;
 }

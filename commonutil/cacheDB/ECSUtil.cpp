@@ -1,10 +1,10 @@
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "cacheDB/ECSData.h"
+#include "util/FileHandle.h"
 #include "util/Log.h"
 #include "util/SecureWipe.h"
 #include "zel_platform/crypto.h"
@@ -103,11 +103,6 @@ int RemoveStore(const std::string& path) {
   }
   return result;
 }
-
-struct CloseFile {
-  void operator()(FILE* file) const { (void)PRAX_Fclose(file); }  // nothing could be done
-};
-using FileHandle = std::unique_ptr<FILE, CloseFile>;
 
 }  // namespace
 

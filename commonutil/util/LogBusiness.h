@@ -66,7 +66,7 @@ class ZEL_API LogBusiness {
   static std::time_t InitBaseTime();
   // Cleans one directory and those in it. At the top level also reports and ends the clean-up.
   static void DoDeleteTask(std::string directory, bool isTopLevel);
-  // Accepts every name except "." and "..".
+  // 1 for every name except "." and "..", else 0.
   static int FilterDot(const dirent* entry);
   // Removes the file if it is older than the running clean-up keeps, and counts it. Returns the
   // platform's result of the last thing done.

@@ -193,6 +193,7 @@ void LogBusiness::DoDeleteTask(std::string directory, bool isTopLevel) {
 }
 
 int LogBusiness::FilterDot(const dirent* entry) {
+  if (entry == nullptr) return 0;
   const char* const name = entry->d_name;
   return std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 ? 1 : 0;
 }

@@ -67,13 +67,14 @@ class ZEL_API PublicUtil {
 
   // --- Files -----------------------------------------------------------------
 
-  // Reads a whole file into a NUL-terminated buffer that the caller releases with
+  // Reads a whole file, however large, into a NUL-terminated buffer that the caller releases with
   // PRAX_MemFreeD. Returns 0, or 1 with `*buffer` null; an empty file is a failure.
   static unsigned int UtilReadFile(const std::string& path, char** buffer);
 
   // --- Secrets ---------------------------------------------------------------
 
-  // The one of the process; lives to its end.
+  // The one of the process; lives to its end. Its functions stay inside the library: a host
+  // encrypts with CommonUtilPrivateManager.
   static EncryptUtils& getEncryptUtilsInst();
 
   // --- Masking ---------------------------------------------------------------

@@ -1,5 +1,4 @@
-#include <cstdio>
-
+#include "util/FileHandle.h"
 #include "util/Log.h"
 #include "util/PublicUtil.h"
 #include "zel_platform/prax.h"
@@ -21,6 +20,7 @@ void Release(char** buffer) {
 }  // namespace
 
 unsigned int PublicUtil::UtilReadFile(const std::string& path, char** buffer) {
+  if (buffer == nullptr) return kNotRead;
   *buffer = nullptr;
   if (path.empty()) {
     ZEL_LOG(kError) << "filePath is empty";
@@ -42,19 +42,18 @@ unsigned int PublicUtil::UtilReadFile(const std::string& path, char** buffer) {
     ZEL_LOG(kError) << "mem alloc[" << size << "]bytes failed";
     return kNotRead;
   }
-  FILE* const file = PRAX_Fopen(path.c_str(), "rb");
+  const FileHandle file(PRAX_Fopen(path.c_str(), "rb"));
   if (!file) {
     ZEL_LOG(kError) << "open config file failed";
     Release(buffer);
     return kNotRead;
   }
-  const bool gotBytes = PRAX_Fread(*buffer, 1, size, file) > 0;
-  if (!gotBytes) {
+  if (PRAX_Fread(*buffer, 1, size, file.get()) == 0) {
     ZEL_LOG(kError) << "read common config file failed";
     Release(buffer);
+    return kNotRead;
   }
-  (void)PRAX_Fclose(file);  // only read: closing loses nothing
-  return gotBytes ? kRead : kNotRead;
+  return kRead;
 }
 
 }  // namespace commonutil

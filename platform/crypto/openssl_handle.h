@@ -12,13 +12,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
-template <auto Release>
-struct ReleaseWith {
-  template <class T>
-  void operator()(T* handle) const noexcept {
-    Release(handle);
-  }
-};
+#include "prax/release_with.h"
 
 using CipherCtx = std::unique_ptr<EVP_CIPHER_CTX, ReleaseWith<EVP_CIPHER_CTX_free>>;
 

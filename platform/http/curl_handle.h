@@ -5,19 +5,13 @@
 
 #include <curl/curl.h>
 
-template <auto Release>
-struct CurlRelease {
-  template <class T>
-  void operator()(T* handle) const noexcept {
-    Release(handle);
-  }
-};
+#include "prax/release_with.h"
 
-using CurlHandle = std::unique_ptr<CURL, CurlRelease<curl_easy_cleanup>>;
-using CurlList = std::unique_ptr<curl_slist, CurlRelease<curl_slist_free_all>>;
-using CurlMime = std::unique_ptr<curl_mime, CurlRelease<curl_mime_free>>;
-using CurlUrl = std::unique_ptr<CURLU, CurlRelease<curl_url_cleanup>>;
-using CurlText = std::unique_ptr<char, CurlRelease<curl_free>>;
+using CurlHandle = std::unique_ptr<CURL, ReleaseWith<curl_easy_cleanup>>;
+using CurlList = std::unique_ptr<curl_slist, ReleaseWith<curl_slist_free_all>>;
+using CurlMime = std::unique_ptr<curl_mime, ReleaseWith<curl_mime_free>>;
+using CurlUrl = std::unique_ptr<CURLU, ReleaseWith<curl_url_cleanup>>;
+using CurlText = std::unique_ptr<char, ReleaseWith<curl_free>>;
 
 class CurlOptions {
  public:

@@ -2,12 +2,11 @@
 //
 // A private sink of spdlog writes it and names its old files; what spdlog leaves to the only
 // writer of a file is added here. Each line is one appending write, so lines of several writers
-// never mix. When a line
-// would push the file over its limit, "name.txt" becomes "name.1.txt", "name.1.txt" becomes
-// "name.2.txt", and so on; with no old files to keep the file is emptied. The writers agree on who
-// rotates through a lock on the file itself and look again at the path once they hold it. A
-// file that was removed, renamed or replaced is opened anew; since the look at the path costs as
-// much as a line, lines of the same millisecond share one.
+// never mix. When a line would push the file over its limit, "name.txt" becomes "name.1.txt",
+// "name.1.txt" becomes "name.2.txt", and so on; with no old files to keep the file is emptied. The
+// writers agree on who rotates through a lock on the file itself and look again at the path once
+// they hold it. A file that was removed, renamed or replaced is opened anew; since the look at the
+// path costs as much as a line, lines of the same millisecond share one.
 //
 // Not thread-safe: the owner serialises. Nothing throws once constructed. Nothing waits, but for a
 // tenth of a second when the directory refuses the renaming.

@@ -2,32 +2,23 @@
 
 #include <atomic>
 
-#include "loghooks/loghooks_ref.h"
+#include "loghooks/dns_log.h"
 
 namespace {
 
-using LogFunction = void (*)(const char* text);
-
-constexpr int kErrorsOnly = 3;
-
-std::atomic<LogFunction> dnsLog{nullptr};
-std::atomic<LogFunction> websocketLog{nullptr};
-std::atomic<int> dnsLevel{kErrorsOnly};
-
-void Emit(LogFunction log, const char* text) {
-  if (log != nullptr) log(text == nullptr ? "" : text);
-}
+std::atomic<void (*)(const char* text)> dnsLog{nullptr};
+std::atomic<int> dnsLevel{kDnsError};
 
 }  // namespace
 
-void orb_dns_register_log_func(LogFunction log) { dnsLog.store(log); }
+void orb_dns_register_log_func(void (*log)(const char* text)) { dnsLog.store(log); }
 
 void orb_dns_set_log_level(int level) { dnsLevel.store(level); }
 
-void orb_websocket_reg_log_fn(LogFunction log) { websocketLog.store(log); }
+// There is no web-socket library here that could tell anything.
+void orb_websocket_reg_log_fn(void (*)(const char* text)) {}
 
-void orb_loghooks_ref_emit_dns(int level, const char* text) {
-  if (level <= dnsLevel.load()) Emit(dnsLog.load(), text);
+void TellDnsLog(int level, const char* text) {
+  const auto log = dnsLog.load();
+  if (log != nullptr && level <= dnsLevel.load()) log(text);
 }
-
-void orb_loghooks_ref_emit_websocket(const char* text) { Emit(websocketLog.load(), text); }

@@ -8,13 +8,11 @@
 #include <system_error>
 #include <thread>
 
-#include "loghooks/loghooks_ref.h"
+#include "loghooks/dns_log.h"
 #include "nettools/DetectServer.h"
 
 namespace {
 
-constexpr int kLogError = 3;
-constexpr int kLogAll = 5;
 constexpr long kHighestPort = 65535;
 
 bool ParsePort(const std::string& text, std::uint16_t* port) {
@@ -96,21 +94,21 @@ int ResolveDetectEntry(const DetectEntry& entry, std::uint16_t defaultPort,
                        DetectClock::time_point deadline, DetectAddress* address) {
   const auto lookUp = std::make_shared<LookUp>();
   Find(entry.host, AI_NUMERICHOST, lookUp.get());
+  bool isInTime = true;
   if (lookUp->code != 0) {
-    orb_loghooks_ref_emit_dns(kLogAll, ("look-up of " + entry.host).c_str());
-    bool isInTime = false;
+    TellDnsLog(kDnsDetail, ("look-up of " + entry.host).c_str());
     try {
       isInTime = FindInTime(entry.host, deadline, lookUp);
     } catch (const std::system_error&) {  // no thread
+      isInTime = false;
     }
-    // In time, nobody writes the result any more.
-    const bool isFound = isInTime && lookUp->code == 0;
-    const char* const outcome = !isInTime ? "takes too long"
-                                : isFound ? "done"
-                                          : ::gai_strerror(lookUp->code);
-    orb_loghooks_ref_emit_dns(isFound ? kLogAll : kLogError,
-                              ("look-up of " + entry.host + ": " + outcome).c_str());
-    if (!isFound) return kDetectNotResolved;
+    const std::lock_guard<std::mutex> hold(lookUp->lock);
+    const char* const outcome = !isInTime           ? "takes too long"
+                                : lookUp->code == 0 ? "done"
+                                                    : ::gai_strerror(lookUp->code);
+    TellDnsLog(isInTime && lookUp->code == 0 ? kDnsDetail : kDnsError,
+               ("look-up of " + entry.host + ": " + outcome).c_str());
+    if (!isInTime || lookUp->code != 0) return kDetectNotResolved;
   }
   *address = lookUp->address;
   SetPort(entry.port == 0 ? defaultPort : entry.port, address);

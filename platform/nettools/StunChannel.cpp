@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +13,7 @@
 #include <openssl/ssl.h>
 
 #include "crypto/openssl_handle.h"
+#include "prax/descriptor.h"
 
 namespace {
 
@@ -24,22 +24,18 @@ using Ssl = std::unique_ptr<SSL, ReleaseWith<SSL_free>>;
 
 class Socket {
  public:
-  Socket(int family, int type) : m_fd(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-  ~Socket() {
-    if (m_fd >= 0) (void)::close(m_fd);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
+  Socket(int family, int type)
+      : m_descriptor(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
 
-  int Fd() const { return m_fd; }
-  bool IsOpen() const { return m_fd >= 0; }
+  int Fd() const { return m_descriptor.Get(); }
+  bool IsOpen() const { return m_descriptor.IsOpen(); }
 
   // False when the time is over first. An error of the socket counts as ready: the next call on
   // it tells.
   bool WaitFor(short events, DetectClock::time_point until) const {
     for (;;) {
       const auto left = ceil<milliseconds>(until - DetectClock::now()).count();
-      pollfd waited = {m_fd, events, 0};
+      pollfd waited = {Fd(), events, 0};
       const int ready = ::poll(&waited, 1, static_cast<int>(std::max<long long>(left, 0)));
       if (ready > 0) return true;
       if (ready == 0 || errno != EINTR) return false;
@@ -54,22 +50,22 @@ class Socket {
       v4.sin_family = AF_INET;
       v6.sin6_family = AF_INET6;
       if (family == AF_INET && ::inet_pton(AF_INET, text.c_str(), &v4.sin_addr) == 1) {
-        (void)::bind(m_fd, reinterpret_cast<const sockaddr*>(&v4), sizeof(v4));
+        (void)::bind(Fd(), reinterpret_cast<const sockaddr*>(&v4), sizeof(v4));
         return;
       }
       if (family == AF_INET6 && ::inet_pton(AF_INET6, text.c_str(), &v6.sin6_addr) == 1) {
-        (void)::bind(m_fd, reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
+        (void)::bind(Fd(), reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
         return;
       }
     }
   }
 
   int Connect(const DetectAddress& address) const {
-    return ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length);
+    return ::connect(Fd(), reinterpret_cast<const sockaddr*>(&address.storage), address.length);
   }
 
  private:
-  const int m_fd;
+  const prax::Descriptor m_descriptor;
 };
 
 class UdpChannel : public StunChannel {

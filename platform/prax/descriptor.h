@@ -1,11 +1,15 @@
 // What the libraries of the platform share for files: hidden, header only.
 #pragma once
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <memory>
 #include <utility>
+
+#include "prax/release_with.h"
 
 namespace prax {
 
@@ -16,6 +20,8 @@ auto Retried(Call call) {
   while (result == -1 && errno == EINTR) result = call();
   return result;
 }
+
+using DirectoryHandle = std::unique_ptr<DIR, ReleaseWith<::closedir>>;
 
 // Owns a descriptor, or none. Its end leaves errno as it was.
 class Descriptor {

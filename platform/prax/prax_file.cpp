@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 #include <mutex>
 
 #include "prax/prax_internal.h"
@@ -125,11 +124,6 @@ size_t NoItems(int error) {
   (void)prax::Fail(error);
   return 0;
 }
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { (void)::closedir(directory); }
-};
-using DirectoryHandle = std::unique_ptr<DIR, CloseDirectory>;
 
 // The entries found so far; frees them unless they are handed over.
 class NameList {
@@ -291,7 +285,7 @@ int PRAX_CloseDir(void* dir) {
 int PRAX_ScanDir(const char* dir, struct dirent*** list, int (*filter)(const struct dirent*)) {
   if (list == nullptr) return prax::Fail(EINVAL);
   *list = nullptr;
-  const DirectoryHandle directory(static_cast<DIR*>(PRAX_OpenDir(dir)));
+  const prax::DirectoryHandle directory(static_cast<DIR*>(PRAX_OpenDir(dir)));
   if (directory == nullptr) return -1;
   NameList names;
   if (CollectEntries(directory.get(), names, filter) != 0) return prax::Fail(errno);

@@ -1,15 +1,14 @@
 #include "track/TrackSpool.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 #include <utility>
 
+#include "prax/descriptor.h"
 #include "zel_platform/crypto.h"
 
 namespace {
@@ -29,10 +28,6 @@ std::string PositionText(const TrackPosition& position) {
                    static_cast<unsigned long long>(position.record));
   return text;
 }
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { (void)::closedir(directory); }
-};
 
 }  // namespace
 
@@ -74,7 +69,7 @@ void TrackSpool::ReadPositionLocked() {
 }
 
 bool TrackSpool::ScanLocked() {
-  const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(m_directory.c_str()));
+  const prax::DirectoryHandle directory(::opendir(m_directory.c_str()));
   if (!directory) return false;
   while (const dirent* const entry = ::readdir(directory.get())) {
     File file = {};

@@ -131,7 +131,8 @@ std::atomic<int> g_dnsErrors{0};
 
 TEST_F(NetToolsTest, ReportsEachNamedServerInTurn) {
   Settings(R"({"detect":{"requests":4,"pacingMs":1,"timeoutMs":50}})");
-  orb_dns_set_log_level(3);
+  orb_dns_set_log_level(3);  // hides that a look-up begins
+  g_dnsErrors = 0;
   orb_dns_register_log_func([](const char*) { ++g_dnsErrors; });
   zelctl::LoopbackServer half(SOCK_DGRAM, Answering([](int number, const Bytes& request) {
                                 return std::vector<Bytes>(number % 2 == 0 ? 1 : 0,
@@ -149,7 +150,7 @@ TEST_F(NetToolsTest, ReportsEachNamedServerInTurn) {
   EXPECT_EQ(told, (std::vector<std::vector<int>>{{77, 1, 3, 0, 50},
                                                  {77, 2, 3, kDetectNotResolved, 100},
                                                  {77, 3, 3, kDetectBadEntry, 100}}));
-  EXPECT_GE(g_dnsErrors.load(), 1);
+  EXPECT_EQ(g_dnsErrors.load(), 1);
 }
 
 // A peer that floods the run does not hold it up either.

@@ -8,10 +8,8 @@
 
 #include "cache/cache_ref.h"
 #include "http/http_ref.h"
-#include "loghooks/loghooks_ref.h"
 #include "zel_platform/cache.h"
 #include "zel_platform/http.h"
-#include "zel_platform/loghooks.h"
 #include "zel_platform/nettools.h"
 #include "zel_platform/prax.h"
 
@@ -73,23 +71,6 @@ TEST_F(MemoryCacheTest, EveryThreadSeesWhatOneStoredOrRemoved) {
       }).join();
     }
   }
-}
-
-auto& g_heard = *new std::vector<std::string>;
-
-TEST(LogHooksTest, EachLibraryReachesItsOwnFunctionFromItsLevelOnUntilItIsUnregistered) {
-  g_heard.clear();
-  orb_loghooks_ref_emit_websocket("before");
-  orb_dns_set_log_level(4);
-  orb_dns_register_log_func(
-      [](const char* text) { g_heard.push_back(std::string("dns ") + text); });
-  orb_websocket_reg_log_fn([](const char* text) { g_heard.push_back(std::string("web ") + text); });
-  for (const char* level : {"5", "4", "3"}) orb_loghooks_ref_emit_dns(*level - '0', level);
-  orb_loghooks_ref_emit_websocket(nullptr);
-  orb_dns_register_log_func(nullptr);
-  orb_loghooks_ref_emit_dns(3, "after");
-  orb_websocket_reg_log_fn(nullptr);
-  EXPECT_EQ(g_heard, (std::vector<std::string>{"dns 4", "dns 3", "web "}));
 }
 
 TEST(PublicAddressTest, TheEdgesOfEveryPrivateRangeAreToldAndOnlyFourDecimalPartsAreAnAddress) {

@@ -41,7 +41,10 @@ class LogCleanerTest : public ::testing::Test {
     support::ResetPlatformDouble();
     PRAX_Ref_SetClock([] { return static_cast<unsigned long long>(kNow) * 1000; });
   }
-  ~LogCleanerTest() override { LogBusiness::InitConfig("", 0); }
+  ~LogCleanerTest() override {
+    LogBusiness::InitConfig("", 0);
+    support::ResetPlatformDouble();
+  }
 
   // A file of the directory, with every directory on the way to it.
   void Write(const std::string& name, std::time_t age = kOld) {
@@ -230,6 +233,7 @@ TEST_F(LogCleanerTest, NothingIsRemovedForDirectoriesThatAreNone) {
   fs::current_path(m_dir.Path());
   LogBusiness::DeleteOldVersionLogFiles(nullptr);
   LogBusiness::DeleteAllFileInThePath("");
+  EXPECT_EQ(LogBusiness::FilterDot(nullptr), 0);
   for (const std::string& directory : {std::string(), m_dir.File("none"), m_dir.File("zel.log")}) {
     LogBusiness::DeleteOldVersionLogFiles(directory.c_str());
     Start(directory);

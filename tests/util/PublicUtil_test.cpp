@@ -132,6 +132,8 @@ TEST_F(PublicUtilTest, ReadsAWholeFileOrNamesWhyThereIsNothingToRead) {
   PRAX_MemFreeD(buffer);
   EXPECT_TRUE(support::LogTexts().empty());
 
+  EXPECT_EQ(PublicUtil::UtilReadFile(dir.File("file"), nullptr), 1U);
+
   constexpr auto kNoFault = PRAX_REF_CALLS;
   const struct {
     std::string path;
