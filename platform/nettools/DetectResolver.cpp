@@ -14,6 +14,7 @@
 namespace {
 
 constexpr long kHighestPort = 65535;
+constexpr int kTooLate = 1;  // getaddrinfo's errors are negative
 
 bool ParsePort(const std::string& text, std::uint16_t* port) {
   if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != text.npos) {
@@ -25,6 +26,20 @@ bool ParsePort(const std::string& text, std::uint16_t* port) {
   return true;
 }
 
+// As getaddrinfo; `address` is the first one found.
+int Find(const std::string& host, int flags, DetectAddress* address) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_DGRAM;
+  hints.ai_flags = flags;
+  addrinfo* list = nullptr;
+  const int code = ::getaddrinfo(host.c_str(), nullptr, &hints, &list);
+  if (code != 0) return code;
+  const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, &::freeaddrinfo);
+  address->length = std::min<socklen_t>(list->ai_addrlen, sizeof(sockaddr_storage));
+  std::memcpy(&address->storage, list->ai_addr, address->length);
+  return 0;
+}
+
 // One look-up. The thread keeps it alive when nobody waits any more.
 struct LookUp {
   std::mutex lock;
@@ -34,32 +49,24 @@ struct LookUp {
   DetectAddress address;
 };
 
-void Find(const std::string& host, int flags, LookUp* lookUp) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_DGRAM;
-  hints.ai_flags = flags;
-  addrinfo* list = nullptr;
-  lookUp->code = ::getaddrinfo(host.c_str(), nullptr, &hints, &list);
-  if (lookUp->code != 0) return;
-  const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, &::freeaddrinfo);
-  lookUp->address.length = std::min<socklen_t>(list->ai_addrlen, sizeof(sockaddr_storage));
-  std::memcpy(&lookUp->address.storage, list->ai_addr, lookUp->address.length);
-}
-
-// False when the time is over.
-bool FindInTime(const std::string& host, DetectClock::time_point deadline,
-                const std::shared_ptr<LookUp>& lookUp) {
+// As Find, or kTooLate.
+int FindInTime(const std::string& host, DetectClock::time_point deadline, DetectAddress* address) {
+  const auto lookUp = std::make_shared<LookUp>();
   std::thread([host, lookUp] {
-    LookUp own;
-    Find(host, AI_ADDRCONFIG, &own);
+    DetectAddress found;
+    const int code = Find(host, AI_ADDRCONFIG, &found);
     const std::lock_guard<std::mutex> hold(lookUp->lock);
-    lookUp->code = own.code;
-    lookUp->address = own.address;
+    lookUp->code = code;
+    lookUp->address = found;
     lookUp->hasEnded = true;
     lookUp->ended.notify_one();
   }).detach();
   std::unique_lock<std::mutex> hold(lookUp->lock);
-  return lookUp->ended.wait_until(hold, deadline, [&lookUp] { return lookUp->hasEnded; });
+  const bool isInTime =
+      lookUp->ended.wait_until(hold, deadline, [&lookUp] { return lookUp->hasEnded; });
+  if (!isInTime) return kTooLate;
+  *address = lookUp->address;
+  return lookUp->code;
 }
 
 void SetPort(std::uint16_t port, DetectAddress* address) {
@@ -92,25 +99,21 @@ bool ParseDetectEntry(const std::string& text, DetectEntry* entry) {
 
 int ResolveDetectEntry(const DetectEntry& entry, std::uint16_t defaultPort,
                        DetectClock::time_point deadline, DetectAddress* address) {
-  const auto lookUp = std::make_shared<LookUp>();
-  Find(entry.host, AI_NUMERICHOST, lookUp.get());
-  bool isInTime = true;
-  if (lookUp->code != 0) {
-    TellDnsLog(kDnsDetail, ("look-up of " + entry.host).c_str());
+  int code = Find(entry.host, AI_NUMERICHOST, address);
+  if (code != 0) {
+    const std::string lookUp = "look-up of " + entry.host;
+    TellDnsLog(kDnsDetail, lookUp.c_str());
     try {
-      isInTime = FindInTime(entry.host, deadline, lookUp);
+      code = FindInTime(entry.host, deadline, address);
     } catch (const std::system_error&) {  // no thread
-      isInTime = false;
+      code = kTooLate;
     }
-    const std::lock_guard<std::mutex> hold(lookUp->lock);
-    const char* const outcome = !isInTime           ? "takes too long"
-                                : lookUp->code == 0 ? "done"
-                                                    : ::gai_strerror(lookUp->code);
-    TellDnsLog(isInTime && lookUp->code == 0 ? kDnsDetail : kDnsError,
-               ("look-up of " + entry.host + ": " + outcome).c_str());
-    if (!isInTime || lookUp->code != 0) return kDetectNotResolved;
+    const char* const outcome = code == 0          ? "done"
+                                : code == kTooLate ? "takes too long"
+                                                   : ::gai_strerror(code);
+    TellDnsLog(code == 0 ? kDnsDetail : kDnsError, (lookUp + ": " + outcome).c_str());
+    if (code != 0) return kDetectNotResolved;
   }
-  *address = lookUp->address;
   SetPort(entry.port == 0 ? defaultPort : entry.port, address);
   return 0;
 }
