@@ -82,8 +82,8 @@ int ConfigManager::InitConfig(const std::string& dir) {
   if (Exists(path)) {
     (void)readConfig();  // fails before the initialisation only
   } else {
-    const FileHandle created(
-        PRAX_Fopen(path.c_str(), "a"));  // never empties one that has just appeared
+    // Never empties one that has just appeared.
+    const FileHandle created(PRAX_Fopen(path.c_str(), "a"));
   }
   return kOk;
 }

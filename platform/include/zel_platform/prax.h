@@ -97,7 +97,8 @@ ZEL_PLATFORM_API size_t PRAX_Fwrite(const void* buffer, size_t size, size_t coun
 ZEL_PLATFORM_API int PRAX_Fclose(FILE* file);
 // Replaces the content of `path` so that a reader, a crash or a power cut finds either
 // the old content or the whole new one: temporary file beside it, mode, sync, rename,
-// sync of the directory. On failure nothing has changed and no temporary file is left.
+// sync of the directory. On failure no temporary file is left and nothing has changed, unless
+// that last sync alone failed: the new content is there then, but a power cut may undo it.
 ZEL_PLATFORM_API int PRAX_ReplaceFile(const char* path, const void* data, size_t size,
                                       unsigned int mode);
 // Size in bytes of what `path` names; non-zero and `*size` untouched when it cannot tell.
