@@ -1,6 +1,7 @@
 #include "track/TrackSpool.h"
 
 #include <errno.h>
+#include <dirent.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
