@@ -36,12 +36,6 @@ void ExportSignal::Lower() {
   (void)m_raised.exchange(false);
 }
 
-void ExportSignal::KeepUp() {
-  if (!IsInUse()) return;
-  (void)m_raised.exchange(true);
-  Write();
-}
-
 bool ExportSignal::Wait(unsigned int timeoutMs) {
   pollfd descriptor = {Descriptor(), POLLIN, 0};
   const unsigned int longest = std::numeric_limits<int>::max();

@@ -22,10 +22,9 @@ class ExportSignal {
 
   // After a message was stored.
   void Raise();
-  // After the store was found empty. The caller then looks into it once more, and keeps the signal
-  // up when a message has come meanwhile.
+  // After the store was found empty. The caller then looks into it once more, and raises the signal
+  // again when a message has come meanwhile: its sender may have found the mark still set.
   void Lower();
-  void KeepUp();
   bool IsInUse() const { return m_descriptor.load(std::memory_order_acquire) >= 0; }
   bool IsShown() const { return m_shown.load(std::memory_order_relaxed); }
 

@@ -147,5 +147,5 @@ int msg_storage::SendMsgExport(char** out) {
 void msg_storage::LowerSignalWhenEmpty() {
   if (m_signal == nullptr || !m_outbound.IsEmpty()) return;
   m_signal->Lower();
-  if (!m_outbound.IsEmpty()) m_signal->KeepUp();
+  if (!m_outbound.IsEmpty()) m_signal->Raise();
 }

@@ -1,11 +1,14 @@
 #include "publicInc/msg_storage.h"
 
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "publicInc/ExportSignal.h"
 
 namespace {
 
@@ -92,6 +95,35 @@ TEST(MsgStorageTest, TwoThreadsHandOverEveryMessageInOrder) {
   }
   producer.join();
   EXPECT_EQ(storage.Inbound().ReadFigures().stored, static_cast<std::uint64_t>(kMessages));
+}
+
+// Each message is stored as soon as the one before is taken, just when the taker lowers the signal,
+// and nothing comes after it that could tell of it.
+TEST(MsgStorageTest, AMessageStoredWhileTheSignalIsLoweredRaisesItAgain) {
+  constexpr int kMessages = 20000;
+  commonutil::ExportSignal signal;
+  msg_storage storage;
+  storage.SetExportSignal(&signal);
+  ASSERT_GE(signal.ShowDescriptor(), 0);
+  std::atomic<bool> done{false};
+  std::thread sender([&] {
+    for (int i = 0; i < kMessages; ++i) {
+      for (int looks = 1; !storage.Outbound().IsEmpty() && !done; ++looks) {
+        if (looks % 1000 == 0) std::this_thread::yield();
+      }
+      ASSERT_EQ(storage.SendMsgImport("x", 1), 1);
+    }
+  });
+  int taken = 0;
+  char* message = nullptr;
+  while (taken < kMessages && signal.Wait(60000)) {
+    if (storage.SendMsgExport(&message) == 0) continue;
+    delete[] message;
+    ++taken;
+  }
+  EXPECT_EQ(taken, kMessages);
+  done = true;
+  sender.join();
 }
 
 }  // namespace
