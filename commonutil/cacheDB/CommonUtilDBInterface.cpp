@@ -64,7 +64,8 @@ int StartKeyManagement() {
 // A text that does not decrypt for want of memory may do so the next time.
 std::string DecryptSecret(const std::string& cipherHex) {
   std::string random = ECSUtil::GetInst().DecryptZorm(cipherHex);
-  return random.empty() ? ECSUtil::GetInst().DecryptZorm(cipherHex) : random;
+  if (random.empty()) random = ECSUtil::GetInst().DecryptZorm(cipherHex);
+  return random;  // itself: a copy would not be wiped
 }
 
 // Takes secret and salt from the line of the salt file, which is written once more.

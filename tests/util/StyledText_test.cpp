@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -41,6 +42,17 @@ TEST(StyledTextTest, EachTextIsThatOfANewWriter) {
       { const StyledText ignored(first); }
       ASSERT_EQ(StyledText(second).Text(), second.toStyledString());
     }
+  }
+}
+
+TEST(StyledTextTest, NeitherTheItemsOfAnArrayNorTheMemoryOfALargeTextIsKept) {
+  const Json::Value text(std::string(2000, 'x'));
+  Json::Value array;
+  array.append(text);
+  for (const auto& [value, isKept] :
+       {std::pair(array, false), {text, true}, {Json::Value(std::string(100000, 'x')), false}}) {
+    { const StyledText ended(value); }
+    EXPECT_EQ(StyledText(Json::Value()).Text().capacity() >= 2000, isKept) << isKept;
   }
 }
 

@@ -280,8 +280,9 @@ class Doctor(DataTest):
         self.assertEqual(mode_of(self.data), 0o1777)
         self.data.chmod(0o750)
         self.database.mkdir()
-        self.assertIn("database-unusable", self.diagnose("--repair")[1])
-        self.assertTrue(self.database.is_dir())
+        answer, found = self.diagnose("--repair")
+        self.assertIn("database-unusable", found)
+        self.assertEqual((os.listdir(self.data), answer["backup"]), (["sdkcache.db"], ""))
         self.database.rmdir()
         self.database.symlink_to("sdkcache.db")
         for verb in ["doctor"], ["cache", "list"]:

@@ -38,6 +38,12 @@ bool IsThere(const std::string& path) {
   return fs::exists(fs::symlink_status(path, error));
 }
 
+// A directory in the place of a file is not the client's.
+bool IsRemovable(const std::string& path) {
+  std::error_code error;
+  return IsThere(path) && fs::symlink_status(path, error).type() != fs::file_type::directory;
+}
+
 std::string PageText(unsigned int page, std::uint32_t pageBytes) {
   const auto begin = static_cast<unsigned long long>(page - 1) * pageBytes;
   return std::to_string(page) + " (bytes " + std::to_string(begin) + " to " +
@@ -127,7 +133,7 @@ void Examination::ExamineSpace() {
 std::vector<std::string> Examination::DatabaseFiles() const {
   std::vector<std::string> files;
   for (const char* const name : {kJournalFile, kWriteAheadFile, kSharedIndexFile, kDatabaseFile}) {
-    if (IsThere(m_directory + "/" + name)) files.emplace_back(name);
+    if (IsRemovable(m_directory + "/" + name)) files.emplace_back(name);
   }
   return files;
 }
@@ -135,7 +141,7 @@ std::vector<std::string> Examination::DatabaseFiles() const {
 // What is of no use without the key store.
 std::vector<std::string> Examination::DependentFiles() const {
   std::vector<std::string> files = DatabaseFiles();
-  if (IsThere(m_directory + "/" + kSaltFile)) files.emplace_back(kSaltFile);
+  if (IsRemovable(m_directory + "/" + kSaltFile)) files.emplace_back(kSaltFile);
   return files;
 }
 
@@ -157,7 +163,7 @@ void Examination::ExamineKeyStore() {
       return;
     case KeyState::kStoreDamaged:
       for (const char* const name : {kKeyStoreFile, kKeyStoreTwinFile}) {
-        if (IsThere(m_directory + "/" + name)) useless.emplace_back(name);
+        if (IsRemovable(m_directory + "/" + name)) useless.emplace_back(name);
       }
       AddLoss("key-store-damaged", kKeyStoreFile,
               "the key store is damaged, and its twin is no help",
