@@ -30,7 +30,9 @@ thread_local KeptReader t_kept;
 
 ReaderPtr TakeReader() {
   if (!t_threadEnds && t_kept.reader) return std::move(t_kept.reader);
-  return ReaderPtr(Json::CharReaderBuilder().newCharReader());
+  Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;  // a value would carry its comments into the reply
+  return ReaderPtr(builder.newCharReader());
 }
 
 void KeepReader(ReaderPtr reader) {

@@ -112,6 +112,9 @@ TEST_F(HostileInputTest, EchoesOnlySerialNumbersAndDescriptionsOfTheRightType) {
     EXPECT_EQ(Member(replies[0], "sno"), value == kLargeSerial ? value : "") << value;
     EXPECT_EQ(Member(replies[0], "description"), value[0] == '"' ? value : "") << value;
   }
+  // What the request may hold but JSON does not.
+  EXPECT_EQ(Process(Request(13, "\"description\":/* a */\"x\" // b\n")).at(0).find('/'),
+            std::string::npos);
   for (const char* serial : {"0", "4294967295"}) {
     const std::string request = Request(13, std::string("\"sno\":") + serial);
     EXPECT_EQ(Member(Process(request).at(0), "sno"), serial);
