@@ -134,8 +134,10 @@ void ServiceHost::WakeService() {
 
 bool ServiceHost::WaitForExport(unsigned int timeoutMs) {
   const std::shared_ptr<CommonUtilService> service = Pin();
-  if (service == nullptr || m_signal.Descriptor() < 0) return false;
+  if (service == nullptr) return false;
   msg_storage& store = service->PrimaryStore();
+  (void)m_signal.Descriptor();  // without one, the waits below are sleeps
+  store.AwaitStore();
   const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
     if (!store.Outbound().IsEmpty()) return true;
@@ -153,6 +155,7 @@ int ServiceHost::ShowSignal() {
   const std::shared_ptr<CommonUtilService> service = Pin();
   if (service == nullptr) return -1;
   const int descriptor = m_signal.ShowDescriptor();
+  service->PrimaryStore().AwaitStore();
   service->PrimaryStore().LowerSignalWhenEmpty();
   return descriptor;
 }

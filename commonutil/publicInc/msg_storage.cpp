@@ -93,6 +93,14 @@ msg_storage::~msg_storage() {
   if (m_outLockUsable) PRAX_MutexDestroy(&m_outLock);
 }
 
+void msg_storage::LockOut() {
+  if (m_outLockUsable) PRAX_MutexLock(&m_outLock);
+}
+
+void msg_storage::UnlockOut() {
+  if (m_outLockUsable) PRAX_MutexUnLock(&m_outLock);
+}
+
 std::unique_ptr<char[]> msg_storage::RequestMemory(unsigned long length) {
   if (length > kShortRequest) return NewText(length + 1);
   char* spare = nullptr;
@@ -124,10 +132,8 @@ void msg_storage::ReleaseRequest(char* request) {
 
 // The copy is made under the lock too: messages leave in the order in which their stores began.
 int msg_storage::SendMsgImport(const char* data, unsigned long length) {
-  if (m_outLockUsable) PRAX_MutexLock(&m_outLock);
-  const commonutil::ScopeGuard unlock([this] {
-    if (m_outLockUsable) PRAX_MutexUnLock(&m_outLock);
-  });
+  LockOut();
+  const commonutil::ScopeGuard unlock([this] { UnlockOut(); });
   const int stored = StoreCopy(m_outbound, data, length, __func__,
                                [](unsigned long needed) { return NewText(needed + 1); });
   if (stored == 1 && m_signal != nullptr) m_signal->Raise();
@@ -142,6 +148,11 @@ int msg_storage::SendMsgExport(char** out) {
   // One who waits without the descriptor lowers it before the next sleep: no system call here.
   if (m_signal != nullptr && m_signal->IsShown()) LowerSignalWhenEmpty();
   return taken ? 1 : 0;
+}
+
+void msg_storage::AwaitStore() {
+  LockOut();
+  UnlockOut();
 }
 
 void msg_storage::LowerSignalWhenEmpty() {

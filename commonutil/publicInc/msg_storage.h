@@ -85,12 +85,18 @@ class msg_storage {
 
   // Raised after each outbound store. Set before other threads know this object; it lives longer.
   void SetExportSignal(commonutil::ExportSignal* signal) { m_signal = signal; }
+  // To be called once it is in use: returns when every store that has not seen that is over.
+  void AwaitStore();
   // Lowers it when no outbound message waits. Any thread.
   void LowerSignalWhenEmpty();
 
  private:
   // All that can wait: memory that goes both ways, back here and to the allocator, tears the heap.
   static constexpr std::uint32_t kSpares = MessageRing::kSlots;
+
+  // Of m_outLock, where there is one.
+  void LockOut();
+  void UnlockOut();
 
   // Memory for a request of `length` bytes and its NUL, of new[]; null without.
   std::unique_ptr<char[]> RequestMemory(unsigned long length);

@@ -2,6 +2,7 @@
 #include "publicInc/ServiceHost.h"
 
 #include <poll.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include "prax/prax_ref.h"
 #include "publicInc/CommonUtilEntry.h"
 #include "publicInc/ServiceTest.h"
+#include "support/Child.h"
 
 namespace {
 
@@ -163,6 +165,18 @@ TEST_F(ServiceHostTest, NoMessageIsMissedByAWaitingHost) {
     EXPECT_EQ(taken.load(), kMessages);
     importer.join();
   }
+}
+
+TEST(ServiceHostWaitTest, WaitsAlsoWhereThereCanBeNoDescriptor) {
+  support::ExpectTrueInFreshProcess([] {
+    const rlimit none = {0, 0};
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    StartAndAwaitAnswer();
+    EXPECT_EQ(CommonUtilWaitExportMsg(1), 0);
+    const bool isWithout = CommonUtilExportMsgFd() == -1;
+    CommonUtilServiceShutDown();
+    return isWithout;
+  });
 }
 
 // Hangs where the wait outlives the service.
