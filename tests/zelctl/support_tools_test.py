@@ -218,7 +218,9 @@ class Doctor(DataTest):
             (lambda: salt.write_text(line.replace("|", "")), "salt-malformed", none),
             (lambda: salt.write_text("xyz" + line[3:]), "salt-malformed", none),
             (lambda: salt.write_text(line[:60] + other + line[61:]), "salt-undecryptable", none),
-            (lambda: salt.write_text(line + "\n"), "salt-line-break", every),
+            # The log of a killed client lies beside it, and is no more foreign than the database.
+            (lambda: (self.play_client(), salt.write_text(salt.read_text() + "\n")),
+             "salt-line-break", every),
             (lambda: flip(salt, len(line) - 1), "database-unreadable", none),
             (lambda: damage(database, 1), "database-unreadable", none),
             (lambda: damage(database, 4), "database-page-damaged", every),  # of the index
@@ -270,6 +272,20 @@ class Doctor(DataTest):
         for name, (content, mode) in changed.items():
             self.assertEqual(((backup / name).read_bytes(), modes[name]), (content, mode))
             self.assertEqual(mode_of(backup), 0o700)
+
+    @unittest.skipIf(os.geteuid(), "only root can give a file away")
+    def test_a_repair_by_root_leaves_everything_to_the_clients_user(self):
+        store, twin = (self.data / f"zorm/zormStore{n}.dat" for n in ("", "_bak"))
+        for path in self.data, *self.data.rglob("*"):
+            os.chown(path, 0 if path == store else 65534, 65534)
+        flip(twin, 20)
+        with (self.data / "sdkcache_config.db").open("a") as salt:
+            salt.write("\n")
+        for option in "--json", "--repair":
+            answer, found = self.diagnose(option)
+            self.assertEqual(found, ["key-store-file-damaged", "owner-differs", "salt-line-break"])
+        shutil.rmtree(answer["backup"])
+        self.assertEqual({path.stat().st_uid for path in self.data.rglob("*")}, {65534})
 
     def test_what_no_program_can_mend_is_said(self):
         shutil.rmtree(self.data)

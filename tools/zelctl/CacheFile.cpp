@@ -21,6 +21,7 @@ constexpr char kTakeWhatThereIsSql[] = "PRAGMA writable_schema = ON";
 constexpr char kTakeLogOverSql[] = "PRAGMA wal_checkpoint";
 constexpr char kLogSuffix[] = "-wal";
 constexpr char kIndexSuffix[] = "-shm";
+constexpr char kAsideSuffix[] = "-aside";
 constexpr char kCheckSql[] = "PRAGMA integrity_check";
 constexpr char kColumnsSql[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab LIMIT 0";
 constexpr char kRowsSql[] = "SELECT AUTOID, KEY, VALUE FROM ConfigCacheTab NOT INDEXED ";
@@ -147,13 +148,17 @@ bool CacheFile::CanReadLog() {
   return error != SQLITE_NOTADB && error != SQLITE_CORRUPT;
 }
 
+// With a wrong key the log is as unreadable as the database: it is needed once the right one comes.
 CacheFile::State CacheFile::WithoutLog(const std::string& path, const std::string& key) {
   (void)sqlite3_close(std::exchange(m_database, nullptr));
   std::error_code error;
-  fs::remove(path + kLogSuffix, error);
+  fs::rename(path + kLogSuffix, path + kAsideSuffix, error);
   fs::remove(path + kIndexSuffix, error);
   const State state = Open(path, key);
   m_hasForeignLog = CanRead(state);
+  if (m_hasForeignLog) return state;
+  (void)sqlite3_close(std::exchange(m_database, nullptr));
+  fs::rename(path + kAsideSuffix, path + kLogSuffix, error);
   return state;
 }
 

@@ -108,14 +108,17 @@ void DirectoryRepair::Mend(const Finding& finding) const {
     case Repair::kSetMode:
       (void)::chmod(At(finding.touched[0]).c_str(), finding.mode);
       return;
+    case Repair::kSetOwner:
+      SetOwner(finding.touched[0]);
+      return;
     case Repair::kTakeHealed: {
       std::string bytes = Read(m_examination.Staged().Path() + "/" + finding.file);
       const commonutil::WipeGuard wipe(bytes);
-      (void)Replace(At(finding.file), bytes, kPrivateMode);
+      Put(finding.file, bytes, kPrivateMode);
       return;
     }
     case Repair::kTrimSalt:
-      (void)Replace(At(kSaltFile), m_examination.Key().trimmedLine, kDatabaseMode);
+      Put(kSaltFile, m_examination.Key().trimmedLine, kDatabaseMode);
       return;
     case Repair::kRemove:
       for (const std::string& name : finding.touched) (void)::unlink(At(name).c_str());
@@ -126,6 +129,17 @@ void DirectoryRepair::Mend(const Finding& finding) const {
   }
 }
 
+void DirectoryRepair::Put(const std::string& name, const std::string& bytes,
+                          unsigned int mode) const {
+  if (Replace(At(name), bytes, mode)) SetOwner(name);
+}
+
+void DirectoryRepair::SetOwner(const std::string& name) const {
+  struct stat owner;
+  if (::stat(m_directory.c_str(), &owner) != 0) return;
+  if (::lchown(At(name).c_str(), owner.st_uid, owner.st_gid) != 0) return;  // shows when looked at
+}
+
 // The side files go first: they belong to the old content and would be laid over the new one.
 void DirectoryRepair::Rebuild() const {
   const std::string rebuilt = m_examination.Staged().Of(kRebuiltFile);
@@ -134,7 +148,7 @@ void DirectoryRepair::Rebuild() const {
   for (const char* const name : {kJournalFile, kWriteAheadFile, kSharedIndexFile}) {
     (void)::unlink(At(name).c_str());
   }
-  (void)Replace(At(kDatabaseFile), Read(rebuilt), kDatabaseMode);
+  Put(kDatabaseFile, Read(rebuilt), kDatabaseMode);
 }
 
 }  // namespace zelctl

@@ -92,9 +92,22 @@ bool Examination::HoldsData() const {
 }
 
 void Examination::ExamineModes() {
+  struct stat directory;
+  if (::stat(m_directory.c_str(), &directory) != 0) return;
   for (const MostOpenMode& file : kMostOpenModes) {
     struct stat found;
     if (::lstat((m_directory + "/" + file.name).c_str(), &found) != 0) continue;
+    if (found.st_uid != directory.st_uid && *file.name != '\0') {
+      Add({"owner-differs",
+           file.name,
+           "it belongs to user " + std::to_string(found.st_uid) + ", the directory to user " +
+               std::to_string(directory.st_uid) + ", so the client may be kept out",
+           "It was restored, or made by a run, as another user.",
+           "As root, run zelctl doctor with --repair, or: chown --reference=. " +
+               std::string(file.name),
+           Repair::kSetOwner,
+           {file.name}});
+    }
     const mode_t mode = found.st_mode & kPermissions;
     const mode_t wanted =
         (mode & file.mode) | (S_ISDIR(found.st_mode) ? kOwnerOfFolder : kOwnerOfFile);

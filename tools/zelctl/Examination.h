@@ -15,6 +15,7 @@ namespace zelctl {
 enum class Repair {
   kNone,        // nothing to do, or nothing that a program could do
   kSetMode,     // takes permissions away from others, gives its own back to the owner
+  kSetOwner,    // gives the file to the owner of the directory, which takes root
   kTakeHealed,  // takes the file of the key store that was rebuilt from its twin
   kTrimSalt,    // takes the line break from the salt line
   kRemove,      // removes what is of no use any more, so that the client makes it anew
