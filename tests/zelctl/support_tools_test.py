@@ -86,7 +86,7 @@ class Catalogue(ConsoleTest):
 
     def test_each_code_is_explained_with_cause_and_remedy(self):
         self.assertRegex(
-            self.succeed("explain", "kBadParameter"),
+            self.succeed("explain", "kbadparameter"),
             r"(?s)^411000002  kBadParameter\n.*\nmeaning  .*\ncause    .*\nremedy   ")
         for code in {entry["code"] for entry in CODES}:
             answer = json.loads(self.succeed("explain", code, "--json"))

@@ -1,5 +1,7 @@
 #include "ExplainCommand.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -48,9 +50,11 @@ std::optional<std::int32_t> NumberOf(const std::string& text) {
 std::vector<CodeText> EntriesOf(const std::string& wanted) {
   const std::optional<std::int32_t> number = NumberOf(wanted);
   std::vector<CodeText> entries;
-  std::copy_if(
-      std::begin(kCodeTexts), std::end(kCodeTexts), std::back_inserter(entries),
-      [&](const CodeText& entry) { return number ? entry.code == *number : wanted == entry.name; });
+  std::copy_if(std::begin(kCodeTexts), std::end(kCodeTexts), std::back_inserter(entries),
+               [&](const CodeText& entry) {
+                 return number ? entry.code == *number
+                               : ::strcasecmp(wanted.c_str(), entry.name) == 0;
+               });
   return entries;
 }
 
@@ -135,7 +139,8 @@ bool ExplainCode(const std::vector<std::string>& given, const std::atomic<bool>&
   const std::optional<std::int32_t> number = NumberOf(wanted);
   if (entries.empty() && !(number && IsGlobal(*number))) {
     Complain(Quoted(wanted) +
-             " is no code of this library and not in the table of the SDK's codes");
+             " is no code of this library, whose codes docs/codes.md lists, and not in the table "
+             "of the SDK's codes");
     return false;
   }
   const std::int32_t code = number ? *number : entries[0].code;

@@ -121,7 +121,7 @@ NetArguments ParseNet(const std::vector<std::string>& arguments) {
 
 // By the code of a report.
 const char* DetectText(std::int32_t result) {
-  constexpr const char* kTexts[] = {"answers", "no server", "name unknown", "no answer",
+  constexpr const char* kTexts[] = {"answers", "wrong address", "name unknown", "no answer",
                                     "not trusted"};
   const bool isKnown = result >= 0 && result < static_cast<std::int32_t>(std::size(kTexts));
   return isKnown ? kTexts[result] : "failed";
@@ -331,11 +331,13 @@ bool MeasureServers(const std::vector<std::string>& arguments,
   static DetectReceiver& receiver = *new DetectReceiver;
   std::optional<Progress> progress("measuring");
   CommonUtil& facade = CommonUtil::getInst();
-  const int set = facade.SetNetDetectSrvs(servers[0], servers[1], servers[2], servers[3], nullptr,
-                                          nullptr, false);
-  if (set != 0 || facade.NetDetect(1, &receiver) != 0) {
+  int result = facade.SetNetDetectSrvs(servers[0], servers[1], servers[2], servers[3], nullptr,
+                                       nullptr, false);
+  if (result == 0) result = facade.NetDetect(1, &receiver);
+  if (result != 0) {
     progress.reset();
-    Complain("the detection does not start");
+    Complain("the detection does not start, result " + std::to_string(result) +
+             "; is a server's name too long? See zelctl explain " + std::to_string(result));
     return false;
   }
   const bool isWhole = receiver.Await(net.servers.size(), interrupted);
