@@ -1,7 +1,7 @@
 #include "track/TrackSpool.h"
 
-#include <errno.h>
 #include <dirent.h>
+#include <errno.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
