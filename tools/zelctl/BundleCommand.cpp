@@ -140,10 +140,7 @@ BundleArguments ParseBundle(const std::vector<std::string>& arguments) {
   parsed.directory = words[0];
   if (words.size() == 2) parsed.archive = words[1];
   for (const std::string& directory : {parsed.directory, parsed.logs}) {
-    std::error_code ignored;  // what cannot be looked at is no directory of a client either
-    if (!directory.empty() && !fs::is_directory(directory, ignored)) {
-      throw UsageError(Quoted(directory) + " is no directory; name the data directory of a client");
-    }
+    if (!directory.empty()) CheckClientDirectory(directory);
   }
   if (!size.empty()) parsed.cap = ParseSize(size);
   CheckArchiveName(parsed);

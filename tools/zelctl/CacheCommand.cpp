@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <optional>
@@ -65,11 +64,7 @@ Arguments Parse(const std::vector<std::string>& given, const std::set<std::strin
                 std::size_t words, const char* usage) {
   Arguments arguments(given, options);
   if (arguments.Words().size() != words) throw UsageError(usage);
-  const std::string& directory = arguments.Words()[0];
-  std::error_code ignored;  // what cannot be looked at is no directory of a client either
-  if (!std::filesystem::is_directory(directory, ignored)) {
-    throw UsageError(Quoted(directory) + " is no directory; name the data directory of a client");
-  }
+  CheckClientDirectory(arguments.Words()[0]);
   return arguments;
 }
 

@@ -1,9 +1,7 @@
 #include "DoctorCommand.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
-#include <system_error>
 
 #include "Arguments.h"
 #include "DirectoryLock.h"
@@ -144,10 +142,7 @@ bool RunDoctor(const std::vector<std::string>& given, const std::atomic<bool>&) 
     throw UsageError("doctor needs one DIR, the data directory of a client");
   }
   const std::string& directory = arguments.Words()[0];
-  std::error_code ignored;  // what cannot be looked at is no directory of a client either
-  if (!std::filesystem::is_directory(directory, ignored)) {
-    throw UsageError(Quoted(directory) + " is no directory; name the data directory of a client");
-  }
+  CheckClientDirectory(directory);
   try {
     return Report(directory, arguments.Has(kRepairOption), arguments.Has(kJsonOption));
   } catch (const DirectoryInUse& error) {

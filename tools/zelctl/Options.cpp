@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <charconv>
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 
@@ -80,6 +81,12 @@ std::chrono::nanoseconds ParseSeconds(const std::string& option, const std::stri
   }
   // Never zero: a time-out below the clock's unit still is one.
   return std::chrono::nanoseconds(static_cast<long long>(seconds * 1e9) + 1);
+}
+
+void CheckClientDirectory(const std::string& path) {
+  std::error_code ignored;  // what cannot be looked at is no directory of a client either
+  if (std::filesystem::is_directory(path, ignored)) return;
+  throw UsageError(Quoted(path) + " is no directory; name the data directory of a client");
 }
 
 Options ParseOptions(int argc, const char* const* argv) {

@@ -30,6 +30,9 @@ struct Options {
 // Throws UsageError, which names `option`.
 std::chrono::nanoseconds ParseSeconds(const std::string& option, const std::string& text);
 
+// Throws UsageError unless `path` is a directory.
+void CheckClientDirectory(const std::string& path);
+
 // Throws UsageError.
 Options ParseOptions(int argc, const char* const* argv);
 
