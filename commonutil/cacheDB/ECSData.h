@@ -34,6 +34,7 @@ class ECSUtil {
   // The salt file.
   std::string GetConfigPath() const;
 
+  // True also when it cannot be told: what is missing is made anew.
   bool Exists(const std::string& path) const;
   bool DeleteDBFile(const std::string& path) const;
 

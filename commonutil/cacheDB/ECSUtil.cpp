@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -124,7 +125,9 @@ std::string ECSUtil::GetConfigPath() const { return dbPath + kSaltFile; }
 
 bool ECSUtil::Exists(const std::string& path) const {
   PRAX_STAT status;
-  return PRAX_Stat(path.c_str(), &status) == 0;
+  if (PRAX_Stat(path.c_str(), &status) == 0) return true;
+  const int error = PRAX_GetLastErr();
+  return error != ENOENT && error != ENOTDIR;
 }
 
 bool ECSUtil::DeleteDBFile(const std::string& path) const { return PRAX_Remove(path.c_str()) == 0; }

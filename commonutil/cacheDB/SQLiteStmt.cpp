@@ -76,6 +76,7 @@ int SQLiteStmt::Exec(bool reset) {
   }
   if (m_lacksText) {  // would store an empty one
     LogFailure(SQLITE_NOMEM);
+    if (reset) m_lacksText = false;  // the next record binds texts of its own
     return 0;
   }
   int result = SQLITE_OK;

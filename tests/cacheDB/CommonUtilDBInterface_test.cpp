@@ -125,7 +125,7 @@ TEST_F(CommonUtilDBInterfaceTest, ASaltLineThatCannotBeReadStartsEmptyWithANewSe
 
 // A salt file or database that could not be read for a moment was taken for damaged: the start made
 // a new one, and the entries were gone.
-TEST_F(CommonUtilDBInterfaceTest, AStartThatLacksDescriptorsOrMemoryFailsAndKeepsTheEntries) {
+TEST_F(CommonUtilDBInterfaceTest, AStartThatCannotReachItsFilesFailsAndKeepsTheEntries) {
   ASSERT_EQ(Init(), 0);
   AddThree();
   PRAX_Ref_FailNext(PRAX_REF_FOPEN, 1, EMFILE);
@@ -136,6 +136,13 @@ TEST_F(CommonUtilDBInterfaceTest, AStartThatLacksDescriptorsOrMemoryFailsAndKeep
   system.xOpen = [](sqlite3_vfs*, const char*, sqlite3_file*, int, int*) { return SQLITE_NOMEM; };
   EXPECT_EQ(InitAgain(), 1);
   system.xOpen = open;
+  const std::string aside = m_dir.File("aside");
+  for (const std::string& file : {SaltFile(), DbFile()}) {  // a link to itself is not missing
+    fs::rename(file, aside);
+    fs::create_symlink(file, file);
+    EXPECT_EQ(InitAgain(), 1);
+    fs::rename(aside, file);
+  }
   EXPECT_EQ(InitAgain(), 0);
   EXPECT_EQ(Query("", 2), kThree);
 }

@@ -129,8 +129,8 @@ TEST_F(SQLiteWrapperTest, EveryOperationIsSafeWithoutAConnection) {
              {kInfo, std::string("[db] sqlite3_prepare_v2(") + kAddRow + ")", 2}});
 }
 
-// An empty text was stored in its place.
-TEST_F(SQLiteWrapperTest, ARowWhoseTextFoundNoMemoryIsNotStored) {
+// An empty text was stored in its place, and later no row of the same batch any more.
+TEST_F(SQLiteWrapperTest, ARowWhoseTextFoundNoMemoryIsNotStoredAndTheNextOneIs) {
   ShutDownSQLite();
   sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1);  // else there is no limit
   m_db.Exec(kMakeTable);
@@ -140,7 +140,9 @@ TEST_F(SQLiteWrapperTest, ARowWhoseTextFoundNoMemoryIsNotStored) {
   EXPECT_EQ(insert->Bind(1, std::string(5000, 'x')), SQLITE_NOMEM);
   sqlite3_hard_heap_limit64(0);
   EXPECT_EQ(insert->Exec(true), 0);
-  EXPECT_EQ(CountRows(), "0");
+  EXPECT_EQ(insert->Bind(1, std::string("next")), SQLITE_OK);
+  EXPECT_EQ(insert->Exec(true), 1);
+  EXPECT_EQ(CountRows(), "1");
   EXPECT_EQ(CountLogPrefix("[db] sqlite exception(", kError), 3);
 }
 

@@ -109,9 +109,9 @@ void Examination::ExamineModes() {
            {file.name}});
     }
     const mode_t mode = found.st_mode & kPermissions;
-    const mode_t wanted =
-        (mode & file.mode) | (S_ISDIR(found.st_mode) ? kOwnerOfFolder : kOwnerOfFile);
-    if (S_ISLNK(found.st_mode) || mode == wanted) continue;
+    const bool isFolder = (file.mode & S_IXUSR) != 0;
+    const mode_t wanted = (mode & file.mode) | (isFolder ? kOwnerOfFolder : kOwnerOfFile);
+    if (S_ISLNK(found.st_mode) || S_ISDIR(found.st_mode) != isFolder || mode == wanted) continue;
     const bool isTooOpen = (mode & ~file.mode) != 0;
     const std::string name = *file.name == '\0' ? "." : file.name;
     Add({isTooOpen ? "mode-too-open" : "mode-too-closed",
