@@ -28,10 +28,6 @@ constexpr int kSecretBytes = 16;
 constexpr char kSaltSeparator = '|';
 constexpr std::size_t kHiddenValueLength = 4;  // values from this length on are not logged
 
-std::string AsDirectory(const std::string& path) {
-  return path.empty() || path.back() != '/' ? path + "/" : path;
-}
-
 // Starts key management, again and again whatever the failure.
 int StartWithRetries() {
   ECSUtil& ecs = ECSUtil::GetInst();

@@ -13,6 +13,9 @@
 
 namespace commonutil {
 
+// `path` with a "/" at its end.
+std::string AsDirectory(const std::string& path);
+
 class ECSDataException : public std::exception {
  public:
   const char* what() const noexcept override;

@@ -33,10 +33,6 @@ constexpr unsigned int kKeyIterations = 10000;
 constexpr int kKeyBytes = 32;
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
-std::string AsDirectory(const std::string& path) {
-  return path.empty() || path.back() != '/' ? path + "/" : path;
-}
-
 // Passes `code` on; logs it first when a bounded copy or wipe failed.
 errno_t Checked(errno_t code) {
   if (code != 0) ZEL_LOG(kError) << "secure function return err: " << code;
@@ -107,6 +103,10 @@ int RemoveStore(const std::string& path) {
 }
 
 }  // namespace
+
+std::string AsDirectory(const std::string& path) {
+  return path.empty() || path.back() != '/' ? path + "/" : path;
+}
 
 ECSUtil& ECSUtil::GetInst() {
   static ECSUtil& instance = *new ECSUtil;

@@ -116,6 +116,13 @@ TEST_F(ECSDataTest, TheDatabaseKeyIsFixedForASecretAndASalt) {
   EXPECT_EQ(ReadWholeFile(SaltFile()), "line");
 }
 
+TEST_F(ECSDataTest, ADatabaseThatFoundNoMemoryIsUnknownAndADamagedOneIsNot) {
+  EXPECT_TRUE(m_data.IsUnknown());
+  WriteWholeFile(DbFile(), std::string(4096, 'x'));
+  EXPECT_FALSE(m_data.CheckSDKCacheDB(DbFile(), "key"));
+  EXPECT_FALSE(m_data.IsUnknown());
+}
+
 // The key is another one: the database is made anew, and must not meet its predecessor's log.
 TEST_F(ECSDataTest, ADatabaseMadeAnewMeetsNothingOfItsPredecessor) {
   EXPECT_FALSE(m_data.CheckSDKCacheDB(DbFile(), "key one"));

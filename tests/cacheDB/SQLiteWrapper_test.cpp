@@ -34,6 +34,42 @@ void ShutDownSQLite() {
   sqlite3_shutdown();
 }
 
+// SQLite's memory: how often it was asked for, and which time there is none.
+int g_asked = 0;
+int g_refused = 0;
+void* (*g_usualMalloc)(int) = nullptr;
+
+void* MallocButOnce(int size) { return ++g_asked == g_refused ? nullptr : g_usualMalloc(size); }
+
+void UseMemory(const sqlite3_mem_methods& memory) {
+  (void)sqlite3_shutdown();
+  (void)sqlite3_config(SQLITE_CONFIG_MALLOC, &memory);
+}
+
+// The database that lies at `path` is met without memory at all, then by a beginning of SQLite
+// whose last allocation fails, the encryption's, and then with memory. The number of the first
+// surprise.
+int OpenAsMemoryReturns(const std::string& path) {
+  sqlite3_mem_methods usual = {};
+  (void)sqlite3_shutdown();
+  (void)sqlite3_config(SQLITE_CONFIG_GETMALLOC, &usual);
+  g_usualMalloc = usual.xMalloc;
+  sqlite3_mem_methods scarce = usual;
+  scarce.xMalloc = MallocButOnce;
+  UseMemory(scarce);
+  (void)sqlite3_initialize();
+  g_refused = std::exchange(g_asked, 0);
+  sqlite3_mem_methods none = usual;
+  none.xInit = [](void*) { return SQLITE_NOMEM; };
+
+  SQLiteDB db("db", path, kKey);
+  UseMemory(none);
+  if (db.IsCanOpen() || !db.IsProbeVoid()) return 1;
+  UseMemory(scarce);
+  if (db.IsCanOpen() || !db.IsProbeVoid()) return 2;
+  return db.IsCanOpen() ? 0 : 3;
+}
+
 class SQLiteWrapperTest : public CacheDbTest {
  protected:
   std::unique_ptr<IDataManipulation> Prepare(const std::string& sql) {
@@ -94,6 +130,19 @@ TEST_F(SQLiteWrapperTest, ProbeTakesALockedFileAsReadableAndConfirmsAPathOnceInA
              {kWarning, "sqlite3_exec, nRet = 0", 0},
              {kInfo, "has tested, success"},
              {kInfo, "Succeed to test open the db", 2}});
+}
+
+TEST_F(SQLiteWrapperTest, ABeginningOfSQLiteWithoutMemoryGivesNoVerdictOnADatabase) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process in which SQLite has not begun
+  const auto open = [&] {
+    sqlite3* made = nullptr;
+    (void)sqlite3_open(DbFile().c_str(), &made);
+    (void)sqlite3_key(made, kKey.data(), static_cast<int>(kKey.size()));
+    (void)sqlite3_exec(made, kMakeTable, nullptr, nullptr, nullptr);
+    (void)sqlite3_close(made);
+    return OpenAsMemoryReturns(DbFile());
+  };
+  EXPECT_EXIT(std::exit(open()), testing::ExitedWithCode(0), "");
 }
 
 class UnopenableDB : public SQLiteDB {
@@ -303,6 +352,32 @@ TEST_F(SQLiteLogTest, ALogOfAnotherDatabaseOrKeyIsRemovedAndTheDatabaseStays) {
   ExpectLog({{kWarning, "[db] removes a log that is not of this database", 3}});
   EXPECT_EQ(RowsAfterStart("other3"), "-1");
   EXPECT_TRUE(fs::exists(LogIn("other3")));
+}
+
+// What the machine refuses tells nothing about the database.
+TEST_F(SQLiteLogTest, FilesThatCannotBeOpenedGiveNoVerdictOnADatabase) {
+  LeaveBehind("left", kKey, 5);
+  SQLiteDB found("db", FileIn("left"), kKey);
+  static int filesLeft;
+  static sqlite3_vfs* const usual = sqlite3_vfs_find(nullptr);
+  sqlite3_vfs scarce = *usual;
+  scarce.zName = "scarce";
+  scarce.xOpen = [](sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out) {
+    file->pMethods = nullptr;
+    return filesLeft-- > 0 ? usual->xOpen(usual, name, file, flags, out) : SQLITE_CANTOPEN;
+  };
+  sqlite3_vfs_register(&scarce, 1);
+  int refused = 0;
+  for (const int files : {0, 1, 2, 3}) {
+    filesLeft = files;
+    if (found.IsCanOpen()) continue;
+    ++refused;
+    EXPECT_TRUE(found.IsProbeVoid()) << files;
+  }
+  sqlite3_vfs_unregister(&scarce);
+  sqlite3_vfs_register(usual, 1);
+  EXPECT_GE(refused, 2);
+  EXPECT_EQ(RowsAfterStart("left"), "5");
 }
 
 // A link into the void where the log's index belongs stands for a system that cannot share memory.
