@@ -90,13 +90,19 @@ std::shared_ptr<const LogSink> CurrentSink() {
 
 const char* OrEmpty(const char* text) { return text == nullptr ? "" : text; }
 
-// `format` is what std::to_chars takes after the value. No locale is involved.
-template <class Number, class... Format>
-void AppendNumber(Number value, std::string* out, Format... format) {
-  char text[kNumberTextMax];
-  const auto end = std::to_chars(text, text + sizeof(text), value, format...).ptr;
-  out->append(text, end);
-}
+// The text of a number. `format` is what std::to_chars takes after the value; no locale is
+// involved.
+class NumberText {
+ public:
+  template <class Number, class... Format>
+  explicit NumberText(Number value, Format... format)
+      : m_end(std::to_chars(m_text, m_text + sizeof(m_text), value, format...).ptr) {}
+  std::string_view View() const { return {m_text, static_cast<std::size_t>(m_end - m_text)}; }
+
+ private:
+  char m_text[kNumberTextMax];
+  const char* const m_end;
+};
 
 void AppendTime(const timespec& now, std::string* out) {
   if (t_facts.secondLength == 0 || t_facts.second != now.tv_sec) {
@@ -116,7 +122,7 @@ void AppendTime(const timespec& now, std::string* out) {
 
 void AppendThreadId(std::string* out) {
   if (t_facts.threadId == 0) t_facts.threadId = ::gettid();
-  AppendNumber(t_facts.threadId, out);
+  *out += NumberText(t_facts.threadId).View();
 }
 
 // Everything the functions of C linkage log; their lines carry no source position.
@@ -195,14 +201,21 @@ void LogStream::Line::GiveBack(std::unique_ptr<Line> line) noexcept {
 }
 
 void LogStream::Line::Append(std::string_view piece) noexcept try {
+  const std::size_t length = message.size() + piece.size();
+  if (length > message.capacity()) {  // the string would leave its old memory as it is
+    std::string larger;
+    larger.reserve(std::max(length, 2 * message.capacity()));
+    larger = message;
+    message.swap(larger);
+    ::explicit_bzero(larger.data(), larger.size());
+  }
   message += piece;
 } catch (...) {
 }
 
 template <class Number, class... Format>
-void LogStream::Line::AppendValue(Number value, Format... format) noexcept try {
-  AppendNumber(value, &message, format...);
-} catch (...) {
+void LogStream::Line::AppendValue(Number value, Format... format) noexcept {
+  Append(NumberText(value, format...).View());
 }
 
 void LogStream::Line::AppendHeader(const timespec& now) {
@@ -217,7 +230,7 @@ void LogStream::Line::AppendHeader(const timespec& now) {
   output += ' ';
   output += function;
   output += ':';
-  AppendNumber(lineNumber, &output);
+  output += NumberText(lineNumber).View();
   output += "] ";
 }
 
