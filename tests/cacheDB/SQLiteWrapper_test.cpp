@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <thread>
+#include <utility>
 
 #include <sqlite3.h>
 
