@@ -91,6 +91,7 @@ class DMLBase : public DataModelBase {
         affected += statement->Exec(true);
       }
       transaction.Commit();
+      if (transaction.IsLost()) affected = 0;
     });
   }
   virtual void ComposeSQL(const T& /*item*/, std::string& sql) { ComposeSQL(sql); }

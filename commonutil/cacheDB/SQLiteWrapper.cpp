@@ -431,12 +431,14 @@ sqlite3* SQLiteDB::GetDBHandle() { return GetConn(); }
 void SQLiteDB::Exec(const std::string& sql) {
   RecursiveMutexLock lock(m_connectionLock);
   sqlite3* const db = GetDBConnection();
+  m_hasExecuted = false;
   if (db == nullptr) {
     ZEL_LOG(kInfo) << "no conn";
     return;
   }
   const int result = Run(db, sql);
-  if (result == SQLITE_OK) return;
+  m_hasExecuted = result == SQLITE_OK;
+  if (m_hasExecuted) return;
   ZEL_LOG(kInfo) << "[" << dbName << "] sqlite3_exec(" << sql << ")";
   ZEL_LOG(kError) << "[" << dbName << "] sqlite exception(" << result << "): " << sql;
 }
@@ -486,6 +488,11 @@ void SQLiteDB::Rollback() { Exec("ROLLBACK TRANSACTION;"); }
 
 void SQLiteDB::Commit() { Exec("COMMIT TRANSACTION;"); }
 
+bool SQLiteDB::HasExecuted() {
+  RecursiveMutexLock lock(m_connectionLock);
+  return m_hasExecuted;
+}
+
 void SQLiteDB::SetReadAndWriteAttribute(const std::string& path) const {
   (void)PRAX_Chmod(path.c_str(), kFileMode);  // fails for a file that is still to be created
 }
@@ -509,8 +516,11 @@ Transanction::~Transanction() {
 
 void Transanction::Commit() {
   if (storage == nullptr || !enabled || nested) return;
+  const bool hasBegun = !storage->GetAutoCommit();  // else each statement has committed itself
   storage->Commit();
-  committed = true;
+  auto* const sqlite = dynamic_cast<SQLiteDB*>(storage);
+  m_isLost = hasBegun && sqlite != nullptr && !sqlite->HasExecuted();
+  committed = !m_isLost || storage->GetAutoCommit();  // SQLite may have rolled back
 }
 
 }  // namespace commonutil

@@ -108,6 +108,8 @@ class SQLiteDB : public IDataStorage {
   void BeginTransaction() override;
   void Rollback() override;
   void Commit() override;
+  // Whether the last Exec, of whatever thread, did what it was to.
+  bool HasExecuted();
 
   // The connection, opened and keyed when there is none yet; null when it cannot be had.
   sqlite3* GetDBConnection();
@@ -151,6 +153,7 @@ class SQLiteDB : public IDataStorage {
   // under another one's call; taken before SQLite's own lock of the connection.
   RecursiveMutex m_connectionLock;
   bool m_isKeyed ZEL_GUARDED_BY(m_connectionLock) = false;
+  bool m_hasExecuted ZEL_GUARDED_BY(m_connectionLock) = false;
   std::atomic<bool> m_probeVoid{false};  // written by IsCanOpen
 
   // Paths that passed the probe with their key in this process (value 1). The lock is held
@@ -210,12 +213,15 @@ class Transanction {
   Transanction& operator=(const Transanction&) = delete;
 
   void Commit();
+  // Whether the commit was refused, as on a full disk: nothing of it is in the database.
+  bool IsLost() const { return m_isLost; }
 
  private:
   IDataStorage* storage;
   bool enabled;
   bool nested = false;
   bool committed = false;
+  bool m_isLost = false;
 };
 
 class SQLiteException : public std::exception {

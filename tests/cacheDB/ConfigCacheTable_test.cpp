@@ -114,6 +114,21 @@ TEST_F(ConfigCacheTableTest, ARecordReplacesTheRowOfItsKeyAndTheRowOfItsId) {
   EXPECT_EQ(support::CountLogPrefix("[sdkcache.db] sqlite exception("), 0);
 }
 
+// As a full disk does, a promise that the rows do not keep lets each statement pass, not the
+// commit.
+TEST_F(ConfigCacheTableTest, ABatchWhoseCommitIsRefusedHasAddedNothingAndLeavesNoTransactionOpen) {
+  m_storage->Exec("PRAGMA foreign_keys = ON;");
+  m_storage->Exec("CREATE TABLE P(ID INTEGER PRIMARY KEY);");
+  m_storage->Exec("CREATE TABLE C(ID INTEGER REFERENCES P(ID) DEFERRABLE INITIALLY DEFERRED);");
+  m_storage->Exec(
+      "CREATE TRIGGER T AFTER INSERT ON ConfigCacheTab BEGIN INSERT INTO C VALUES (1); END;");
+  EXPECT_EQ(AddConfigCacheCommand().BatchAdd(m_three), 0);
+  EXPECT_TRUE(m_storage->GetAutoCommit());
+  m_storage->Exec("INSERT INTO P VALUES (1);");
+  EXPECT_EQ(AddConfigCacheCommand().BatchAdd(m_three), 3);
+  EXPECT_EQ(Stored().size(), m_three.size());
+}
+
 TEST_F(ConfigCacheTableTest, KeysMatchExactlyAndAreNeverPartOfTheStatement) {
   const std::string quoted = "k' OR '1'='1";
   AddConfigCacheCommand().BatchAdd({{0, "k", "1"}, {0, "K", "2"}, {0, "k%", "3"}});
