@@ -147,19 +147,9 @@ bool IsPassed(int result) {
   return result == SQLITE_OK || result == SQLITE_BUSY || result == SQLITE_LOCKED;
 }
 
-bool IsFaultOfMachine(int result) {
-  switch (result & 0xff) {  // extended codes keep the plain one there
-    case SQLITE_NOMEM:
-    case SQLITE_IOERR:
-    case SQLITE_FULL:
-    case SQLITE_CANTOPEN:
-    case SQLITE_MISUSE:    // of a handle that could not be opened
-    case SQLITE_PROTOCOL:  // too many others at the log
-      return true;
-    default:
-      return false;
-  }
-}
+// Damage has these two results; whatever else the system answers (no memory, space, descriptors, no
+// lock granted, no turn at the log) tells nothing about the file.
+bool IsFaultOfMachine(int result) { return !IsUndecipherable(result & 0xff); }
 
 }  // namespace
 

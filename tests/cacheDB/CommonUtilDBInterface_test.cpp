@@ -133,8 +133,12 @@ TEST_F(CommonUtilDBInterfaceTest, AStartThatCannotReachItsFilesFailsAndKeepsTheE
   ExpectLog({{kError, "the salt file cannot be read"}});
   sqlite3_vfs& system = *sqlite3_vfs_find(nullptr);
   const auto open = system.xOpen;
-  system.xOpen = [](sqlite3_vfs*, const char*, sqlite3_file*, int, int*) { return SQLITE_NOMEM; };
-  EXPECT_EQ(InitAgain(), 1);
+  static int refusal;
+  system.xOpen = [](sqlite3_vfs*, const char*, sqlite3_file*, int, int*) { return refusal; };
+  for (const int code : {SQLITE_NOMEM, SQLITE_PERM}) {  // the second: no lock is granted
+    refusal = code;
+    EXPECT_EQ(InitAgain(), 1) << code;
+  }
   system.xOpen = open;
   const std::string aside = m_dir.File("aside");
   for (const std::string& file : {SaltFile(), DbFile()}) {  // a link to itself is not missing
