@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import sqlite3
 import subprocess
 import unittest
@@ -305,6 +306,18 @@ class Doctor(DataTest):
             self.refused(*verb, self.data, code=1, says="cannot copy .*sdkcache.db to .*: Too many")
         result = self.run_console("doctor", self.data, TMPDIR="/none")
         self.assert_complaint(result, "set TMPDIR")
+
+    def test_an_interrupt_leaves_no_copy_of_the_key_behind(self):
+        numbers = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 1000000) "
+        self.plain_database("CREATE TABLE ConfigCacheTab(AUTOID INTEGER PRIMARY KEY, KEY, VALUE)",
+                            numbers + "INSERT INTO ConfigCacheTab SELECT i, i, i FROM n")
+        with self.running("doctor", self.data, "--repair") as console:
+            while not list(self.temporary.glob("*/zorm/*_bak.dat")):  # copied last
+                self.assertIsNone(console.poll())
+            console.send_signal(signal.SIGINT)
+            self.assertEqual((console.communicate(), console.returncode),
+                             (("", "zelctl: interrupted\n"), 1))
+        self.assertEqual(list(self.data.glob("doctor-backup*")), [])
 
     def test_a_full_disk_is_found_and_stops_the_repair_before_it_begins(self):
         script = ('mount -t tmpfs -o size=60k,mode=750 none "$1" && cp -a "$2"/zorm "$1" && '

@@ -18,7 +18,6 @@
 #include <optional>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <system_error>
 
 #include <curl/curl.h>
@@ -38,6 +37,7 @@
 #include "Options.h"
 #include "Progress.h"
 #include "Report.h"
+#include "Signals.h"
 #include "Text.h"
 #include "publicInc/CommonUtilEntry.h"
 
@@ -73,11 +73,6 @@ constexpr NeverTaken kNeverTaken[] = {
     {kSharedIndexFile, "part of the database"},
     {"track", "the spool of events"},
     {"ut_events.jsonl", "events"},
-};
-
-class Interrupted : public std::runtime_error {
- public:
-  Interrupted() : std::runtime_error("interrupted; nothing was written") {}
 };
 
 struct BundleArguments {
@@ -305,7 +300,7 @@ class Bundle {
   };
 
   void Check() const {
-    if (m_interrupted) throw Interrupted();
+    if (m_interrupted) throw Interrupted("; nothing was written");
   }
 
   std::string PathOf(const std::string& name) const { return m_arguments.directory + "/" + name; }

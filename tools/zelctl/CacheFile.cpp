@@ -10,6 +10,8 @@
 
 #include <sqlite3.h>
 
+#include "Signals.h"
+
 namespace zelctl {
 namespace {
 
@@ -38,6 +40,7 @@ constexpr char kUnreadablePage[] = "unable to get the page";
 constexpr char kDigits[] = "0123456789";
 constexpr std::size_t kLongestNumber = 10;
 constexpr std::int64_t kWidestGap = 1000000;  // some seconds
+constexpr int kStepsBetweenLooks = 10000;     // some milliseconds
 constexpr char kAscending[] = "ORDER BY AUTOID";
 constexpr char kDescending[] = "ORDER BY AUTOID DESC";
 
@@ -71,6 +74,22 @@ bool HasPlainHeader(const std::string& path) {
 void SetKey(sqlite3* database, const std::string& key) {
   (void)sqlite3_key(database, key.data(), static_cast<int>(key.size()));  // the first read tells
 }
+
+// While it lives, an interrupt ends what SQLite does with the database.
+class Interruptible {
+ public:
+  explicit Interruptible(sqlite3* database) : m_database(database) {
+    sqlite3_progress_handler(
+        database, kStepsBetweenLooks, [](void*) -> int { return Signals().interrupted ? 1 : 0; },
+        nullptr);
+  }
+  ~Interruptible() { sqlite3_progress_handler(m_database, 0, nullptr, nullptr); }
+  Interruptible(const Interruptible&) = delete;
+  Interruptible& operator=(const Interruptible&) = delete;
+
+ private:
+  sqlite3* const m_database;
+};
 
 // The numbers behind the word "page" in SQLite's words.
 void CollectPages(const std::string& remark, std::set<unsigned int>* pages) {
@@ -164,11 +183,13 @@ CacheFile::State CacheFile::WithoutLog(const std::string& path, const std::strin
 
 CacheCheck CacheFile::Check() {
   CacheCheck check;
+  const Interruptible scope(m_database);
   const Statement statement = Prepare(m_database, kCheckSql);
   int result = SQLITE_ERROR;
   while (statement && (result = sqlite3_step(statement.get())) == SQLITE_ROW) {
     AddLines(Column(statement.get(), 0), &check.remarks);
   }
+  ThrowIfInterrupted();  // what was cut short tells nothing of the database
   if (result == SQLITE_DONE && check.remarks == std::vector<std::string>{"ok"}) return {};
   if (result != SQLITE_DONE) check.remarks.emplace_back(sqlite3_errmsg(m_database));
   DropConsequences(&check.remarks);
@@ -194,12 +215,14 @@ bool CacheFile::HasIndex() { return Holds("index", kIndex); }
 
 // False when a page stops it.
 bool CacheFile::ReadRows(const std::string& condition, std::vector<CacheRow>* rows) {
+  const Interruptible scope(m_database);
   const Statement statement = Prepare(m_database, kRowsSql + condition);
   int result = SQLITE_ERROR;
   while (statement && (result = sqlite3_step(statement.get())) == SQLITE_ROW) {
     rows->push_back({sqlite3_column_int64(statement.get(), 0), Column(statement.get(), 1),
                      Column(statement.get(), 2)});
   }
+  ThrowIfInterrupted();
   return result == SQLITE_DONE;
 }
 

@@ -10,6 +10,7 @@
 #include "Options.h"
 #include "Progress.h"
 #include "Report.h"
+#include "Signals.h"
 #include "Text.h"
 
 namespace zelctl {
@@ -53,10 +54,14 @@ Diagnosis DiagnoseAndRepair(const std::string& directory) {
   DirectoryRepair repair(directory, before);
   repair.Run();
   Diagnosis diagnosis = {before.Findings(), {}, repair.Backup()};
-  const Examination after(directory);
-  for (const Finding& finding : diagnosis.findings) {
-    diagnosis.isRepaired.push_back(finding.repair != Repair::kNone &&
-                                   !IsOpen(after.Findings(), finding));
+  try {
+    const Examination after(directory);
+    for (const Finding& finding : diagnosis.findings) {
+      diagnosis.isRepaired.push_back(finding.repair != Repair::kNone &&
+                                     !IsOpen(after.Findings(), finding));
+    }
+  } catch (const Interrupted&) {
+    throw Interrupted("; the repair was made, copies are in " + Quoted(repair.Backup()));
   }
   return diagnosis;
 }

@@ -30,6 +30,10 @@ void Handle(int signal, void (*handler)(int), int flags) {
 
 SignalFlags& Signals() { return g_flags; }
 
+void ThrowIfInterrupted() {
+  if (g_flags.interrupted) throw Interrupted();
+}
+
 void HandleSignals() {
   constexpr int kOnce = static_cast<int>(SA_RESETHAND);
   Handle(SIGINT, Interrupt, kOnce);

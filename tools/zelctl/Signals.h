@@ -2,6 +2,8 @@
 #pragma once
 
 #include <atomic>
+#include <stdexcept>
+#include <string>
 
 namespace zelctl {
 
@@ -14,6 +16,14 @@ struct SignalFlags {
 
 // Of the process.
 SignalFlags& Signals();
+
+// What was begun is given up; temporary copies go on the way out.
+class Interrupted : public std::runtime_error {
+ public:
+  explicit Interrupted(const std::string& more = "") : std::runtime_error("interrupted" + more) {}
+};
+
+void ThrowIfInterrupted();
 
 // The first SIGINT or SIGTERM sets `interrupted`, a second one ends the process at once. Output
 // that nobody reads any more is an error of the write, not the end of the process.

@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "DataFiles.h"
+#include "Signals.h"
 
 namespace zelctl {
 namespace {
@@ -44,7 +45,10 @@ StagedDirectory::StagedDirectory(const std::string& source)
     : m_source(fs::absolute(source).string()), m_path(MakePrivateDirectory()) {
   try {
     fs::create_directory(Of(kKeyStoreFolder));
-    for (const char* const name : kCopied) CopyPrivately(fs::path(m_source) / name, Of(name));
+    for (const char* const name : kCopied) {
+      ThrowIfInterrupted();
+      CopyPrivately(fs::path(m_source) / name, Of(name));
+    }
   } catch (...) {
     std::error_code ignored;
     fs::remove_all(m_path, ignored);

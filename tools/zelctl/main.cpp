@@ -90,6 +90,9 @@ int main(int argc, char** argv) {
   } catch (const zelctl::UsageError& error) {
     zelctl::Complain(error.what());
     return kExitUsage;
+  } catch (const zelctl::Interrupted& error) {
+    zelctl::Complain(error.what());
+    return kExitFailed;
   } catch (const std::system_error& error) {
     const bool isForbidden = error.code() == std::errc::permission_denied ||
                              error.code() == std::errc::operation_not_permitted;
