@@ -165,7 +165,7 @@ class Cache(DataTest):
         self.assertEqual((result.returncode, json.loads(result.stdout)["damagedPages"]), (1, [5]))
         text = self.run_console("doctor", self.data).stdout
         self.assertIn("sdkcache.db: damaged page 5 (bytes 16384 to 20479)", text)
-        self.assertTrue(text.endswith("\n1 problem; --repair mends 1, after copies are made\n"), text)
+        self.assertIn("\n1 problem; --repair mends 1, after copies are made\n", text)
         damage(self.database, 1)
         before = self.content()
         for verb, *words in (["put", "a", "b"], ["get", "a"], ["list"]):
