@@ -277,16 +277,20 @@ class Doctor(DataTest):
     @unittest.skipIf(os.geteuid(), "only root can give a file away")
     def test_a_repair_by_root_leaves_everything_to_the_clients_user(self):
         store, twin = (self.data / f"zorm/zormStore{n}.dat" for n in ("", "_bak"))
-        for path in self.data, *self.data.rglob("*"):
-            os.chown(path, 0 if path == store else 65534, 65534)
-        flip(twin, 20)
-        with (self.data / "sdkcache_config.db").open("a") as salt:
-            salt.write("\n")
-        for option in "--json", "--repair":
-            answer, found = self.diagnose(option)
-            self.assertEqual(found, ["key-store-file-damaged", "owner-differs", "salt-line-break"])
-        shutil.rmtree(answer["backup"])
-        self.assertEqual({path.stat().st_uid for path in self.data.rglob("*")}, {65534})
+        for owner, differs in (65534, ["owner-differs"]), (0, []):  # of the directory
+            for path in self.data, *self.data.rglob("*"):
+                os.chown(path, 65534, 65534)
+            os.chown(self.data, owner, owner)
+            if differs:
+                os.chown(store, 0, 0)
+            twin.unlink()
+            with (self.data / "sdkcache_config.db").open("a") as salt:
+                salt.write("\n")
+            for option in "--json", "--repair":
+                answer, found = self.diagnose(option)
+                self.assertEqual(found, ["key-store-file-missing", *differs, "salt-line-break"])
+            shutil.rmtree(answer["backup"])
+            self.assertEqual({path.stat().st_uid for path in self.data.rglob("*")}, {65534})
 
     def test_what_no_program_can_mend_is_said(self):
         shutil.rmtree(self.data)

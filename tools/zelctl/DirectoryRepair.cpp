@@ -68,6 +68,10 @@ std::string ModeLine(const std::string& path, const std::string& name) {
   return std::string(mode) + ' ' + (name.empty() ? "." : name) + '\n';
 }
 
+void SetOwner(const std::string& path, const struct stat& owner) {
+  if (::lchown(path.c_str(), owner.st_uid, owner.st_gid) != 0) return;  // shows when looked at
+}
+
 void CopyInto(const std::string& backup, const std::string& name, const std::string& path) {
   std::string bytes = Read(path);
   const commonutil::WipeGuard wipe(bytes);
@@ -108,9 +112,11 @@ void DirectoryRepair::Mend(const Finding& finding) const {
     case Repair::kSetMode:
       (void)::chmod(At(finding.touched[0]).c_str(), finding.mode);
       return;
-    case Repair::kSetOwner:
-      SetOwner(finding.touched[0]);
+    case Repair::kSetOwner: {
+      struct stat owner;
+      if (::stat(m_directory.c_str(), &owner) == 0) SetOwner(At(finding.touched[0]), owner);
       return;
+    }
     case Repair::kTakeHealed: {
       std::string bytes = Read(m_examination.Staged().Path() + "/" + finding.file);
       const commonutil::WipeGuard wipe(bytes);
@@ -131,13 +137,11 @@ void DirectoryRepair::Mend(const Finding& finding) const {
 
 void DirectoryRepair::Put(const std::string& name, const std::string& bytes,
                           unsigned int mode) const {
-  if (Replace(At(name), bytes, mode)) SetOwner(name);
-}
-
-void DirectoryRepair::SetOwner(const std::string& name) const {
+  const std::string path = At(name);
+  const std::string like = fs::exists(path) ? path : fs::path(path).parent_path().string();
   struct stat owner;
-  if (::stat(m_directory.c_str(), &owner) != 0) return;
-  if (::lchown(At(name).c_str(), owner.st_uid, owner.st_gid) != 0) return;  // shows when looked at
+  const bool isKnown = ::stat(like.c_str(), &owner) == 0;
+  if (Replace(path, bytes, mode) && isKnown) SetOwner(path, owner);
 }
 
 // The side files go first: they belong to the old content and would be laid over the new one.

@@ -24,9 +24,8 @@ class DirectoryRepair {
   std::string At(const std::string& name) const { return m_directory + "/" + name; }
   void CopyTouched();
   void Mend(const Finding& finding) const;
-  // Makes a file of the client's, also where root repairs.
+  // The file has the owner that it had, or its folder has, also where root repairs.
   void Put(const std::string& name, const std::string& bytes, unsigned int mode) const;
-  void SetOwner(const std::string& name) const;
   void Rebuild() const;
 
   const std::string m_directory;

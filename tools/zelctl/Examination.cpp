@@ -97,7 +97,8 @@ void Examination::ExamineModes() {
   for (const MostOpenMode& file : kMostOpenModes) {
     struct stat found;
     if (::lstat((m_directory + "/" + file.name).c_str(), &found) != 0) continue;
-    if (found.st_uid != directory.st_uid && *file.name != '\0') {
+    // One that root has made tells nothing of the client's user.
+    if (found.st_uid != directory.st_uid && directory.st_uid != 0) {
       Add({"owner-differs",
            file.name,
            "it belongs to user " + std::to_string(found.st_uid) + ", the directory to user " +
