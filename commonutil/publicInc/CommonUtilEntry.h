@@ -1,7 +1,7 @@
 /*
  * The message service: JSON requests in, JSON replies and notifications out.
  *
- * The older functions exist twice, with and without the prefix "CommonUtil". One host thread
+ * The first six functions exist twice, with and without the prefix "CommonUtil". One host thread
  * imports, one (it may be the same) exports; start-up and shut-down may be called from any thread
  * but not from inside a message's handling. No function throws. Three may block: shut-down, which
  * waits for the request being handled, CommonUtilProcessRecvMsg and CommonUtilWaitExportMsg.

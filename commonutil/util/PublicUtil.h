@@ -62,7 +62,7 @@ class ZEL_API PublicUtil {
   // True when `text` is a JSON object or array (comments and text behind it are tolerated).
   // Never throws: text nested too deeply is a failure as any other.
   static bool SafeParseJson(const std::string& text, Json::Value& out);
-  // The same for text that is no string; it is not copied.
+  // The same for a request: its text is not copied, and `out` has none of its comments.
   ZEL_LOCAL static bool SafeParseJson(const char* text, std::size_t length, Json::Value& out);
 
   // --- Files -----------------------------------------------------------------

@@ -31,7 +31,7 @@ thread_local KeptReader t_kept;
 ReaderPtr TakeReader() {
   if (!t_threadEnds && t_kept.reader) return std::move(t_kept.reader);
   Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;  // a value would carry its comments into the reply
+  builder["collectComments"] = false;  // what is echoed of a request would bring them along
   return ReaderPtr(builder.newCharReader());
 }
 
@@ -39,12 +39,32 @@ void KeepReader(ReaderPtr reader) {
   if (!t_threadEnds) t_kept.reader = std::move(reader);
 }
 
-// Throws what the parser throws. A reader that failed is not used again.
-bool Parse(const char* text, std::size_t length, Json::Value& out) {
+using Parser = bool (*)(const char* text, std::size_t length, Json::Value& out);
+
+// Throw what the parser throws.
+bool ParseWithComments(const char* text, std::size_t length, Json::Value& out) {
+  const ReaderPtr reader(Json::CharReaderBuilder().newCharReader());
+  return reader->parse(text, text + length, &out, nullptr);
+}
+
+// A reader that failed is not used again.
+bool ParseWithKeptReader(const char* text, std::size_t length, Json::Value& out) {
   ReaderPtr reader = TakeReader();
   if (!reader->parse(text, text + length, &out, nullptr)) return false;
   if (length <= kLargestTextOfKeptReader) KeepReader(std::move(reader));
   return true;
+}
+
+bool SafeParseJson(Parser parse, const char* text, std::size_t length, Json::Value& out) {
+  if (length == 0) return false;
+  try {
+    if (parse(text, length, out) && (out.isObject() || out.isArray())) return true;
+  } catch (...) {  // nested too deeply, or no memory
+    ZEL_LOG(kError) << "parse json crash ";
+    return false;
+  }
+  ZEL_LOG(kError) << "parse json error ";
+  return false;
 }
 
 const Json::StreamWriterBuilder& OneLineWriter() {
@@ -63,19 +83,11 @@ std::string PublicUtil::Json2String(const Json::Value& value) {
 }
 
 bool PublicUtil::SafeParseJson(const std::string& text, Json::Value& out) {
-  return SafeParseJson(text.data(), text.size(), out);
+  return commonutil::SafeParseJson(ParseWithComments, text.data(), text.size(), out);
 }
 
 bool PublicUtil::SafeParseJson(const char* text, std::size_t length, Json::Value& out) {
-  if (length == 0) return false;
-  try {
-    if (Parse(text, length, out) && (out.isObject() || out.isArray())) return true;
-  } catch (...) {  // nested too deeply, or no memory
-    ZEL_LOG(kError) << "parse json crash ";
-    return false;
-  }
-  ZEL_LOG(kError) << "parse json error ";
-  return false;
+  return commonutil::SafeParseJson(ParseWithKeptReader, text, length, out);
 }
 
 }  // namespace commonutil

@@ -169,13 +169,18 @@ TEST_F(ServiceHostTest, NoMessageIsMissedByAWaitingHost) {
 
 TEST(ServiceHostWaitTest, WaitsAlsoWhereThereCanBeNoDescriptor) {
   support::ExpectTrueInFreshProcess([] {
-    const rlimit none = {0, 0};
-    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    StartAndAwaitAnswer();
+    EXPECT_EQ(CommonUtilServiceStartup(), 0);
+    EXPECT_TRUE(Import(R"({"cmd":12})"));
+    while (Take().empty()) std::this_thread::yield();
+    rlimit files = {};
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
+    files.rlim_cur = 0;
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &files), 0);
+    EXPECT_EQ(CommonUtilExportMsgFd(), -1);
     EXPECT_EQ(CommonUtilWaitExportMsg(1), 0);
-    const bool isWithout = CommonUtilExportMsgFd() == -1;
+    StartAndAwaitAnswer();
     CommonUtilServiceShutDown();
-    return isWithout;
+    return true;
   });
 }
 

@@ -26,14 +26,10 @@ std::vector<Json::Value> Samples() {
        {R"({"rsp":11,"result":0,"sno":4294967295,"description":"a \"quoted\" \\ / text"})",
         R"([1,-1,0.1,1e300,-0.0,18446744073709551615,-9223372036854775808,true,false,null])",
         R"({"a":{"b":{"c":[[],{},[1,[2,{"d":"e"}]]]}},"":"","f":[{}]})",
-        R"({"utf8":"\u00e4\u20ac\ud83d\ude00\u0001\n\t","\u00e4":["\u007f"]})"}) {
+        R"({"utf8":"\u00e4\u20ac\ud83d\ude00\u0001\n\t","\u00e4":["\u007f"]})",
+        "// before\n{\"a\":1, // behind\n \"b\":[1, /* in */ 2]} // last"}) {
     EXPECT_TRUE(PublicUtil::SafeParseJson(text, samples.emplace_back()));
   }
-  Json::Value& commented = samples.emplace_back();
-  commented["a"] = 1;
-  commented["a"].setComment(std::string("// behind"), Json::commentAfterOnSameLine);
-  commented["b"].append(2).setComment(std::string("/* in */"), Json::commentBefore);
-  commented.setComment(std::string("// before"), Json::commentBefore);
   Json::Value& longArray = samples.emplace_back();
   for (int i = 0; i < 100; ++i) longArray.append("a long item of an array");
   return samples;
