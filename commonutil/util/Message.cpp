@@ -112,7 +112,9 @@ void BuffMessageObject::CopyBuffer(const void* data, int len) {
 
 struct CommonMessageQueue::State {
   State();
-  int Post(CommonMessageNode node);
+  // Queues a node with a clone of the message, once `complete` has set the rest of it.
+  template <class Complete>
+  int Post(const MessageObject* message, void* user, Complete complete);
   // The oldest node and how many it leaves; an empty node that logs when there is none.
   std::pair<CommonMessageNode, std::size_t> Take();
   void Dispatch();
@@ -133,13 +135,20 @@ CommonMessageQueue::State::State() {
   (void)PRAX_SemInit(&m_queued, 0);  // fails for a null semaphore or a huge count only
 }
 
-int CommonMessageQueue::State::Post(CommonMessageNode node) {
-  {
-    const PraxLock hold(m_queueLock);
-    m_queue.push_front(std::move(node));
-  }
-  (void)PRAX_SemPost(&m_queued);  // fails at 2^31 nodes, long after the memory
-  return 0;
+template <class Complete>
+int CommonMessageQueue::State::Post(const MessageObject* message, void* user, Complete complete) {
+  return AtBoundary(kRefused, [&] {
+    CommonMessageNode node;
+    node.user = user;
+    node.message = Clone(message);
+    complete(node);
+    {
+      const PraxLock hold(m_queueLock);
+      m_queue.push_front(std::move(node));
+    }
+    (void)PRAX_SemPost(&m_queued);  // fails at 2^31 nodes, long after the memory
+    return 0;
+  });
 }
 
 std::pair<CommonMessageNode, std::size_t> CommonMessageQueue::State::Take() {
@@ -196,41 +205,29 @@ CommonMessageQueue::CommonMessageQueue() : m_state(new State) {
 
 int CommonMessageQueue::postMsg(const MessageObject* message, MessageCallback callback, void* user,
                                 int logFlag) {
-  return AtBoundary(kRefused, [&] {
-    CommonMessageNode node;
-    node.user = user;
-    node.message = Clone(message);
+  return m_state->Post(message, user, [&](CommonMessageNode& node) {
     node.callback = callback;
     node.logFlag = logFlag;
-    return m_state->Post(std::move(node));
   });
 }
 
 int CommonMessageQueue::postMsg(int type, int id, const MessageObject* message,
                                 TypedMessageCallback callback, void* user) {
-  return AtBoundary(kRefused, [&] {
-    CommonMessageNode node;
-    node.user = user;
+  return m_state->Post(message, user, [&](CommonMessageNode& node) {
     node.type = type;
     node.id = id;
-    node.message = Clone(message);
     node.typedCallback = callback;
-    return m_state->Post(std::move(node));
   });
 }
 
 int CommonMessageQueue::postMsg(int type, int id, const MessageObject* message,
                                 const MessageObject* secondMessage, TwoMessageCallback callback,
                                 void* user) {
-  return AtBoundary(kRefused, [&] {
-    CommonMessageNode node;
-    node.user = user;
+  return m_state->Post(message, user, [&](CommonMessageNode& node) {
     node.type = type;
     node.id = id;
-    node.message = Clone(message);
     node.secondMessage = Clone(secondMessage);
     node.twoCallback = callback;
-    return m_state->Post(std::move(node));
   });
 }
 
