@@ -18,4 +18,6 @@ class CommonUtilNotify : public CommonUtilOrbService, public commonutil::GlobalC
   // Waits for a notification that is being composed on another thread. A derived class calls
   // it first thing in its destructor, while the object is still whole.
   void LeaveFacade();
+  // A notification without its "param".
+  Json::Value Notification(const char* name, unsigned int number);
 };

@@ -22,7 +22,7 @@ class CommonUtilOrbService {
   virtual int ProcessRecvMsg(char* message) = 0;
   // Handles one parsed request and returns the oldest message of the secondary store, to be
   // deleted with delete[], or null. From the first call on, and for good, all replies go to
-  // the secondary store, which nothing else drains; notifications do not.
+  // the secondary store, which nothing else drains; notifications do not. One thread at a time.
   virtual char* ProcessCallFuncMsg(Json::Value& request) = 0;
   // The number of an event, unchanged.
   virtual unsigned int _makeNotifyMsgID(unsigned int event) = 0;

@@ -87,8 +87,6 @@ class CommonUtilService : public CommonUtilNotify,
   void ReplyWithoutAction(const char* command, const Json::Value& request);
   void SendProxyReply(const char* logText, const Json::Value& request,
                       const commonutil::ProxyInfo& proxy);
-  // A notification without its "param".
-  Json::Value Notification(const char* name, unsigned int number);
 
   // Key readers. A missing key, or a value of another type, leaves the destination as it is. A
   // text that does not fit leaves it empty. `object` must be an object or null: anything

@@ -80,13 +80,6 @@ void CommonUtilService::NetDetect(Json::Value& request, const char* fallback) {
   _makeRetMsgAndSend(result, request, fallback);
 }
 
-Json::Value CommonUtilService::Notification(const char* name, unsigned int number) {
-  Json::Value notification(Json::objectValue);
-  notification[key::kDescription] = name;
-  notification[key::kNotify] = static_cast<int>(_makeNotifyMsgID(number));
-  return notification;
-}
-
 void CommonUtilService::onNotifyNetDetectResult(const tagNET_DETECT_PROCESS_RESULT* result) {
   if (result == nullptr) return;
   WithService([result](CommonUtilService& service) {

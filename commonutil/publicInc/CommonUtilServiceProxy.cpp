@@ -9,6 +9,7 @@
 #include "publicInc/ProxyReply.h"
 #include "publicInc/ResultCode.h"
 #include "util/Log.h"
+#include "util/ScopeGuard.h"
 #include "util/SecureWipe.h"
 #include "util/UrlText.h"
 #include "zel_platform/http.h"
@@ -25,6 +26,8 @@ constexpr int kHighestPort = 65535;
 
 void CommonUtilService::SetUserInfo(Json::Value& request, const char*) {
   commonutil::tagZelUtilProxyInfo record;
+  const commonutil::ScopeGuard wipe(
+      [&record] { (void)memset_s(&record, sizeof(record), 0, sizeof(record)); });
   std::string serverURL;
   ConvertJsonToUserInfo(AsConst(request)[key::kParam], record, serverURL);
   ZEL_LOG_DATA(kInfo) << "SetUserInfo in cmd:" << request[key::kCmd].asUInt()
@@ -36,7 +39,6 @@ void CommonUtilService::SetUserInfo(Json::Value& request, const char*) {
                       << ", proxyAccPswd:";
   const int result =
       commonutil::CommonUtil::getInst().SetUserInfo(record, serverURL.c_str(), serverURL.size());
-  (void)memset_s(&record, sizeof(record), 0, sizeof(record));
   SendReply(ComposeReply(result, request, nullptr));
 }
 
