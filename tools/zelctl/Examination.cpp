@@ -87,8 +87,10 @@ const std::string& Examination::EffectiveKey() const {
 }
 
 bool Examination::HoldsData() const {
-  return !DependentFiles().empty() || IsThere(m_directory + "/" + kKeyStoreFolder) ||
-         IsThere(m_directory + "/" + kTrackFolder);
+  constexpr const char* kNames[] = {kDatabaseFile, kSaltFile, kKeyStoreFolder, kTrackFolder};
+  return !DependentFiles().empty() ||
+         std::any_of(std::begin(kNames), std::end(kNames),
+                     [this](const char* name) { return IsThere(m_directory + "/" + name); });
 }
 
 void Examination::ExamineModes() {
