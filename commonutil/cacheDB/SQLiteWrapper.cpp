@@ -30,6 +30,9 @@ constexpr int kTested = 1;
 constexpr char kProbeSql[] = "DROP TABLE IF EXISTS TestOpenTab;";
 
 constexpr char kReadSql[] = "SELECT COUNT(*) FROM sqlite_master;";
+constexpr char kPagesSql[] = "PRAGMA page_count;";
+constexpr char kUnsyncedSql[] = "PRAGMA synchronous = OFF;";
+constexpr char kSyncedSql[] = "PRAGMA synchronous = FULL;";
 constexpr char kWriteAheadSql[] = "PRAGMA journal_mode = WAL;";
 // Reaches for all that a write needs, and writes nothing.
 constexpr char kTrySql[] = "BEGIN IMMEDIATE; ROLLBACK;";
@@ -349,7 +352,10 @@ sqlite3* SQLiteDB::AddConnection() {
 // Behind the key, for it reads the file.
 bool SQLiteDB::StartWriteAhead(sqlite3* db) const {
   if (!IsUsable(db) || sqlite3_db_readonly(db, "main") == 1) return true;
+  // A power cut can take nothing from a new database; four syncs less for a first start.
+  if (ReadText(db, kPagesSql) == "0") (void)Run(db, kUnsyncedSql);
   const bool hasLog = ReadText(db, kWriteAheadSql) == "wal";
+  (void)Run(db, kSyncedSql);
   const int result = Run(db, kTrySql);
   if (hasLog && !LacksSideFile(result)) {
     (void)Run(db, kTuneSql);  // only a wish
