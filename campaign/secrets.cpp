@@ -36,7 +36,7 @@
 #include "publicInc/CommonUtilEntry.h"
 #include "publicInc/CommonUtilPrivateManager.h"
 #include "publicInc/CommonUtilTrackData.h"
-#include "support/Peer.h"
+#include "support/HttpPeers.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -400,14 +400,6 @@ std::vector<Sought> OwnKeys(const std::string& data) {
           {"the database's key", Needles(databaseKey), kMemory, "-none"}};
 }
 
-constexpr char kProxyConfiguration[] = R"(
-Listen 127.0.0.1
-Port {port}
-Timeout 60
-MaxClients 20
-LogFile "{dir}/tinyproxy.log"
-)";
-
 std::string ReadAll(int from) {
   std::string all;
   char block[4096];
@@ -443,9 +435,8 @@ int main(int argc, char** argv) {
 
   Secrets secrets;
   Make(secrets);
-  const support::Peer proxy({"/usr/bin/tinyproxy", "-d", "-c", "{dir}/tinyproxy.conf"},
-                            {{"tinyproxy.conf", kProxyConfiguration}});
-  const int port = proxy.Port();
+  const auto proxy = support::StartTinyproxy(support::ProxyAccess::kOpen);
+  const int port = proxy->Port();
   WriteAll(given[1], &port, sizeof port);
   WriteAll(given[1], &secrets, sizeof secrets);
   const std::string exported = ReadAll(messages[0]);
