@@ -224,7 +224,7 @@ TEST_F(CommonUtilTest, ThinCallsPassArgumentsAndResultsOn) {
                    "orb_set_local_addr_str 1 2", "orb_net_detect_jni 3"}));
   tagZelUtilSpecialParam event = {"id", "1", "2", "3", "{}", 77};
   for (const int result :
-       {m_facade.UTUploadData(), m_facade.UTConfigCustomParam({5, 6, 7}),
+       {m_facade.UTUploadData(), m_facade.UTConfigCustomParam({5, {6, 7}}),
         m_facade.UTAddConfMediaTrack(7, "data", true), m_facade.UTStartEvent("index", 3),
         m_facade.UTAddSubEvent("index", 3, {}), m_facade.UTFinishEvent("index", 3, event),
         m_facade.UTAddUserTrack(event), m_facade.UTSetCpuAndMemoryParam({{1, 2, 3}, "text"})}) {
