@@ -129,8 +129,8 @@ TEST_F(MessageQueueTest, PostsClonesAndSendsTheMessagesThemselvesInEachForm) {
 }
 
 TEST_F(MessageQueueTest, LogsLengthAndDurationOnlyWithTheFlag) {
-  std::atomic<unsigned long long> now{1700000000000};
-  PRAX_Ref_SetClock([&] { return now.load(); });
+  static std::atomic<unsigned long long> now{1700000000000};  // read once more after the last
+  PRAX_Ref_SetClock([] { return now.load(); });
   std::promise<void> gate;
   std::promise<void> end;
   Work wait = [&] { return gate.get_future().wait(), 0; };
