@@ -100,7 +100,7 @@ class NumberText {
   std::string_view View() const { return {m_text, static_cast<std::size_t>(m_end - m_text)}; }
 
  private:
-  char m_text[kNumberTextMax];
+  char m_text[kNumberTextMax] = {};
   const char* const m_end;
 };
 
